@@ -1,0 +1,19 @@
+// The feature flags: their exported property names and how a flag is read.
+#include <string.h>
+
+#include <cutils/properties.h>
+
+#include "common/flags.h"
+#include "tavikm.h"
+
+const char* supportMdfpp = "ro.product.tavi.support_mdfpp";
+const char* supportCBConly = "ro.product.tavi.support_cbc_only";
+const char* supportRekKek = "ro.product.tavi.support_rek_kek";
+
+bool km_flag_is_set(const char* property) {
+  char value[PROPERTY_VALUE_MAX] = {};
+  property_get(property, value, "");
+  return strcmp(value, "true") == 0;
+}
+
+bool mdfpp_property_get(const char* key) { return km_flag_is_set(key); }

@@ -1,0 +1,205 @@
+// The built-in secure-storage module: class "tavikm", device "kmstore", one file per entry in
+// the device directory's kmstore/ folder. Writes are atomic (temporary file, fsync, rename,
+// fsync of the folder), so an entry always holds either its old or its new image.
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include <openssl/sha.h>
+
+#include "builtin_modules.h"
+#include "tavikm.h"
+#include "tavikm_host/device.h"
+#include "tavikm_host/kmstore.h"
+
+namespace {
+
+std::mutex g_hook_mutex;
+std::function<bool(const std::string&)> g_before_rename;
+
+// Folder of the entries, created on demand (the device directory may change between calls).
+std::string KmstoreDir() {
+  std::string dir = tavikm_host::DevicePath("kmstore");
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return "";
+  return dir;
+}
+
+std::string EntryPath(const char* name, std::string* dir_out) {
+  std::string dir;
+  try {
+    dir = KmstoreDir();
+  } catch (const std::exception&) {
+    return "";
+  }
+  if (dir.empty()) return "";
+  if (dir_out) *dir_out = dir;
+  return dir + "/" + tavikm_host::KmstoreEntryFileName(name);
+}
+
+void SyncDir(const std::string& dir) {
+  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) {
+    fsync(fd);
+    close(fd);
+  }
+}
+
+bool WriteAll(int fd, const uint8_t* data, uint64_t length) {
+  while (length > 0) {
+    ssize_t n = write(fd, data, length);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    length -= static_cast<uint64_t>(n);
+  }
+  return true;
+}
+
+int KmstoreRead(const char* name, uint8_t* buffer, uint64_t* size) {
+  if (!name || !size || (!buffer && *size)) return -EINVAL;
+  std::string path = EntryPath(name, nullptr);
+  if (path.empty()) return -EIO;
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return errno == ENOENT ? 1 : -errno;
+  struct stat st;
+  if (fstat(fd, &st) != 0) {
+    int err = errno;
+    close(fd);
+    return -err;
+  }
+  uint64_t stored = static_cast<uint64_t>(st.st_size);
+  uint64_t want = stored < *size ? stored : *size;
+  uint64_t got = 0;
+  while (got < want) {
+    ssize_t n = read(fd, buffer + got, want - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      close(fd);
+      return -EIO;
+    }
+    got += static_cast<uint64_t>(n);
+  }
+  close(fd);
+  *size = stored;
+  return 0;
+}
+
+int KmstoreWrite(const char* name, const uint8_t* buffer, uint64_t length) {
+  if (!name || (!buffer && length)) return -EINVAL;
+  std::string dir;
+  std::string path = EntryPath(name, &dir);
+  if (path.empty()) return -EIO;
+  std::string file = tavikm_host::KmstoreEntryFileName(name);
+  // Entry file names never start with '.', so a temporary file cannot shadow an entry.
+  std::string tmp = dir + "/.tmp-" + std::to_string(getpid()) + "-" + file;
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return -errno;
+  bool ok = WriteAll(fd, buffer, length) && fsync(fd) == 0;
+  ok = (close(fd) == 0) && ok;
+  if (ok) {
+    std::function<bool(const std::string&)> hook;
+    {
+      std::lock_guard<std::mutex> lock(g_hook_mutex);
+      hook = g_before_rename;
+    }
+    if (hook && !hook(name)) ok = false;
+  }
+  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
+    unlink(tmp.c_str());
+    return -EIO;
+  }
+  SyncDir(dir);
+  return 0;
+}
+
+int KmstoreRemove(const char* name) {
+  if (!name) return -EINVAL;
+  std::string dir;
+  std::string path = EntryPath(name, &dir);
+  if (path.empty()) return -EIO;
+  if (unlink(path.c_str()) != 0) return errno == ENOENT ? 1 : -errno;
+  SyncDir(dir);
+  return 0;
+}
+
+int KmstoreClose(hw_device_t*) { return 0; }
+
+hw_module_methods_t g_methods = {
+    .open = [](const hw_module_t* module, const char* id, hw_device_t** device) -> int {
+      static kmstore_device dev = [] {
+        kmstore_device d{};
+        d.common.tag = HARDWARE_DEVICE_TAG;
+        d.common.version = 1;
+        d.common.close = KmstoreClose;
+        d.read = KmstoreRead;
+        d.write = KmstoreWrite;
+        d.remove = KmstoreRemove;
+        return d;
+      }();
+      if (!device) return -EINVAL;
+      *device = nullptr;
+      if (!id || strcmp(id, "kmstore") != 0) return -ENODEV;
+      dev.common.module = const_cast<hw_module_t*>(module);
+      *device = &dev.common;
+      return 0;
+    },
+};
+
+hw_module_t g_module = {
+    .tag = HARDWARE_MODULE_TAG,
+    .module_api_version = HARDWARE_MODULE_API_VERSION(1, 0),
+    .hal_api_version = HARDWARE_MAKE_API_VERSION(1, 0),
+    .id = "tavikm",
+    .name = "tavikm host secure storage",
+    .author = "tavikm host platform",
+    .methods = &g_methods,
+    .dso = nullptr,
+    .reserved = {},
+};
+
+}  // namespace
+
+namespace tavikm_host {
+
+std::string KmstoreEntryFileName(const std::string& name) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string encoded = "e-";
+  for (unsigned char c : name) {
+    if (isalnum(c) || c == '_' || c == '-') {
+      encoded += static_cast<char>(c);
+    } else {
+      encoded += '%';
+      encoded += kHex[c >> 4];
+      encoded += kHex[c & 15];
+    }
+  }
+  // File names stop at 255 bytes: keep a readable prefix and make long names distinct by hash.
+  if (encoded.size() > 200) {
+    uint8_t digest[SHA256_DIGEST_LENGTH];
+    SHA256(reinterpret_cast<const uint8_t*>(name.data()), name.size(), digest);
+    encoded.resize(120);
+    encoded += '~';
+    for (uint8_t b : digest) {
+      encoded += kHex[b >> 4];
+      encoded += kHex[b & 15];
+    }
+  }
+  return encoded;
+}
+
+void SetKmstoreBeforeRenameHook(std::function<bool(const std::string& name)> hook) {
+  std::lock_guard<std::mutex> lock(g_hook_mutex);
+  g_before_rename = std::move(hook);
+}
+
+namespace internal {
+const hw_module_t* KmstoreModule() { return &g_module; }
+}  // namespace internal
+
+}  // namespace tavikm_host
