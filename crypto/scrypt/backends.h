@@ -1,0 +1,43 @@
+// The Salsa20/8 back ends behind crypto_scrypt: one SMix implementation per instruction set,
+// one of which is chosen once per process from the CPU's features and a known-answer test.
+// White-box tests use this header to run every back end the CPU can run.
+#ifndef TAVIKM_CRYPTO_SCRYPT_BACKENDS_H_
+#define TAVIKM_CRYPTO_SCRYPT_BACKENDS_H_
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <vector>
+
+struct km_scrypt_backend {
+  const char* name;
+  // Whether this CPU has the instructions the back end uses.
+  bool (*cpu_supported)();
+  // ROMix of RFC 7914 on one 128 * r-byte chunk `B` (little-endian bytes, updated in place).
+  // `V` holds max(N, 2) entries of 128 * r bytes and `XY` 256 * r + 64 bytes, both aligned
+  // to 64 bytes. N is a power of two.
+  void (*smix)(uint8_t* B, size_t r, uint64_t N, void* V, void* XY);
+};
+
+// Defined by the back-end files built for this architecture.
+extern const km_scrypt_backend km_scrypt_portable;
+
+// Every back end built into the library, preferred first; the portable one is last.
+std::vector<const km_scrypt_backend*> km_scrypt_all_backends();
+
+// The back ends this CPU supports and that pass the known-answer test, preferred first.
+std::vector<const km_scrypt_backend*> km_scrypt_usable_backends();
+
+// The back end crypto_scrypt runs: the first usable one, chosen on first use (thread-safe).
+const km_scrypt_backend* km_scrypt_selected_backend();
+
+// Whether `backend` computes RFC 7914's first test vector correctly on this CPU.
+bool km_scrypt_self_test(const km_scrypt_backend* backend);
+
+// crypto_scrypt with a chosen back end (nullptr: the selected one): same arguments, checks,
+// errno and result.
+int km_crypto_scrypt_with(const km_scrypt_backend* backend, const uint8_t* password,
+                          size_t password_len, const uint8_t* salt, size_t salt_len, uint64_t N,
+                          uint32_t r, uint32_t p, uint8_t* out, size_t out_len);
+
+#endif  // TAVIKM_CRYPTO_SCRYPT_BACKENDS_H_
