@@ -1,0 +1,67 @@
+// The KDF table and its two plain entries, PBKDF2-HMAC-SHA256 and scrypt. Both read their
+// parameters from the caller's record; neither reports failure, see km_scrypt.
+#include "crypto/kdf.h"
+
+#include <openssl/evp.h>
+
+#include "common/log.h"
+
+namespace {
+
+constexpr unsigned kSaltLength = 16;
+constexpr unsigned kPbkdf2Iterations = 8192;
+
+int km_pbkdf2(const char* password, unsigned long password_len, const unsigned char* salt,
+              unsigned char* out, void* params) {
+  const auto* meta = static_cast<const km_meta*>(params);
+  KM_LOGI("Using pbkdf2 for KDF");
+  // The result is not examined: a failure leaves `out` as the caller zeroed it, and the callers
+  // refuse an all-zero key.
+  PKCS5_PBKDF2_HMAC(password, password_len, salt, kSaltLength, kPbkdf2Iterations, EVP_sha256(),
+                    meta->keysize, out);
+  return 0;
+}
+
+int km_scrypt(const char* password, unsigned long password_len, const unsigned char* salt,
+              unsigned char* out, void* params) {
+  const auto* meta = static_cast<const km_meta*>(params);
+  // The record stores log2 values. N is a signed 32-bit power widened with its sign, so a
+  // factor of 31 gives a huge N that crypto_scrypt refuses.
+  const int32_t n32 = static_cast<int32_t>(UINT32_C(1) << (meta->N_factor & 31));
+  const uint64_t N = static_cast<uint64_t>(static_cast<int64_t>(n32));
+  const uint32_t r = UINT32_C(1) << (meta->r_factor & 31);
+  const uint32_t p = UINT32_C(1) << (meta->p_factor & 31);
+  KM_LOGI("Using scrypt for KDF");
+  // Deliberately 0 whatever scrypt says: a failed run leaves `out` all zero, which the callers
+  // refuse ("key is null").
+  crypto_scrypt(reinterpret_cast<const uint8_t*>(password), password_len, salt, kSaltLength, N,
+                r, p, out, meta->keysize);
+  return 0;
+}
+
+// Stands in for entries that are not built yet; fails without a word, so a record of such a
+// type cannot be wrapped or unwrapped.
+int km_kdf_not_available(const char*, unsigned long, const unsigned char*, unsigned char*,
+                         void*) {
+  return -1;
+}
+
+}  // namespace
+
+const km_kdf_table_t km_kdf_table = {
+    km_pbkdf2,             // 1: PBKDF2
+    km_scrypt,             // 2: scrypt
+    km_kdf_not_available,  // 3: km_scrypt_keymaster, which refuses this type
+    km_kdf_not_available,  // 4: km_pbkdf2_rek
+    km_kdf_not_available,  // 5: km_scrypt_keymaster
+};
+
+km_kdf_fn km_kdf_lookup(const km_kdf_table_t& table, uint8_t kdf_type) {
+  // kdf_type 0 wraps to a huge index and is refused with the types above 5.
+  const unsigned index = static_cast<unsigned>(kdf_type) - 1u;
+  if (index >= table.size()) {
+    KM_LOGE("KDF(%d) is not supported", kdf_type);
+    return nullptr;
+  }
+  return table[index];
+}
