@@ -91,9 +91,9 @@ int AesCbc(const CbcDirection& dir, const uint8_t* in, int in_len, const uint8_t
 
 }  // namespace
 
-int km_aes_gcm_encrypt(const uint8_t* plaintext, int plaintext_len, const uint8_t* aad,
-                       int aad_len, const uint8_t* key, size_t key_len, const uint8_t* iv,
-                       uint8_t* ciphertext, uint8_t* tag) {
+int km_aes_gcm_encrypt(const uint8_t* plaintext, int plaintext_len, const uint8_t* aad, int aad_len,
+                       const uint8_t* key, size_t key_len, const uint8_t* iv, uint8_t* ciphertext,
+                       uint8_t* tag) {
   static const char kName[] = "km_aes_gcm_encrypt";
   const EVP_CIPHER* cipher = GcmCipher(key_len);
   if (!cipher) {
@@ -165,8 +165,8 @@ int km_aes_gcm_decrypt(const uint8_t* ciphertext, int ciphertext_len, const uint
     return -1;
   }
   // libcrypto takes a non-const tag buffer; it only reads it.
-  if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, kTagLength,
-                          const_cast<uint8_t*>(tag)) != 1) {
+  if (EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, kTagLength, const_cast<uint8_t*>(tag)) !=
+      1) {
     KM_LOGE("(%s)Failed to EVP_CIPHER_CTX_ctrl to set ecpected tag value", kName);
     return -1;
   }

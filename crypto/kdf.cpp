@@ -34,15 +34,14 @@ int km_scrypt(const char* password, unsigned long password_len, const unsigned c
   KM_LOGI("Using scrypt for KDF");
   // Deliberately 0 whatever scrypt says: a failed run leaves `out` all zero, which the callers
   // refuse ("key is null").
-  crypto_scrypt(reinterpret_cast<const uint8_t*>(password), password_len, salt, kSaltLength, N,
-                r, p, out, meta->keysize);
+  crypto_scrypt(reinterpret_cast<const uint8_t*>(password), password_len, salt, kSaltLength, N, r,
+                p, out, meta->keysize);
   return 0;
 }
 
 // Stands in for entries that are not built yet; fails without a word, so a record of such a
 // type cannot be wrapped or unwrapped.
-int km_kdf_not_available(const char*, unsigned long, const unsigned char*, unsigned char*,
-                         void*) {
+int km_kdf_not_available(const char*, unsigned long, const unsigned char*, unsigned char*, void*) {
   return -1;
 }
 

@@ -1,8 +1,7 @@
 // Random bytes from libcrypto's generator.
-#include <stdint.h>
-
 #include <openssl/err.h>
 #include <openssl/rand.h>
+#include <stdint.h>
 
 #include "common/log.h"
 #include "tavikm.h"

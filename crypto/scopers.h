@@ -3,9 +3,9 @@
 #ifndef TAVIKM_CRYPTO_SCOPERS_H_
 #define TAVIKM_CRYPTO_SCOPERS_H_
 
-#include <memory>
-
 #include <openssl/evp.h>
+
+#include <memory>
 
 namespace tavikm {
 

@@ -3,11 +3,10 @@
 // key stands in for the tag.
 #include "crypto/wrap.h"
 
-#include <string.h>
-
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
+#include <string.h>
 
 #include "common/flags.h"
 #include "common/log.h"
@@ -80,9 +79,9 @@ bool DeriveKey(const km_kdf_table_t& kdfs, const char* op, const char* password,
 
 }  // namespace
 
-int km_encrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password,
-                             size_t password_len, const uint8_t* salt, uint8_t* wrapped,
-                             const uint8_t* master_key, km_meta* meta) {
+int km_encrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password, size_t password_len,
+                             const uint8_t* salt, uint8_t* wrapped, const uint8_t* master_key,
+                             km_meta* meta) {
   static const char kName[] = "km_encrypt_key";
   DerivedKey key;
   int kdf_rc = 0;
@@ -105,8 +104,8 @@ int km_encrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password,
     }
   } else {
     // The record is left alone: the password MAC is made separately.
-    int n = km_aes_encrypt(master_key, keysize, key.data(), meta->keysize, meta->key_iv, wrapped,
-                           0);
+    int n =
+        km_aes_encrypt(master_key, keysize, key.data(), meta->keysize, meta->key_iv, wrapped, 0);
     if (n != keysize) {
       KM_LOGE("Failed to encrypt key with CBC mode\n");
       return -1;
@@ -115,9 +114,9 @@ int km_encrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password,
   return 0;
 }
 
-int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password,
-                             size_t password_len, const uint8_t* salt, const uint8_t* wrapped,
-                             uint8_t* master_key, km_meta* meta) {
+int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password, size_t password_len,
+                             const uint8_t* salt, const uint8_t* wrapped, uint8_t* master_key,
+                             km_meta* meta) {
   static const char kName[] = "km_decrypt_key";
   DerivedKey key;
   int kdf_rc = 0;
@@ -137,8 +136,8 @@ int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password,
     if (n != keysize) {
       // Keys once wrapped under the all-zero key still open, and say so with their own result.
       key.Wipe();
-      n = km_aes_gcm_decrypt(wrapped, keysize, nullptr, 0, meta->key_mac, kZeroKey,
-                             meta->keysize, meta->key_iv, master_key);
+      n = km_aes_gcm_decrypt(wrapped, keysize, nullptr, 0, meta->key_mac, kZeroKey, meta->keysize,
+                             meta->key_iv, master_key);
       if (n == keysize) return kOpenedUnderZeroKey;
       KM_LOGE("(%s)Failed to decrypt_gcm key keysize=%zu\n", kName,
               static_cast<size_t>(meta->keysize));
@@ -146,8 +145,8 @@ int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password,
     }
   } else {
     // CBC cannot tell a wrong password; callers check the password MAC first.
-    int n = km_aes_decrypt(wrapped, keysize, key.data(), meta->keysize, meta->key_iv, master_key,
-                           0);
+    int n =
+        km_aes_decrypt(wrapped, keysize, key.data(), meta->keysize, meta->key_iv, master_key, 0);
     if (n != keysize) {
       KM_LOGE("(%s)Failed to decrypt key\n", kName);
       return -1;
@@ -192,22 +191,22 @@ int km_get_key_mac_by_password_with_kdfs(const km_kdf_table_t& kdfs, const uint8
   return 0;
 }
 
-int km_encrypt_key(const char* password, size_t password_len, const uint8_t* salt,
-                   uint8_t* wrapped, const uint8_t* master_key, km_meta* meta) {
-  return km_encrypt_key_with_kdfs(km_kdf_table, password, password_len, salt, wrapped,
-                                  master_key, meta);
+int km_encrypt_key(const char* password, size_t password_len, const uint8_t* salt, uint8_t* wrapped,
+                   const uint8_t* master_key, km_meta* meta) {
+  return km_encrypt_key_with_kdfs(km_kdf_table, password, password_len, salt, wrapped, master_key,
+                                  meta);
 }
 
 int km_decrypt_key(const char* password, size_t password_len, const uint8_t* salt,
                    const uint8_t* wrapped, uint8_t* master_key, km_meta* meta) {
-  return km_decrypt_key_with_kdfs(km_kdf_table, password, password_len, salt, wrapped,
-                                  master_key, meta);
+  return km_decrypt_key_with_kdfs(km_kdf_table, password, password_len, salt, wrapped, master_key,
+                                  meta);
 }
 
 int km_get_key_mac_by_password(const uint8_t* wrapped, const uint8_t* salt, const char* password,
                                size_t password_len, uint8_t* mac, km_meta* meta) {
-  return km_get_key_mac_by_password_with_kdfs(km_kdf_table, wrapped, salt, password,
-                                              password_len, mac, meta);
+  return km_get_key_mac_by_password_with_kdfs(km_kdf_table, wrapped, salt, password, password_len,
+                                              mac, meta);
 }
 
 int km_verify_key_mac(const uint8_t* stored, const uint8_t* computed) {

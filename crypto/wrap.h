@@ -9,13 +9,13 @@
 #include "crypto/kdf.h"
 #include "tavikm.h"
 
-int km_encrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password,
-                             size_t password_len, const uint8_t* salt, uint8_t* wrapped,
-                             const uint8_t* master_key, km_meta* meta);
+int km_encrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password, size_t password_len,
+                             const uint8_t* salt, uint8_t* wrapped, const uint8_t* master_key,
+                             km_meta* meta);
 
-int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password,
-                             size_t password_len, const uint8_t* salt, const uint8_t* wrapped,
-                             uint8_t* master_key, km_meta* meta);
+int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password, size_t password_len,
+                             const uint8_t* salt, const uint8_t* wrapped, uint8_t* master_key,
+                             km_meta* meta);
 
 int km_get_key_mac_by_password_with_kdfs(const km_kdf_table_t& kdfs, const uint8_t* wrapped,
                                          const uint8_t* salt, const char* password,

@@ -1,11 +1,10 @@
 // The KDF table's two plain entries against independently computed keys, and scrypt factors
 // that crypto_scrypt refuses.
+#include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "crypto/kdf.h"
 #include "support/log_capture.h"

@@ -2,6 +2,7 @@
 // wrappers' refusals, padding switch and tag check, SHA-256 and random bytes, with the exact log
 // lines each failure leaves. Known-answer runs over published vectors live in
 // crypto_vectors_test.cpp.
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -9,8 +10,6 @@
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/log_capture.h"
 #include "tavikm.h"
@@ -142,8 +141,8 @@ TEST_F(CryptoPrimitivesTest, GcmTagTravelsApartAndAnyFlippedBitFails) {
             32);
   EXPECT_NE(tag, Bytes(16, 0));
   Bytes back(32);
-  ASSERT_EQ(km_aes_gcm_decrypt(cipher.data(), 32, nullptr, 0, tag.data(), key.data(), 32,
-                               iv.data(), back.data()),
+  ASSERT_EQ(km_aes_gcm_decrypt(cipher.data(), 32, nullptr, 0, tag.data(), key.data(), 32, iv.data(),
+                               back.data()),
             32);
   EXPECT_EQ(back, plain);
   EXPECT_TRUE(log_.Lines().empty());
@@ -163,8 +162,8 @@ TEST_F(CryptoPrimitivesTest, GcmTagTravelsApartAndAnyFlippedBitFails) {
   // A flipped ciphertext bit fails the same way.
   log_.Clear();
   cipher[31] ^= 0x80;
-  EXPECT_EQ(km_aes_gcm_decrypt(cipher.data(), 32, nullptr, 0, tag.data(), key.data(), 32,
-                               iv.data(), back.data()),
+  EXPECT_EQ(km_aes_gcm_decrypt(cipher.data(), 32, nullptr, 0, tag.data(), key.data(), 32, iv.data(),
+                               back.data()),
             -1);
   EXPECT_EQ(log_.Lines().size(), 1u);
 }
@@ -187,8 +186,8 @@ TEST_F(CryptoPrimitivesTest, GcmNullAadIgnoresItsLength) {
   EXPECT_NE(aad_tag, plain_tag);
 
   Bytes back(20);
-  EXPECT_EQ(km_aes_gcm_decrypt(plain_ct.data(), 20, nullptr, 16, plain_tag.data(), key.data(),
-                               16, iv.data(), back.data()),
+  EXPECT_EQ(km_aes_gcm_decrypt(plain_ct.data(), 20, nullptr, 16, plain_tag.data(), key.data(), 16,
+                               iv.data(), back.data()),
             20);
   EXPECT_EQ(back, plain);
   EXPECT_EQ(km_aes_gcm_decrypt(aad_ct.data(), 20, aad.data(), 5, aad_tag.data(), key.data(), 16,
@@ -256,8 +255,7 @@ TEST_F(CryptoPrimitivesTest, Sha256KnownAnswers) {
   };
   for (const Case& c : cases) {
     uint8_t digest[32];
-    ASSERT_EQ(km_sha256(reinterpret_cast<const uint8_t*>(c.data.data()), c.data.size(), digest),
-              0);
+    ASSERT_EQ(km_sha256(reinterpret_cast<const uint8_t*>(c.data.data()), c.data.size(), digest), 0);
     char hex[65];
     km_convert_key_to_hex_ascii(digest, sizeof(digest), hex);
     EXPECT_STREQ(hex, c.hex) << c.data;

@@ -1,11 +1,10 @@
 // Wycheproof known answers through the library's AES entry points: AES-GCM with a 16-byte IV
 // and AES-CBC with PKCS#7 padding, for the 128- and 256-bit keys the library offers.
+#include <gtest/gtest.h>
 #include <stdint.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "json_reader.h"
 #include "support/log_capture.h"
@@ -61,14 +60,12 @@ TEST_F(CryptoVectorsTest, AesGcmWith16ByteIv) {
       if (t["result"].string == "valid") {
         ++valid;
         ASSERT_EQ(km_aes_gcm_encrypt(Data(msg), static_cast<int>(msg.size()), aad_ptr, aad_len,
-                                     key.data(), key.size(), iv.data(), out.data(),
-                                     out_tag.data()),
+                                     key.data(), key.size(), iv.data(), out.data(), out_tag.data()),
                   static_cast<int>(msg.size()));
         EXPECT_EQ(Bytes(out.begin(), out.begin() + msg.size()), ct);
         EXPECT_EQ(out_tag, tag);
         ASSERT_EQ(km_aes_gcm_decrypt(Data(ct), static_cast<int>(ct.size()), aad_ptr, aad_len,
-                                     tag.data(), key.data(), key.size(), iv.data(),
-                                     plain.data()),
+                                     tag.data(), key.data(), key.size(), iv.data(), plain.data()),
                   static_cast<int>(ct.size()));
         EXPECT_EQ(Bytes(plain.begin(), plain.begin() + ct.size()), msg);
         // The same case with its last tag bit flipped must not open.

@@ -1,16 +1,14 @@
 // Wrapping the master key under a password: GCM and CBC-only modes against independently
 // computed results, the all-zero-key rules, KDF lookup and failure paths, the password MAC, and
 // the exact log lines of each.
-#include <string.h>
-
+#include <cutils/properties.h>
+#include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
+#include <string.h>
 
 #include <string>
 #include <vector>
-
-#include <cutils/properties.h>
-#include <gtest/gtest.h>
 
 #include "crypto/kdf.h"
 #include "crypto/wrap.h"
@@ -206,17 +204,18 @@ TEST_F(CryptoWrapTest, KdfTypesWithoutAnEntryAreRefused) {
   for (int type : {0, 6, 255}) {
     SCOPED_TRACE(type);
     meta_.kdf_type = static_cast<uint8_t>(type);
-    const LogLine unsupported = LogLine::Error("KDF(" + std::to_string(type) + ") is not supported");
+    const LogLine unsupported =
+        LogLine::Error("KDF(" + std::to_string(type) + ") is not supported");
     const std::string for_name = std::string("(for ") + kKeyName + ")\n";
     log_.Clear();
     EXPECT_EQ(Encrypt(), -1);
     EXPECT_EQ(Decrypt(), -1);
     EXPECT_EQ(Mac(mac), -1);
-    EXPECT_EQ(log_.Lines(),
-              (Lines{unsupported, LogLine::Error("km_encrypt_key::kdf is NULL" + for_name),
-                     unsupported, LogLine::Error("km_decrypt_key::kdf is NULL" + for_name),
-                     unsupported,
-                     LogLine::Error("km_get_key_mac_by_password::kdf is NULL" + for_name)}));
+    EXPECT_EQ(
+        log_.Lines(),
+        (Lines{unsupported, LogLine::Error("km_encrypt_key::kdf is NULL" + for_name), unsupported,
+               LogLine::Error("km_decrypt_key::kdf is NULL" + for_name), unsupported,
+               LogLine::Error("km_get_key_mac_by_password::kdf is NULL" + for_name)}));
   }
 }
 
@@ -242,8 +241,8 @@ TEST_F(CryptoWrapTest, KdfCodeReachesOnlyTheUnwrapCaller) {
   uint8_t mac[32];
   EXPECT_EQ(km_encrypt_key_with_kdfs(table, kPassword, 5, salt_, wrapped_, master_, &meta_), -1);
   EXPECT_EQ(km_decrypt_key_with_kdfs(table, kPassword, 5, salt_, wrapped_, unwrapped_, &meta_), 7);
-  EXPECT_EQ(
-      km_get_key_mac_by_password_with_kdfs(table, wrapped_, salt_, kPassword, 5, mac, &meta_), -1);
+  EXPECT_EQ(km_get_key_mac_by_password_with_kdfs(table, wrapped_, salt_, kPassword, 5, mac, &meta_),
+            -1);
   EXPECT_EQ(log_.Lines(),
             (Lines{LogLine::Error("km_encrypt_key::kdf failed"),
                    LogLine::Error("km_decrypt_key : kdf failed, rc=7"),
@@ -256,10 +255,9 @@ TEST_F(CryptoWrapTest, ZeroDerivedKeyStopsWrappingButNotTheMac) {
     const km_kdf_table_t table = TableOf(kdf);
     meta_.keysize = 16;
     log_.Clear();
-    EXPECT_EQ(km_encrypt_key_with_kdfs(table, kPassword, 5, salt_, wrapped_, master_, &meta_),
+    EXPECT_EQ(km_encrypt_key_with_kdfs(table, kPassword, 5, salt_, wrapped_, master_, &meta_), -1);
+    EXPECT_EQ(km_decrypt_key_with_kdfs(table, kPassword, 5, salt_, wrapped_, unwrapped_, &meta_),
               -1);
-    EXPECT_EQ(
-        km_decrypt_key_with_kdfs(table, kPassword, 5, salt_, wrapped_, unwrapped_, &meta_), -1);
     EXPECT_EQ(log_.Lines(), (Lines{LogLine::Error("km_encrypt_key::key is null"),
                                    LogLine::Error("km_decrypt_key::key is null")}));
   }
@@ -294,11 +292,10 @@ TEST_F(CryptoWrapTest, KeysizeOtherThan16Or32FailsInTheAesLayer) {
   log_.Clear();
   EXPECT_EQ(Encrypt(), -1);
   EXPECT_EQ(Decrypt(), -1);
-  EXPECT_EQ(log_.Lines(),
-            (Lines{kPbkdf2Line, LogLine::Error("(km_aes_encrypt)Invalid keysize 24"),
-                   LogLine::Error("Failed to encrypt key with CBC mode\n"), kPbkdf2Line,
-                   LogLine::Error("(km_aes_decrypt)Invalid keysize 24"),
-                   LogLine::Error("(km_decrypt_key)Failed to decrypt key\n")}));
+  EXPECT_EQ(log_.Lines(), (Lines{kPbkdf2Line, LogLine::Error("(km_aes_encrypt)Invalid keysize 24"),
+                                 LogLine::Error("Failed to encrypt key with CBC mode\n"),
+                                 kPbkdf2Line, LogLine::Error("(km_aes_decrypt)Invalid keysize 24"),
+                                 LogLine::Error("(km_decrypt_key)Failed to decrypt key\n")}));
 }
 
 TEST_F(CryptoWrapTest, KeysizeBeyondTheKeyBufferNeverReachesTheKdf) {
@@ -308,10 +305,9 @@ TEST_F(CryptoWrapTest, KeysizeBeyondTheKeyBufferNeverReachesTheKdf) {
   EXPECT_EQ(Decrypt(), -1);
   EXPECT_EQ(Mac(mac), -1);
   const std::string tail = std::string(" is too large(for ") + kKeyName + ")\n";
-  EXPECT_EQ(log_.Lines(),
-            (Lines{LogLine::Error("km_encrypt_key::keysize 65" + tail),
-                   LogLine::Error("km_decrypt_key::keysize 65" + tail),
-                   LogLine::Error("km_get_key_mac_by_password::keysize 65" + tail)}));
+  EXPECT_EQ(log_.Lines(), (Lines{LogLine::Error("km_encrypt_key::keysize 65" + tail),
+                                 LogLine::Error("km_decrypt_key::keysize 65" + tail),
+                                 LogLine::Error("km_get_key_mac_by_password::keysize 65" + tail)}));
 }
 
 TEST_F(CryptoWrapTest, KeyNameInMessagesStopsAtTheEndOfItsField) {
@@ -343,8 +339,9 @@ TEST_F(CryptoWrapTest, MacChecksItsPointersInOrder) {
   for (const Case& c : cases) {
     log_.Clear();
     EXPECT_EQ(km_get_key_mac_by_password(c.wrapped, c.salt, c.password, 5, c.mac, &meta_), -1);
-    EXPECT_EQ(log_.Lines(), (Lines{LogLine::Error(std::string("km_get_key_mac_by_password::Failed, ") +
-                                                  c.message + " is NULL! \n")}));
+    EXPECT_EQ(log_.Lines(),
+              (Lines{LogLine::Error(std::string("km_get_key_mac_by_password::Failed, ") +
+                                    c.message + " is NULL! \n")}));
   }
 }
 
