@@ -25,17 +25,12 @@ int km_pbkdf2(const char* password, unsigned long password_len, const unsigned c
 int km_scrypt(const char* password, unsigned long password_len, const unsigned char* salt,
               unsigned char* out, void* params) {
   const auto* meta = static_cast<const km_meta*>(params);
-  // The record stores log2 values. N is a signed 32-bit power widened with its sign, so a
-  // factor of 31 gives a huge N that crypto_scrypt refuses.
-  const int32_t n32 = static_cast<int32_t>(UINT32_C(1) << (meta->N_factor & 31));
-  const uint64_t N = static_cast<uint64_t>(static_cast<int64_t>(n32));
-  const uint32_t r = UINT32_C(1) << (meta->r_factor & 31);
-  const uint32_t p = UINT32_C(1) << (meta->p_factor & 31);
+  const km_scrypt_cost cost = km_scrypt_cost_of(meta);
   KM_LOGI("Using scrypt for KDF");
   // Deliberately 0 whatever scrypt says: a failed run leaves `out` all zero, which the callers
   // refuse ("key is null").
-  crypto_scrypt(reinterpret_cast<const uint8_t*>(password), password_len, salt, kSaltLength, N, r,
-                p, out, meta->keysize);
+  crypto_scrypt(reinterpret_cast<const uint8_t*>(password), password_len, salt, kSaltLength,
+                cost.N, cost.r, cost.p, out, meta->keysize);
   return 0;
 }
 
@@ -54,6 +49,12 @@ const km_kdf_table_t km_kdf_table = {
     km_kdf_not_available,  // 4: km_pbkdf2_rek
     km_kdf_not_available,  // 5: km_scrypt_keymaster
 };
+
+km_scrypt_cost km_scrypt_cost_of(const km_meta* meta) {
+  const int32_t n32 = static_cast<int32_t>(UINT32_C(1) << (meta->N_factor & 31));
+  return km_scrypt_cost{static_cast<uint64_t>(static_cast<int64_t>(n32)),
+                        UINT32_C(1) << (meta->r_factor & 31), UINT32_C(1) << (meta->p_factor & 31)};
+}
 
 km_kdf_fn km_kdf_lookup(const km_kdf_table_t& table, uint8_t kdf_type) {
   // kdf_type 0 wraps to a huge index and is refused with the types above 5.

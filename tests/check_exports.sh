@@ -5,7 +5,7 @@ set -euo pipefail
 lib=$1
 expected=$2
 NM=${NM:-nm}
-actual=$("$NM" -D --defined-only "$lib" | awk '{print $NF}' | grep -v -E '^(_init|_fini|_edata|_end|__bss_start)$' | sort -u)
+actual=$("$NM" -D --defined-only "$lib" | awk '{print $NF}' | grep -v -E '^(_init|_fini|_edata|_end|__bss_start|__odr_asan\..*)$' | sort -u)
 want=$(grep -v -E '^\s*(#|$)' "$expected" | sort -u)
 if [ "$actual" != "$want" ]; then
   echo "exported symbols of $lib differ from $expected:"
