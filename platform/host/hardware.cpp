@@ -38,6 +38,7 @@ std::map<std::string, int> g_lookups;
 
 const hw_module_t* Builtin(const std::string& class_id) {
   if (class_id == "tavikm") return tavikm_host::internal::KmstoreModule();
+  if (class_id == "keystore") return tavikm_host::internal::KeystoreModule();
   return nullptr;
 }
 

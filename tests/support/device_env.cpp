@@ -9,6 +9,7 @@
 #include <iterator>
 
 #include "tavikm_host/device.h"
+#include "tavikm_host/keymaster.h"
 #include "tavikm_host/kmstore.h"
 #include "tavikm_host/modules.h"
 
@@ -26,10 +27,12 @@ TempDeviceDir::TempDeviceDir() {
   tavikm_host::ResetProperties();
   tavikm_host::RestoreBuiltinModules();
   tavikm_host::SetKmstoreBeforeRenameHook({});
+  tavikm_host::ResetKeymaster();
 }
 
 TempDeviceDir::~TempDeviceDir() {
   tavikm_host::SetKmstoreBeforeRenameHook({});
+  tavikm_host::ResetKeymaster();
   tavikm_host::RestoreBuiltinModules();
   tavikm_host::ResetProperties();
   if (had_previous_) setenv("TAVIKM_DEVICE_DIR", previous_.c_str(), 1);

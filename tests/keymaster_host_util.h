@@ -1,0 +1,245 @@
+// Shorthands for the host Keymaster tests: synchronous wrappers that turn the HAL's callbacks
+// into return values (checking that each transport succeeded and each callback ran once), and
+// the key and operation parameter sets the library uses.
+#ifndef TAVIKM_TESTS_KEYMASTER_HOST_UTIL_H_
+#define TAVIKM_TESTS_KEYMASTER_HOST_UTIL_H_
+
+#include <stdint.h>
+
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <android/hardware/keymaster/4.0/IKeymasterDevice.h>
+#include <gtest/gtest.h>
+#include <keymasterV4_0/Keymaster.h>
+#include <keymasterV4_0/authorization_set.h>
+
+namespace android::hardware::keymaster::V4_0 {
+// Error codes print as their numbers in failure messages.
+inline void PrintTo(ErrorCode error, std::ostream* os) { *os << static_cast<int32_t>(error); }
+}  // namespace android::hardware::keymaster::V4_0
+
+namespace tavikm_test::kmhost {
+
+namespace hw = ::android::hardware::keymaster::V4_0;
+using ::android::hardware::hidl_vec;
+using Bytes = std::vector<uint8_t>;
+using hw::ErrorCode;
+using KeymasterPtr = std::unique_ptr<hw::support::Keymaster>;
+
+inline hidl_vec<uint8_t> View(const Bytes& bytes) {
+  hidl_vec<uint8_t> view;
+  view.setToExternal(const_cast<uint8_t*>(bytes.data()), bytes.size());
+  return view;
+}
+
+inline Bytes ToBytes(const hidl_vec<uint8_t>& v) { return Bytes(v.begin(), v.end()); }
+
+inline Bytes Concat(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// The first device of a fresh enumeration; fails the test when there is none.
+inline KeymasterPtr FirstDevice() {
+  auto devices = hw::support::Keymaster::enumerateAvailableDevices();
+  if (devices.empty()) {
+    ADD_FAILURE() << "no Keymaster device";
+    return nullptr;
+  }
+  return std::move(devices[0]);
+}
+
+struct KeyResult {
+  ErrorCode error = ErrorCode::UNKNOWN_ERROR;
+  Bytes blob;
+  hw::KeyCharacteristics characteristics;
+};
+
+inline KeyResult Generate(hw::IKeymasterDevice& km, const hw::AuthorizationSet& params) {
+  KeyResult result;
+  int calls = 0;
+  auto rc = km.generateKey(params.hidl_data(), [&](ErrorCode error, const hidl_vec<uint8_t>& blob,
+                                                   const hw::KeyCharacteristics& chars) {
+    ++calls;
+    result.error = error;
+    result.blob = ToBytes(blob);
+    result.characteristics = chars;
+  });
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+  EXPECT_EQ(calls, 1);
+  return result;
+}
+
+inline KeyResult Import(hw::IKeymasterDevice& km, const hw::AuthorizationSet& params,
+                        const Bytes& raw_key) {
+  KeyResult result;
+  auto rc = km.importKey(params.hidl_data(), hw::KeyFormat::RAW, View(raw_key),
+                         [&](ErrorCode error, const hidl_vec<uint8_t>& blob,
+                             const hw::KeyCharacteristics& chars) {
+                           result.error = error;
+                           result.blob = ToBytes(blob);
+                           result.characteristics = chars;
+                         });
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+  return result;
+}
+
+struct BlobResult {
+  ErrorCode error = ErrorCode::UNKNOWN_ERROR;
+  Bytes blob;
+};
+
+inline BlobResult Upgrade(hw::IKeymasterDevice& km, const Bytes& blob,
+                          const hw::AuthorizationSet& params = {}) {
+  BlobResult result;
+  auto rc = km.upgradeKey(View(blob), params.hidl_data(),
+                          [&](ErrorCode error, const hidl_vec<uint8_t>& upgraded) {
+                            result.error = error;
+                            result.blob = ToBytes(upgraded);
+                          });
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+  return result;
+}
+
+inline BlobResult Export(hw::IKeymasterDevice& km, const Bytes& blob,
+                         hw::KeyFormat format = hw::KeyFormat::X509) {
+  BlobResult result;
+  auto rc = km.exportKey(format, View(blob), {}, {},
+                         [&](ErrorCode error, const hidl_vec<uint8_t>& material) {
+                           result.error = error;
+                           result.blob = ToBytes(material);
+                         });
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+  return result;
+}
+
+inline hw::KeyCharacteristics Characteristics(hw::IKeymasterDevice& km, const Bytes& blob,
+                                               ErrorCode* error) {
+  hw::KeyCharacteristics result;
+  auto rc = km.getKeyCharacteristics(View(blob), {}, {},
+                                     [&](ErrorCode e, const hw::KeyCharacteristics& chars) {
+                                       *error = e;
+                                       result = chars;
+                                     });
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+  return result;
+}
+
+struct Begun {
+  ErrorCode error = ErrorCode::UNKNOWN_ERROR;
+  uint64_t handle = 0;
+  hw::AuthorizationSet out;
+};
+
+inline Begun Begin(hw::IKeymasterDevice& km, hw::KeyPurpose purpose, const Bytes& blob,
+                   const hw::AuthorizationSet& params) {
+  Begun result;
+  int calls = 0;
+  auto rc = km.begin(purpose, View(blob), params.hidl_data(), hw::HardwareAuthToken(),
+                     [&](ErrorCode error, const hidl_vec<hw::KeyParameter>& out, uint64_t handle) {
+                       ++calls;
+                       result.error = error;
+                       result.out = out;
+                       result.handle = handle;
+                     });
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+  EXPECT_EQ(calls, 1);
+  return result;
+}
+
+struct Step {
+  ErrorCode error = ErrorCode::UNKNOWN_ERROR;
+  uint32_t consumed = 0;
+  Bytes output;
+};
+
+inline Step Update(hw::IKeymasterDevice& km, uint64_t handle, const Bytes& input,
+                   const hw::AuthorizationSet& params = {}) {
+  Step result;
+  auto rc = km.update(handle, params.hidl_data(), View(input), hw::HardwareAuthToken(),
+                      hw::VerificationToken(),
+                      [&](ErrorCode error, uint32_t consumed,
+                          const hidl_vec<hw::KeyParameter>&, const hidl_vec<uint8_t>& output) {
+                        result.error = error;
+                        result.consumed = consumed;
+                        result.output = ToBytes(output);
+                      });
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+  return result;
+}
+
+inline Step Finish(hw::IKeymasterDevice& km, uint64_t handle, const Bytes& input = {},
+                   const Bytes& signature = {}, const hw::AuthorizationSet& params = {}) {
+  Step result;
+  auto rc = km.finish(handle, params.hidl_data(), View(input), View(signature),
+                      hw::HardwareAuthToken(), hw::VerificationToken(),
+                      [&](ErrorCode error, const hidl_vec<hw::KeyParameter>&,
+                          const hidl_vec<uint8_t>& output) {
+                        result.error = error;
+                        result.output = ToBytes(output);
+                      });
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+  return result;
+}
+
+inline ErrorCode Abort(hw::IKeymasterDevice& km, uint64_t handle) {
+  auto rc = km.abort(handle);
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+  return rc.isOk() ? static_cast<ErrorCode>(rc) : ErrorCode::UNKNOWN_ERROR;
+}
+
+// The library's AES key: AES-256, both directions, GCM, caller nonce, no authentication,
+// tags of at least 128 bits, no padding.
+inline hw::AuthorizationSetBuilder AesGcmKey(uint32_t bits = 256) {
+  hw::AuthorizationSetBuilder params;
+  params.Authorization(hw::TAG_ALGORITHM, hw::Algorithm::AES)
+      .Authorization(hw::TAG_KEY_SIZE, bits)
+      .Authorization(hw::TAG_PURPOSE, hw::KeyPurpose::ENCRYPT)
+      .Authorization(hw::TAG_PURPOSE, hw::KeyPurpose::DECRYPT)
+      .Authorization(hw::TAG_BLOCK_MODE, hw::BlockMode::GCM)
+      .Authorization(hw::TAG_CALLER_NONCE)
+      .Authorization(hw::TAG_NO_AUTH_REQUIRED)
+      .Authorization(hw::TAG_MIN_MAC_LENGTH, 128u)
+      .Padding(hw::PaddingMode::NONE);
+  return params;
+}
+
+// The library's RSA binding key.
+inline hw::AuthorizationSetBuilder RsaSigningKey(uint32_t min_seconds_between_ops) {
+  hw::AuthorizationSetBuilder params;
+  params.RsaSigningKey(2048, 65537)
+      .NoDigestOrPadding()
+      .Authorization(hw::TAG_BLOB_USAGE_REQUIREMENTS, hw::KeyBlobUsageRequirements::STANDALONE)
+      .Authorization(hw::TAG_NO_AUTH_REQUIRED)
+      .Authorization(hw::TAG_MIN_SECONDS_BETWEEN_OPS, min_seconds_between_ops);
+  return params;
+}
+
+// GCM operation parameters with a caller nonce.
+inline hw::AuthorizationSetBuilder GcmParams(const Bytes& nonce, uint32_t mac_bits = 128) {
+  hw::AuthorizationSetBuilder params;
+  params.Authorization(hw::TAG_BLOCK_MODE, hw::BlockMode::GCM)
+      .Authorization(hw::TAG_MAC_LENGTH, mac_bits)
+      .Authorization(hw::TAG_NONCE, nonce.data(), nonce.size())
+      .Padding(hw::PaddingMode::NONE);
+  return params;
+}
+
+// Encrypts or decrypts `input` in one update and a finish; the result is both outputs.
+inline Step GcmRun(hw::IKeymasterDevice& km, hw::KeyPurpose purpose, const Bytes& blob,
+                   const Bytes& nonce, const Bytes& input, uint32_t mac_bits = 128) {
+  Begun begun = Begin(km, purpose, blob, GcmParams(nonce, mac_bits));
+  if (begun.error != ErrorCode::OK) return Step{begun.error, 0, {}};
+  Step update = Update(km, begun.handle, input);
+  if (update.error != ErrorCode::OK) return update;
+  Step finish = Finish(km, begun.handle);
+  finish.output = Concat(update.output, finish.output);
+  return finish;
+}
+
+}  // namespace tavikm_test::kmhost
+
+#endif  // TAVIKM_TESTS_KEYMASTER_HOST_UTIL_H_
