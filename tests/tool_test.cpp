@@ -1,0 +1,495 @@
+// The tavikm tool run as a user runs it: one process per command over a temporary device
+// directory, with its output, stderr and exit status checked. Records are crafted and checked
+// in this process through the library where the tool cannot make them.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "json_reader.h"
+#include "support/device_env.h"
+#include "tavikm.h"
+
+namespace tavikm_test {
+namespace {
+
+constexpr char kFastScrypt[] = "ro.crypto.scrypt_params=10:0:0";
+constexpr char kMdfpp[] = "ro.product.tavi.support_mdfpp=true";
+constexpr char kCbcOnly[] = "ro.product.tavi.support_cbc_only=true";
+
+struct Result {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string Slurp(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string HexOf(const uint8_t* data, size_t size) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (size_t i = 0; i < size; ++i) {
+    text += kDigits[data[i] >> 4];
+    text += kDigits[data[i] & 15];
+  }
+  return text;
+}
+
+// The 64 hex digits after "master key   sha256:" in the tool's output, or "".
+std::string FingerprintIn(const std::string& out) {
+  std::smatch match;
+  static const std::regex kLine("master key +sha256:([0-9a-f]{64})");
+  return std::regex_search(out, match, kLine) ? match[1].str() : "";
+}
+
+class ToolTest : public ::testing::Test {
+ protected:
+  // Runs the tool with the device directory, fast scrypt and `props_` as global options, then
+  // `args`; standard input holds `input`.
+  Result Tool(const std::vector<std::string>& args, const std::string& input = "") {
+    std::vector<std::string> argv = {TAVIKM_TOOL_PATH, "--device-dir", device_.path(), "--prop",
+                                     kFastScrypt};
+    for (const std::string& prop : props_) {
+      argv.push_back("--prop");
+      argv.push_back(prop);
+    }
+    argv.insert(argv.end(), args.begin(), args.end());
+    return Exec(argv, input);
+  }
+
+  Result Exec(const std::vector<std::string>& argv, const std::string& input = "") {
+    std::string in = Scratch("stdin"), out = Scratch("stdout"), err = Scratch("stderr");
+    std::ofstream(in, std::ios::binary) << input;
+    pid_t pid = fork();
+    if (pid == 0) {
+      int fds[3] = {open(in.c_str(), O_RDONLY),
+                    open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
+                    open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
+      for (int i = 0; i < 3; ++i) dup2(fds[i], i);
+      std::vector<char*> cargv;
+      for (const std::string& arg : argv) cargv.push_back(const_cast<char*>(arg.c_str()));
+      cargv.push_back(nullptr);
+      execv(cargv[0], cargv.data());
+      _exit(127);
+    }
+    Result result;
+    int status = 0;
+    waitpid(pid, &status, 0);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    result.out = Slurp(out);
+    result.err = Slurp(err);
+    return result;
+  }
+
+  // A file outside the device directory's own folders.
+  std::string Scratch(const std::string& name) {
+    std::filesystem::create_directories(device_.Path("scratch"));
+    return device_.Path("scratch/" + name);
+  }
+
+  std::string PasswordFile(const std::string& password) {
+    std::string path = Scratch("password-" + std::to_string(++files_));
+    std::ofstream(path) << password << "\n";
+    return path;
+  }
+
+  Result Setup(const std::string& loc, const std::string& password,
+               std::vector<std::string> options = {}) {
+    std::vector<std::string> args = {"setup", loc, "--password-file", PasswordFile(password)};
+    args.insert(args.end(), options.begin(), options.end());
+    return Tool(args);
+  }
+
+  Result Unlock(const std::string& loc, const std::string& password,
+                std::vector<std::string> options = {}) {
+    std::vector<std::string> args = {"unlock", loc, "--password-file", PasswordFile(password)};
+    args.insert(args.end(), options.begin(), options.end());
+    return Tool(args);
+  }
+
+  std::string MetadataFile() const { return device_.Path("metadata"); }
+
+  // The secure-storage entry `name` as stored, through the kmstore device of this process.
+  std::vector<uint8_t> Entry(const std::string& name) {
+    kmstore_device* device = nullptr;
+    EXPECT_EQ(kmstore_device_init(&device), 0);
+    std::vector<uint8_t> bytes(8192);
+    uint64_t size = bytes.size();
+    if (device->read(name.c_str(), bytes.data(), &size) != 0) return {};
+    bytes.resize(size);
+    return bytes;
+  }
+
+  TempDeviceDir device_;
+  std::vector<std::string> props_;
+  int files_ = 0;
+};
+
+TEST_F(ToolTest, SetupThenUnlockGiveTheSameMasterKey) {
+  struct Case {
+    std::string kdf;
+    std::vector<std::string> props;
+    std::string loc;
+    std::vector<std::string> place;  // --offset N for file records
+  };
+  const std::vector<Case> cases = {
+      {"1", {}, MetadataFile(), {}},
+      {"2", {}, device_.Path("other"), {"--offset", "8192"}},
+      {"2", {kMdfpp}, "userdata", {}},
+      {"2", {kCbcOnly}, device_.Path("cbc"), {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("kdf " + c.kdf + " at " + c.loc);
+    props_ = c.props;
+    std::vector<std::string> options = {"--kdf", c.kdf};
+    options.insert(options.end(), c.place.begin(), c.place.end());
+    Result setup = Setup(c.loc, "s3cret", options);
+    ASSERT_EQ(setup.status, 0) << setup.err;
+    EXPECT_NE(setup.out.find("kdf          " + c.kdf + " ("), std::string::npos) << setup.out;
+
+    options = c.place;
+    options.push_back("--show-key");
+    Result unlock = Unlock(c.loc, "s3cret", options);
+    ASSERT_EQ(unlock.status, 0) << unlock.err;
+    ASSERT_EQ(FingerprintIn(unlock.out), FingerprintIn(setup.out));
+    EXPECT_EQ(unlock.err, "");
+
+    // The fingerprint is the SHA-256 of the key that --show-key prints.
+    std::smatch key;
+    ASSERT_TRUE(std::regex_search(unlock.out, key, std::regex("key \\(hex\\) +([0-9a-f]{64})")));
+    uint8_t bytes[32], digest[32];
+    for (size_t i = 0; i < 32; ++i) bytes[i] = std::stoi(key[1].str().substr(2 * i, 2), 0, 16);
+    ASSERT_EQ(km_sha256(bytes, sizeof(bytes), digest), 0);
+    EXPECT_EQ(FingerprintIn(unlock.out), HexOf(digest, sizeof(digest)));
+  }
+}
+
+TEST_F(ToolTest, WrongPasswordExitsTwoWithOneSentenceAndChangesNothing) {
+  for (bool cbc : {false, true}) {
+    SCOPED_TRACE(cbc ? "CBC-only" : "GCM");
+    props_ = cbc ? std::vector<std::string>{kCbcOnly} : std::vector<std::string>{};
+    std::string loc = device_.Path(cbc ? "cbc" : "gcm");
+    ASSERT_EQ(Setup(loc, "right", {"--kdf", "2"}).status, 0);
+    std::vector<uint8_t> before = ReadFile(loc);
+
+    Result unlock = Unlock(loc, "wrong");
+    EXPECT_EQ(unlock.status, 2);
+    EXPECT_EQ(unlock.err, "tavikm: wrong password for " + loc + "\n");
+    EXPECT_EQ(unlock.out, "");
+    EXPECT_EQ(ReadFile(loc), before);
+  }
+}
+
+TEST_F(ToolTest, InspectJsonMatchesTheStoredRecord) {
+  ASSERT_EQ(
+      Setup(MetadataFile(), "pw", {"--kdf", "2", "--keysize", "16", "--offset", "4096"}).status, 0);
+  std::vector<uint8_t> file = ReadFile(MetadataFile());
+  ASSERT_EQ(file.size(), static_cast<size_t>(KM_METADATA_FILE_SIZE));
+  km_meta meta;
+  memcpy(&meta, file.data() + 4096, sizeof(meta));
+
+  Result inspect = Tool({"inspect", MetadataFile(), "--offset", "4096", "--json"});
+  ASSERT_EQ(inspect.status, 0) << inspect.err;
+  Json json = JsonParser(inspect.out).Parse();
+  EXPECT_EQ(json["place"].string, "file");
+  EXPECT_EQ(json["offset"].Int(), 4096);
+  EXPECT_EQ(json["stored_length"].Int(), KM_META_SIZE);
+  EXPECT_TRUE(json["magic_valid"].boolean);
+  EXPECT_EQ(json["magic"].number, static_cast<double>(KM_META_MAGIC));
+  EXPECT_EQ(json["major_version"].Int(), 3);
+  EXPECT_EQ(json["keysize"].Int(), 16);
+  EXPECT_EQ(json["kdf_type"].Int(), 2);
+  EXPECT_EQ(json["N_factor"].Int(), 10);
+  EXPECT_EQ(json["r_factor"].Int(), 0);
+  EXPECT_EQ(json["p_factor"].Int(), 0);
+  EXPECT_EQ(json["master_key"].string, HexOf(meta.master_key, 16));
+  EXPECT_EQ(json["salt"].string, HexOf(meta.salt, sizeof(meta.salt)));
+  EXPECT_EQ(json["key_iv"].string, HexOf(meta.key_iv, sizeof(meta.key_iv)));
+  EXPECT_EQ(json["key_mac"].string, HexOf(meta.key_mac, sizeof(meta.key_mac)));
+  EXPECT_EQ(json["key_name"].string, MetadataFile());
+  EXPECT_EQ(json["km_key_blob_size"].Int(), 0);
+  EXPECT_EQ(json["km_key_blob_sha256"].type, Json::Type::kNull);
+  EXPECT_TRUE(json["nonzero_padding"].array.empty());
+
+  // The text form shows the same record.
+  Result text = Tool({"inspect", "--file", MetadataFile(), "--offset", "4096"});
+  ASSERT_EQ(text.status, 0);
+  EXPECT_NE(text.out.find("magic              0xd14ab29c (valid)"), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("salt               " + HexOf(meta.salt, 16)), std::string::npos);
+  EXPECT_NE(text.out.find("scrypt cost        N=1024 r=1 p=1"), std::string::npos);
+}
+
+TEST_F(ToolTest, InspectShowsAnOlderGenerationAsStoredWithoutUpgradingIt) {
+  props_ = {kMdfpp};
+  ASSERT_EQ(Setup("userdata", "pw", {"--kdf", "2"}).status, 0);
+  std::vector<uint8_t> entry = Entry("userdata");
+  ASSERT_EQ(entry.size(), static_cast<size_t>(KM_META_SIZE));
+  kmstore_device* device = nullptr;
+  ASSERT_EQ(kmstore_device_init(&device), 0);
+  ASSERT_EQ(device->write("userdata", entry.data(), 2520), 0);
+
+  Result inspect = Tool({"inspect", "userdata", "--json"});
+  ASSERT_EQ(inspect.status, 0) << inspect.err;
+  Json json = JsonParser(inspect.out).Parse();
+  EXPECT_EQ(json["place"].string, "secure_storage");
+  EXPECT_EQ(json["stored_length"].Int(), 2520);
+  EXPECT_EQ(json["key_name"].string, "userdata");
+  EXPECT_EQ(json["xtkm_value"].type, Json::Type::kNull);
+  EXPECT_EQ(json["mac_key_size"].type, Json::Type::kNull);
+  EXPECT_EQ(Entry("userdata").size(), 2520u);
+
+  Result text = Tool({"inspect", "userdata"});
+  EXPECT_NE(text.out.find("2520 bytes, older generation: ends after key_name"), std::string::npos)
+      << text.out;
+}
+
+TEST_F(ToolTest, ABadRecordIsShownByInspectAndRefusedByUnlock) {
+  std::vector<uint8_t> garbage(KM_METADATA_FILE_SIZE, 0x5a);
+  WriteFile(MetadataFile(), garbage);
+
+  Result inspect = Tool({"inspect", MetadataFile()});
+  EXPECT_EQ(inspect.status, 0) << inspect.err;
+  EXPECT_NE(inspect.out.find("magic              0x5a5a5a5a (bad magic)"), std::string::npos)
+      << inspect.out;
+  EXPECT_NE(inspect.out.find("non-zero bytes in reserved0 reserved1 pad0 pad1"), std::string::npos);
+
+  Result unlock = Unlock(MetadataFile(), "pw");
+  EXPECT_EQ(unlock.status, 4);
+  EXPECT_EQ(unlock.err,
+            "tavikm: " + MetadataFile() + " at offset 0 holds no record (magic 0x5a5a5a5a)\n");
+
+  garbage.resize(100);
+  WriteFile(MetadataFile(), garbage);
+  unlock = Unlock(MetadataFile(), "pw");
+  EXPECT_EQ(unlock.status, 4);
+  EXPECT_EQ(unlock.err,
+            "tavikm: " + MetadataFile() + " is not a metadata file: 100 bytes instead of 16384\n");
+}
+
+TEST_F(ToolTest, PasswdRewrapsTheSameKeyUnderTheNewPassword) {
+  for (bool cbc : {false, true}) {
+    SCOPED_TRACE(cbc ? "CBC-only" : "GCM");
+    props_ = cbc ? std::vector<std::string>{kCbcOnly} : std::vector<std::string>{};
+    std::string loc = device_.Path(cbc ? "cbc" : "gcm");
+    Result setup = Setup(loc, "old", {"--kdf", "1"});
+    ASSERT_EQ(setup.status, 0);
+    km_meta before;
+    memcpy(&before, ReadFile(loc).data(), sizeof(before));
+
+    // Both passwords from standard input, one line each.
+    Result passwd =
+        Tool({"passwd", loc, "--password-file", "-", "--new-password-file", "-"}, "old\nnew\n");
+    ASSERT_EQ(passwd.status, 0) << passwd.err;
+    km_meta after;
+    memcpy(&after, ReadFile(loc).data(), sizeof(after));
+    EXPECT_NE(memcmp(after.salt, before.salt, sizeof(after.salt)), 0) << "no new salt";
+
+    Result unlock = Unlock(loc, "new");
+    ASSERT_EQ(unlock.status, 0) << unlock.err;
+    EXPECT_EQ(FingerprintIn(unlock.out), FingerprintIn(setup.out));
+    EXPECT_EQ(Unlock(loc, "old").status, 2);
+  }
+}
+
+TEST_F(ToolTest, AFailedPasswdLeavesTheRecordByteIdentical) {
+  ASSERT_EQ(Setup(MetadataFile(), "old", {"--kdf", "2"}).status, 0);
+  const std::vector<uint8_t> before = ReadFile(MetadataFile());
+  struct Case {
+    std::string why;
+    std::string old_password_file;
+    std::string new_password_file;
+    int status;
+  };
+  std::string empty = Scratch("empty");
+  std::ofstream(empty).flush();
+  const std::vector<Case> cases = {
+      {"wrong old password", PasswordFile("wrong"), PasswordFile("new"), 2},
+      {"missing new password file", PasswordFile("old"), Scratch("absent"), 3},
+      {"empty new password file", PasswordFile("old"), empty, 4},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    Result passwd = Tool({"passwd", MetadataFile(), "--password-file", c.old_password_file,
+                          "--new-password-file", c.new_password_file});
+    EXPECT_EQ(passwd.status, c.status) << passwd.err;
+    EXPECT_EQ(std::count(passwd.err.begin(), passwd.err.end(), '\n'), 1) << passwd.err;
+    EXPECT_EQ(ReadFile(MetadataFile()), before);
+  }
+  EXPECT_EQ(Unlock(MetadataFile(), "old").status, 0);
+}
+
+TEST_F(ToolTest, AMissingKeyLocationExitsThree) {
+  Result result = Unlock(device_.Path("nowhere"), "pw");
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.err, "tavikm: no metadata file " + device_.Path("nowhere") + "\n");
+
+  // A file without a record at the offset: zeros, as a deleted record leaves them.
+  ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1"}).status, 0);
+  result = Unlock(MetadataFile(), "pw", {"--offset", "8192"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.err, "tavikm: no record in " + MetadataFile() + " at offset 8192\n");
+
+  props_ = {kMdfpp};
+  result = Unlock("userdata", "pw");
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(result.err, "tavikm: no record named \"userdata\" in secure storage\n");
+  result = Tool({"inspect", "userdata"});
+  EXPECT_EQ(result.status, 3);
+  EXPECT_EQ(Tool({"passwd", "userdata", "--password-file", PasswordFile("a"), "--new-password-file",
+                  PasswordFile("b")})
+                .status,
+            3);
+}
+
+TEST_F(ToolTest, BadUsageExitsOneWithTheUsageLine) {
+  props_ = {kMdfpp};
+  struct Case {
+    std::vector<std::string> args;
+    std::string sentence;
+  };
+  const std::vector<Case> cases = {
+      {{}, "missing command"},
+      {{"frobnicate"}, "unknown command frobnicate"},
+      {{"--bogus", "unlock", "x"}, "unknown option --bogus"},
+      {{"setup"}, "missing argument"},
+      {{"setup", "a", "b"}, "unexpected argument b"},
+      {{"unlock", "/f", "--bogus"}, "unknown option --bogus"},
+      {{"setup", "/f", "--kdf", "3"}, "--kdf must be default, 1, 2, 4 or 5"},
+      {{"setup", "/f", "--keysize", "24"}, "--keysize must be 16 or 32"},
+      {{"setup", "/f", "--offset", "14000"},
+       "--offset 14000 leaves no room for a record in a 16384-byte metadata file"},
+      {{"unlock", "/f", "--offset", "12x"}, "--offset must be a decimal number"},
+      {{"unlock", "userdata", "--offset", "4096"},
+       "--offset applies to metadata files only; userdata is a secure-storage entry"},
+      {{"unlock", "/f", "--password-file"}, "--password-file needs a value"},
+      {{"inspect"}, "give either KEY_LOC or --file PATH"},
+      {{"inspect", "x", "--file", "/f"}, "give either KEY_LOC or --file PATH"},
+      {{"kek"}, "missing kek command"},
+      {{"kek", "put", "k"}, "give exactly one of --hex, --key-file and --random"},
+      {{"kek", "put", "k", "--hex", "0011"}, "--hex holds 2 bytes; a KEK has 16 or 32"},
+      {{"--prop", "novalue", "unlock", "x"}, "--prop needs KEY=VALUE, not novalue"},
+  };
+  for (const Case& c : cases) {
+    std::string joined;
+    for (const std::string& arg : c.args) joined += arg + " ";
+    SCOPED_TRACE(joined);
+    Result result = Tool(c.args);
+    EXPECT_EQ(result.status, 1) << result.err;
+    // One sentence, then the usage line.
+    EXPECT_TRUE(std::regex_match(result.err, std::regex("tavikm: [^\n]+\nusage: tavikm [^\n]+\n")))
+        << result.err;
+    EXPECT_EQ(result.err.rfind("tavikm: " + c.sentence + "\n", 0), 0u) << result.err;
+  }
+  // No terminal to ask and no --password-file.
+  Result result = Tool({"unlock", "userdata"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("tavikm: no terminal to ask for the password"), std::string::npos);
+}
+
+TEST_F(ToolTest, EveryCommandHasHelpAndHelpTouchesNoDevice) {
+  std::string fresh = device_.Path("never-made");
+  for (std::string command : {"setup", "unlock", "passwd", "inspect", "kek", "demo"}) {
+    SCOPED_TRACE(command);
+    Result result = Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, command, "--help"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out.rfind("usage: tavikm " + command, 0), 0u) << result.out;
+  }
+  EXPECT_FALSE(std::filesystem::exists(fresh));
+  Result result = Exec({TAVIKM_TOOL_PATH, "--help"});
+  EXPECT_EQ(result.status, 0);
+  EXPECT_NE(result.out.find("Exit status: 0 success, 1 usage, 2 wrong password"),
+            std::string::npos);
+}
+
+TEST_F(ToolTest, AKeyThatOpensUnderTheZeroKeyIsAWarningNotSuccess) {
+  // A PBKDF2 record whose master key was wrapped under the all-zero key: any password opens it.
+  km_meta meta = {};
+  meta.magic = KM_META_MAGIC;
+  meta.major_version = KM_META_MAJOR_VERSION;
+  meta.keysize = 32;
+  meta.kdf_type = KM_KDF_PBKDF2;
+  strcpy(meta.key_name, MetadataFile().c_str());
+  uint8_t master_key[32], zero_key[32] = {}, digest[32];
+  km_generate_drbg_bytes(nullptr, master_key, sizeof(master_key));
+  km_generate_drbg_bytes(nullptr, meta.salt, sizeof(meta.salt));
+  ASSERT_EQ(km_aes_gcm_encrypt(master_key, 32, nullptr, 0, zero_key, 32, meta.key_iv,
+                               meta.master_key, meta.key_mac),
+            32);
+  ASSERT_EQ(km_put_km_meta(MetadataFile().c_str(), 0, &meta), 0);
+  ASSERT_EQ(km_sha256(master_key, sizeof(master_key), digest), 0);
+  const std::vector<uint8_t> before = ReadFile(MetadataFile());
+
+  Result unlock = Unlock(MetadataFile(), "anything");
+  EXPECT_EQ(unlock.status, 4);
+  EXPECT_EQ(FingerprintIn(unlock.out), HexOf(digest, sizeof(digest)));
+  EXPECT_EQ(unlock.err, "tavikm: warning: the master key of " + MetadataFile() +
+                            " opened under the all-zero key, not under the password, so any "
+                            "password opens it\n");
+
+  Result passwd = Tool({"passwd", MetadataFile(), "--password-file", PasswordFile("x"),
+                        "--new-password-file", PasswordFile("y")});
+  EXPECT_EQ(passwd.status, 4);
+  EXPECT_EQ(ReadFile(MetadataFile()), before);
+}
+
+TEST_F(ToolTest, SetupKeepsExistingRecordsUnlessForced) {
+  Result first = Setup(MetadataFile(), "pw", {"--kdf", "1"});
+  ASSERT_EQ(first.status, 0);
+  const std::vector<uint8_t> before = ReadFile(MetadataFile());
+
+  Result again = Setup(MetadataFile(), "pw", {"--kdf", "1"});
+  EXPECT_EQ(again.status, 4);
+  EXPECT_EQ(again.err,
+            "tavikm: " + MetadataFile() + " at offset 0 already holds data; --force replaces it\n");
+  // A record at another offset would pass through offset 0 on the way.
+  EXPECT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1", "--offset", "8192"}).status, 4);
+  EXPECT_EQ(ReadFile(MetadataFile()), before);
+
+  Result forced = Setup(MetadataFile(), "pw", {"--kdf", "1", "--force"});
+  EXPECT_EQ(forced.status, 0);
+  EXPECT_NE(FingerprintIn(forced.out), FingerprintIn(first.out));
+}
+
+TEST_F(ToolTest, SetupAtAnOffsetLeavesNoCopyAtOffsetZero) {
+  Result setup = Setup(MetadataFile(), "pw", {"--kdf", "1", "--offset", "8192"});
+  ASSERT_EQ(setup.status, 0) << setup.err;
+  EXPECT_NE(setup.out.find("place        " + MetadataFile() + " at offset 8192"),
+            std::string::npos);
+  std::vector<uint8_t> file = ReadFile(MetadataFile());
+  EXPECT_EQ(std::vector<uint8_t>(file.begin(), file.begin() + KM_META_SIZE),
+            std::vector<uint8_t>(KM_META_SIZE, 0));
+  EXPECT_EQ(Unlock(MetadataFile(), "pw").status, 3);
+  Result unlock = Unlock(MetadataFile(), "pw", {"--offset", "8192"});
+  EXPECT_EQ(unlock.status, 0);
+  EXPECT_EQ(FingerprintIn(unlock.out), FingerprintIn(setup.out));
+}
+
+TEST_F(ToolTest, LibraryLinesGoToTheDeviceLogOrWithVToStderr) {
+  ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1"}).status, 0);
+  const std::string line = "E/TAVIKM: (km_decrypt_key)Failed to decrypt_gcm key keysize=32";
+  EXPECT_EQ(Unlock(MetadataFile(), "wrong").status, 2);
+  std::string log = Slurp(device_.Path("log.txt"));
+  EXPECT_NE(log.find(line + "\n"), std::string::npos) << log;
+
+  std::filesystem::remove(device_.Path("log.txt"));
+  Result verbose = Tool({"-v", "unlock", MetadataFile(), "--password-file", PasswordFile("wrong")});
+  EXPECT_EQ(verbose.status, 2);
+  EXPECT_NE(verbose.err.find(line + "\n"), std::string::npos) << verbose.err;
+  EXPECT_FALSE(std::filesystem::exists(device_.Path("log.txt")));
+}
+
+}  // namespace
+}  // namespace tavikm_test

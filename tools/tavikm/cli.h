@@ -1,0 +1,86 @@
+// Command-line plumbing of the tavikm tool: exit codes, the error that carries one, and a small
+// option parser shared by every command.
+#ifndef TAVIKM_TOOLS_CLI_H_
+#define TAVIKM_TOOLS_CLI_H_
+
+#include <stdint.h>
+
+#include <functional>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace tavikm_tool {
+
+enum ExitCode : int {
+  kExitOk = 0,
+  kExitUsage = 1,
+  kExitWrongPassword = 2,
+  kExitNotFound = 3,
+  kExitFailure = 4,
+};
+
+// A failure the tool reports as one sentence on stderr and ends with `code`. A usage error also
+// prints the usage line of the command that was running.
+class ToolError : public std::runtime_error {
+ public:
+  ToolError(ExitCode code, const std::string& sentence)
+      : std::runtime_error(sentence), code_(code) {}
+  ExitCode code() const { return code_; }
+
+ private:
+  ExitCode code_;
+};
+
+inline ToolError UsageError(const std::string& sentence) { return ToolError(kExitUsage, sentence); }
+
+// Options of one command. Options may come before, between or after the positional arguments;
+// "--name value" and "--name=value" are both accepted, "--" ends the options.
+class ArgParser {
+ public:
+  // `usage` is the command's one-line synopsis, `help` the text after it for --help.
+  ArgParser(std::string usage, std::string help);
+
+  void Flag(const std::string& name, bool* out);
+  void Value(const std::string& name, std::optional<std::string>* out);
+  // A repeatable option; each occurrence is appended.
+  void Repeated(const std::string& name, std::vector<std::string>* out);
+
+  // Parses `args`; returns false when --help was asked (the help is already printed). Throws a
+  // usage ToolError for unknown options, missing values and a wrong count of positionals.
+  bool Parse(const std::vector<std::string>& args, size_t min_positional, size_t max_positional);
+
+  const std::vector<std::string>& positional() const { return positional_; }
+  const std::string& usage() const { return usage_; }
+
+ private:
+  struct Option {
+    std::string name;
+    bool takes_value;
+    std::function<void(const std::string&)> set;
+  };
+  const Option* Find(const std::string& name) const;
+
+  std::string usage_;
+  std::string help_;
+  std::vector<Option> options_;
+  std::vector<std::string> positional_;
+};
+
+// The usage line of the running command, printed after a usage error.
+void SetCurrentUsage(const std::string& usage);
+const std::string& CurrentUsage();
+
+// Parses a whole decimal number; throws a usage error naming `what` otherwise.
+uint64_t ParseUnsigned(const std::string& text, const std::string& what);
+
+// Lower-case hexadecimal text of `size` bytes.
+std::string Hex(const uint8_t* data, size_t size);
+
+// "sha256:<hex>" of `size` bytes: how the tool names a key without showing it.
+std::string Fingerprint(const uint8_t* data, size_t size);
+
+}  // namespace tavikm_tool
+
+#endif  // TAVIKM_TOOLS_CLI_H_

@@ -1,0 +1,136 @@
+// The liblog logger of the tavikm tool.
+#include "log_sink.h"
+
+#include <android/log.h>
+#include <stdio.h>
+#include <time.h>
+
+#include <exception>
+#include <string>
+#include <vector>
+
+namespace tavikm_tool {
+namespace {
+
+bool g_to_stderr = false;
+std::function<std::string()> g_resolve;
+std::string g_path;
+FILE* g_file = nullptr;
+std::vector<std::string> g_seen;
+
+char PriorityLetter(int priority) {
+  switch (priority) {
+    case ANDROID_LOG_VERBOSE:
+      return 'V';
+    case ANDROID_LOG_DEBUG:
+      return 'D';
+    case ANDROID_LOG_INFO:
+      return 'I';
+    case ANDROID_LOG_WARN:
+      return 'W';
+    case ANDROID_LOG_ERROR:
+      return 'E';
+    case ANDROID_LOG_FATAL:
+      return 'F';
+    default:
+      return '?';
+  }
+}
+
+// One line per message: trailing newlines dropped, inner ones shown as "\n".
+std::string Flatten(const char* message) {
+  std::string text = message ? message : "";
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  std::string flat;
+  for (char c : text) {
+    if (c == '\n')
+      flat += "\\n";
+    else
+      flat += c;
+  }
+  return flat;
+}
+
+// "E/TAVIKM: text", "I/TAVIKM[system]: text", or for libbase lines "E/tag Keymaster:42: text".
+std::string Format(const __android_logger_data* data, const char* message) {
+  std::string line(1, PriorityLetter(data->priority));
+  line += '/';
+  line += data->tag ? data->tag : "";
+  if (data->file) {
+    line += ' ';
+    line += data->file;
+    line += ':' + std::to_string(data->line);
+  } else if (data->buffer_id == LOG_ID_SYSTEM) {
+    line += "[system]";
+  }
+  line += ": ";
+  line += Flatten(message);
+  return line;
+}
+
+// Turns the resolver into a path once; false when there is none.
+bool Resolve() {
+  if (g_resolve) {
+    auto resolve = std::move(g_resolve);
+    g_resolve = nullptr;
+    try {
+      g_path = resolve();
+    } catch (const std::exception&) {
+      g_path.clear();
+    }
+  }
+  return !g_path.empty();
+}
+
+void Sink(const __android_logger_data* data, const char* message) {
+  // Only the lines of the current library call matter; keep the memory bounded regardless.
+  if (g_seen.size() >= 4096) g_seen.clear();
+  g_seen.push_back(message ? message : "");
+  std::string line = Format(data, message);
+  if (g_to_stderr) {
+    fprintf(stderr, "%s\n", line.c_str());
+    return;
+  }
+  if (!g_file && Resolve()) {
+    g_file = fopen(g_path.c_str(), "ae");
+    if (!g_file) g_path.clear();  // nowhere to write; do not try at every line
+  }
+  if (!g_file) return;
+  char stamp[32];
+  time_t now = time(nullptr);
+  struct tm tm;
+  strftime(stamp, sizeof(stamp), "%Y-%m-%d %H:%M:%S", localtime_r(&now, &tm));
+  fprintf(g_file, "%s %s\n", stamp, line.c_str());
+  fflush(g_file);
+}
+
+}  // namespace
+
+void InstallLogSink(bool to_stderr) {
+  g_to_stderr = to_stderr;
+  __android_log_set_minimum_priority(ANDROID_LOG_INFO);
+  __android_log_set_logger(Sink);
+}
+
+void SetLogFile(std::function<std::string()> path) {
+  if (g_file) fclose(g_file);
+  g_file = nullptr;
+  g_path.clear();
+  g_resolve = std::move(path);
+}
+
+std::string LogHint() {
+  if (g_to_stderr || !Resolve()) return "";
+  return " (details in " + g_path + ")";
+}
+
+void ForgetSeen() { g_seen.clear(); }
+
+bool LogSaw(const std::string& fragment) {
+  for (const std::string& text : g_seen) {
+    if (text.find(fragment) != std::string::npos) return true;
+  }
+  return false;
+}
+
+}  // namespace tavikm_tool

@@ -1,0 +1,119 @@
+// tavikm: the command-line tool over libtavikm on the host platform. Global options choose the
+// device directory and properties before anything touches the platform; then one command runs.
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "commands.h"
+#include "log_sink.h"
+#include "tavikm_host/device.h"
+
+namespace {
+
+using namespace tavikm_tool;
+
+const char kUsage[] = "usage: tavikm [--device-dir DIR] [--prop KEY=VALUE]... [-v] COMMAND ...";
+
+const char kHelp[] =
+    "Key management for storage encryption, on the host platform's emulated device.\n"
+    "\n"
+    "Commands:\n"
+    "  setup KEY_LOC      create a record: new master key wrapped under a new password\n"
+    "  unlock KEY_LOC     unwrap the master key with the password, print its fingerprint\n"
+    "  passwd KEY_LOC     wrap the same master key under a new password\n"
+    "  inspect KEY_LOC    decode a stored record field by field, without a password\n"
+    "  kek put|get|delete NAME   the store of key-encryption keys\n"
+    "  demo               a narrated tour in a throwaway device directory\n"
+    "Each command explains itself with --help.\n"
+    "\n"
+    "Options:\n"
+    "  --device-dir DIR   the emulated device's state (default $TAVIKM_DEVICE_DIR, else\n"
+    "                     $XDG_STATE_HOME/tavikm/device, else ~/.local/state/tavikm/device)\n"
+    "  --prop KEY=VALUE   set a system property for this run (repeatable), e.g.\n"
+    "                     ro.product.tavi.support_mdfpp=true, ro.crypto.scrypt_params=12:3:1\n"
+    "  -v                 library log lines to stderr instead of log.txt in the device directory\n"
+    "\n"
+    "Exit status: 0 success, 1 usage, 2 wrong password, 3 not found, 4 other failure.\n";
+
+bool TakeValue(const std::vector<std::string>& args, size_t* i, const std::string& name,
+               std::string* value) {
+  const std::string& arg = args[*i];
+  if (arg == name) {
+    if (*i + 1 >= args.size()) throw UsageError(name + " needs a value");
+    *value = args[++*i];
+    return true;
+  }
+  if (arg.rfind(name + "=", 0) == 0) {
+    *value = arg.substr(name.size() + 1);
+    return true;
+  }
+  return false;
+}
+
+int Run(const std::vector<std::string>& args) {
+  SetCurrentUsage(kUsage);
+  Globals globals;
+  std::string device_dir;
+  size_t i = 0;
+  for (; i < args.size(); ++i) {
+    std::string value;
+    if (TakeValue(args, &i, "--device-dir", &value)) {
+      if (value.empty()) throw UsageError("--device-dir needs a directory");
+      device_dir = value;
+      globals.device_dir_given = true;
+    } else if (TakeValue(args, &i, "--prop", &value)) {
+      globals.props.push_back(value);
+    } else if (args[i] == "-v" || args[i] == "--verbose") {
+      globals.verbose = true;
+    } else if (args[i] == "--help" || args[i] == "-h") {
+      printf("%s\n%s", kUsage, kHelp);
+      return kExitOk;
+    } else if (!args[i].empty() && args[i][0] == '-') {
+      throw UsageError("unknown option " + args[i]);
+    } else {
+      break;
+    }
+  }
+  if (i == args.size()) throw UsageError("missing command");
+  const std::string command = args[i];
+  std::vector<std::string> rest(args.begin() + static_cast<long>(i) + 1, args.end());
+
+  InstallLogSink(globals.verbose);
+  if (command == "demo") return RunDemo(rest, globals);
+  if (!device_dir.empty()) setenv("TAVIKM_DEVICE_DIR", device_dir.c_str(), 1);
+  tavikm_host::ResetProperties();
+  ApplyProps(globals.props);
+  // Resolved at the first line, so --help never creates a device directory.
+  SetLogFile([] { return tavikm_host::DevicePath("log.txt"); });
+
+  if (command == "setup") return RunSetup(rest);
+  if (command == "unlock") return RunUnlock(rest);
+  if (command == "passwd") return RunPasswd(rest);
+  if (command == "inspect") return RunInspect(rest);
+  if (command == "kek") return RunKek(rest);
+  if (command == "help") {
+    printf("%s\n%s", kUsage, kHelp);
+    return kExitOk;
+  }
+  throw UsageError("unknown command " + command);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::vector<std::string> args(argv + 1, argv + argc);
+  try {
+    return Run(args);
+  } catch (const ToolError& e) {
+    fprintf(stderr, "tavikm: %s\n", e.what());
+    if (e.code() == kExitUsage) fprintf(stderr, "%s\n", CurrentUsage().c_str());
+    return e.code();
+  } catch (const std::exception& e) {
+    fprintf(stderr, "tavikm: %s\n", e.what());
+    return kExitFailure;
+  }
+}

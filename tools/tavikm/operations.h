@@ -1,0 +1,69 @@
+// What the tool does with the library, the way the storage-encryption service does it: set up a
+// key location, unlock it, change its password, and keep KEKs. The commands print the results;
+// the demo narrates them. Every failure is a ToolError with its exit code and sentence.
+#ifndef TAVIKM_TOOLS_OPERATIONS_H_
+#define TAVIKM_TOOLS_OPERATIONS_H_
+
+#include <stdint.h>
+
+#include <string>
+
+#include "place.h"
+#include "secret.h"
+#include "tavikm.h"
+
+namespace tavikm_tool {
+
+struct SetupResult {
+  km_meta meta{};
+  KeyBytes master_key;
+};
+
+// km_initial_setup for `place`. The library always stores at offset 0; for a file record at
+// another offset the record is then stored at that offset and the copy at 0 zeroed. Refuses to
+// replace an existing entry, a non-metadata file or non-zero bytes where the record would go
+// (at the offset and at 0) unless `force`.
+SetupResult Setup(const Place& place, const Password& password, uint64_t keysize, uint32_t kdf_type,
+                  bool force);
+
+struct UnlockResult {
+  km_meta meta{};  // the record as it stands after the unlock
+  KeyBytes master_key;
+  // km_decrypt_key answered 9: the key opened under the all-zero key, not under the password.
+  bool zero_key = false;
+  // The record changed in memory on the way (a Keymaster key upgraded) and was stored again.
+  bool stored_again = false;
+  // Secure storage only: km_get_km_meta rewrote the entry while reading it (an older generation
+  // or a record still without its KEK). Its stored length and major version before that:
+  bool upgraded_on_read = false;
+  uint64_t old_length = 0;
+  unsigned old_major_version = 0;
+};
+
+// km_get_km_meta, the password MAC check in CBC-only mode, km_decrypt_key. A wrong password is
+// kExitWrongPassword, a missing record kExitNotFound.
+UnlockResult Unlock(const Place& place, const Password& password);
+
+struct PasswdResult {
+  UnlockResult unlocked;  // the unlock with the old password
+  km_meta stored{};       // the record stored under the new password
+};
+
+// Unwraps with the old password, wraps the same master key under the new one with a new salt
+// in a copy of the record, and stores the copy only when all of that succeeded.
+PasswdResult ChangePassword(const Place& place, const Password& old_password,
+                            const Password& new_password);
+
+// The REK/KEK store. Put refuses to replace an existing entry unless `force`.
+void PutKek(const std::string& name, const KeyBytes& kek, bool force);
+// A "0 with length 0" answer (the Keymaster key was upgraded) is asked again once; `asked_twice`
+// tells whether that happened.
+KeyBytes GetKek(const std::string& name, bool* asked_twice);
+void DeleteKek(const std::string& name);
+
+// A human name of a kdf_type: "scrypt", "PBKDF2 with REK", ...
+std::string KdfName(unsigned kdf_type);
+
+}  // namespace tavikm_tool
+
+#endif  // TAVIKM_TOOLS_OPERATIONS_H_

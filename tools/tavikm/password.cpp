@@ -1,0 +1,130 @@
+// Password input: files, standard input and an echo-less terminal prompt.
+#include "password.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "cli.h"
+
+namespace tavikm_tool {
+namespace {
+
+// Reads one line from `fd` a byte at a time, so nothing past the newline is consumed and a
+// later read of the same descriptor gets the next line. Returns false at end of input with
+// nothing read. A trailing "\r" is dropped with the newline.
+bool ReadLine(int fd, Password* out, const std::string& source) {
+  size_t length = 0;
+  bool any = false;
+  for (;;) {
+    char c;
+    ssize_t n = read(fd, &c, 1);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw ToolError(kExitFailure, "cannot read " + source + ": " + strerror(errno));
+    if (n == 0 || c == '\n') {
+      any = any || n == 1;
+      break;
+    }
+    any = true;
+    if (length + 1 >= Password::capacity()) {
+      throw ToolError(kExitFailure, "the password in " + source + " is longer than " +
+                                        std::to_string(Password::capacity() - 1) + " bytes");
+    }
+    out->data()[length++] = static_cast<uint8_t>(c);
+  }
+  if (length > 0 && out->data()[length - 1] == '\r') out->data()[--length] = 0;
+  out->set_size(length);
+  return any;
+}
+
+Password FromFile(const std::string& file) {
+  Password password;
+  if (file == "-") {
+    if (!ReadLine(STDIN_FILENO, &password, "standard input")) {
+      throw ToolError(kExitFailure, "standard input holds no password");
+    }
+    return password;
+  }
+  int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    throw ToolError(errno == ENOENT ? kExitNotFound : kExitFailure,
+                    "cannot open password file " + file + ": " + strerror(errno));
+  }
+  bool any;
+  try {
+    any = ReadLine(fd, &password, file);
+  } catch (...) {
+    close(fd);
+    throw;
+  }
+  close(fd);
+  if (!any) throw ToolError(kExitFailure, "password file " + file + " is empty");
+  return password;
+}
+
+struct termios g_saved_termios;
+volatile sig_atomic_t g_echo_off = 0;
+
+// A signal during the prompt must not leave the terminal without echo.
+void RestoreEchoAndDie(int sig) {
+  if (g_echo_off) tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_saved_termios);
+  signal(sig, SIG_DFL);
+  raise(sig);
+}
+
+Password Prompt(const std::string& prompt) {
+  if (!isatty(STDIN_FILENO)) {
+    throw UsageError(
+        "no terminal to ask for the password: give --password-file FILE (- for standard input)");
+  }
+  if (tcgetattr(STDIN_FILENO, &g_saved_termios) != 0) {
+    throw ToolError(kExitFailure, std::string("cannot control the terminal: ") + strerror(errno));
+  }
+  struct termios quiet = g_saved_termios;
+  quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+  quiet.c_lflag |= ECHONL;
+  struct sigaction action = {};
+  action.sa_handler = RestoreEchoAndDie;
+  struct sigaction old_int, old_term;
+  sigaction(SIGINT, &action, &old_int);
+  sigaction(SIGTERM, &action, &old_term);
+  fprintf(stderr, "%s", prompt.c_str());
+  fflush(stderr);
+  g_echo_off = 1;
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+  Password password;
+  bool any = false;
+  std::string error;
+  try {
+    any = ReadLine(STDIN_FILENO, &password, "the terminal");
+  } catch (const ToolError& e) {
+    error = e.what();
+  }
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_saved_termios);
+  g_echo_off = 0;
+  sigaction(SIGINT, &old_int, nullptr);
+  sigaction(SIGTERM, &old_term, nullptr);
+  if (!error.empty()) throw ToolError(kExitFailure, error);
+  if (!any) throw ToolError(kExitFailure, "no password given");
+  return password;
+}
+
+}  // namespace
+
+Password ReadPassword(const std::optional<std::string>& file, const std::string& prompt) {
+  return file ? FromFile(*file) : Prompt(prompt);
+}
+
+Password ReadNewPassword(const std::optional<std::string>& file, const std::string& prompt) {
+  if (file) return FromFile(*file);
+  Password first = Prompt(prompt);
+  Password second = Prompt("Repeat the new password: ");
+  if (first != second) throw ToolError(kExitFailure, "the two passwords do not match");
+  return first;
+}
+
+}  // namespace tavikm_tool
