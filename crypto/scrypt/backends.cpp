@@ -7,6 +7,13 @@
 
 std::vector<const km_scrypt_backend*> km_scrypt_all_backends() {
   return {
+#if defined(__x86_64__)
+      &km_scrypt_avx512vl,
+      &km_scrypt_sse2,
+#endif
+#if defined(__aarch64__)
+      &km_scrypt_neon,
+#endif
       &km_scrypt_portable,
   };
 }

@@ -21,6 +21,13 @@ struct km_scrypt_backend {
 
 // Defined by the back-end files built for this architecture.
 extern const km_scrypt_backend km_scrypt_portable;
+#if defined(__x86_64__)
+extern const km_scrypt_backend km_scrypt_sse2;
+extern const km_scrypt_backend km_scrypt_avx512vl;
+#endif
+#if defined(__aarch64__)
+extern const km_scrypt_backend km_scrypt_neon;
+#endif
 
 // Every back end built into the library, preferred first; the portable one is last.
 std::vector<const km_scrypt_backend*> km_scrypt_all_backends();
