@@ -342,8 +342,12 @@ int Open(const hw_module_t* module, const char* id, hw_device_t** device) {
 hw_module_methods_t g_methods = {Open};
 
 std::mutex g_modules_mutex;
+
 // One module per version ever asked for; never freed, since callers keep module pointers.
-std::map<uint16_t, keystore_module*> g_modules;
+std::map<uint16_t, std::unique_ptr<keystore_module>>& Modules() {
+  static auto* modules = new std::map<uint16_t, std::unique_ptr<keystore_module>>;
+  return *modules;
+}
 
 }  // namespace
 }  // namespace tavikm_host::km
@@ -359,9 +363,9 @@ const hw_module_t* KeystoreModule() {
   if (!*value || *end || errno || version > 0xffff) return nullptr;
 
   std::lock_guard<std::mutex> lock(km::g_modules_mutex);
-  keystore_module*& module = km::g_modules[static_cast<uint16_t>(version)];
+  std::unique_ptr<keystore_module>& module = km::Modules()[static_cast<uint16_t>(version)];
   if (!module) {
-    module = new keystore_module{};
+    module = std::make_unique<keystore_module>();
     module->common.tag = HARDWARE_MODULE_TAG;
     module->common.module_api_version = static_cast<uint16_t>(version);
     module->common.hal_api_version = 0;

@@ -18,16 +18,16 @@ extern "C" {
 #endif
 
 typedef enum {
-  KM_INVALID = 0 << 28,
-  KM_ENUM = 1 << 28,
-  KM_ENUM_REP = 2 << 28,
-  KM_UINT = 3 << 28,
-  KM_UINT_REP = 4 << 28,
-  KM_ULONG = 5 << 28,
-  KM_DATE = 6 << 28,
-  KM_BOOL = 7 << 28,
-  KM_BIGNUM = 8 << 28,
-  KM_BYTES = 9 << 28,
+  KM_INVALID = 0u << 28,
+  KM_ENUM = 1u << 28,
+  KM_ENUM_REP = 2u << 28,
+  KM_UINT = 3u << 28,
+  KM_UINT_REP = 4u << 28,
+  KM_ULONG = 5u << 28,
+  KM_DATE = 6u << 28,
+  KM_BOOL = 7u << 28,
+  KM_BIGNUM = 8u << 28,
+  KM_BYTES = 9u << 28,
   KM_ULONG_REP = 10u << 28,
 } keymaster_tag_type_t;
 

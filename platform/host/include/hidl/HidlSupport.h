@@ -103,10 +103,10 @@ class hidl_vec {
   T& operator[](size_t index) { return mBuffer[index]; }
   const T& operator[](size_t index) const { return mBuffer[index]; }
 
-  // Resizes into a fresh owned buffer, keeping the leading elements.
+  // Resizes into a fresh owned buffer, keeping the leading elements; new ones are zero.
   void resize(size_t size) {
     if (size > UINT32_MAX) details::logAlwaysFatal("hidl_vec can't hold more than 2^32 elements.");
-    T* buffer = size ? new T[size] : nullptr;
+    T* buffer = size ? new T[size]() : nullptr;
     for (size_t i = 0; i < std::min(size, static_cast<size_t>(mSize)); ++i) {
       buffer[i] = std::move(mBuffer[i]);
     }

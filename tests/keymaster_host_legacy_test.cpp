@@ -1,0 +1,257 @@
+// The legacy "keystore" module: its version from host.keystore.api_version, the keymaster1
+// device's AES-CBC over the Keymaster 4.0 device's key blobs (checked against libcrypto on an
+// imported key), its checks, and the malloc'ed outputs the caller owns.
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include <cutils/properties.h>
+#include <gtest/gtest.h>
+#include <hardware/hardware.h>
+#include <hardware/keymaster0.h>
+#include <hardware/keymaster1.h>
+#include <openssl/evp.h>
+
+#include "keymaster_host_util.h"
+#include "support/device_env.h"
+#include "tavikm_host/keymaster.h"
+
+namespace tavikm_test::kmhost {
+namespace {
+
+const hw_module_t* Lookup(int* rc) {
+  const hw_module_t* module = nullptr;
+  *rc = hw_get_module_by_class(KEYSTORE_HARDWARE_MODULE_ID, nullptr, &module);
+  return module;
+}
+
+// The parameters the library's message encryption passes: AES, no padding, CBC, the IV.
+struct CbcParams {
+  explicit CbcParams(const Bytes& iv, keymaster_block_mode_t mode = KM_MODE_CBC,
+                     keymaster_padding_t padding = KM_PAD_NONE) {
+    params[0] = keymaster_param_enum(KM_TAG_ALGORITHM, KM_ALGORITHM_AES);
+    params[1] = keymaster_param_enum(KM_TAG_PADDING, padding);
+    params[2] = keymaster_param_enum(KM_TAG_BLOCK_MODE, mode);
+    params[3] = keymaster_param_blob(KM_TAG_NONCE, iv.data(), iv.size());
+    set = {params, iv.empty() ? 3u : 4u};
+  }
+  keymaster_key_param_t params[4];
+  keymaster_key_param_set_t set;
+};
+
+class LegacyKeymasterTest : public DeviceTest {
+ protected:
+  void SetUp() override {
+    int rc;
+    const hw_module_t* module = Lookup(&rc);
+    ASSERT_EQ(rc, 0);
+    ASSERT_EQ(keymaster1_open(module, &km1_), 0);
+  }
+  void TearDown() override {
+    if (km1_) keymaster1_close(km1_);
+  }
+
+  Bytes ImportedKey(const Bytes& raw) {
+    KeymasterPtr km = FirstDevice();
+    KeyResult key = Import(*km, AesGcmKey(static_cast<uint32_t>(raw.size() * 8)), raw);
+    EXPECT_EQ(key.error, ErrorCode::OK);
+    return key.blob;
+  }
+
+  // begin, one update, finish; the outputs are freed here as the caller must.
+  keymaster_error_t Run(keymaster_purpose_t purpose, const Bytes& blob, const CbcParams& params,
+                        const Bytes& input, Bytes* output) {
+    keymaster_key_blob_t key = {blob.data(), blob.size()};
+    keymaster_key_param_set_t out_params = {nullptr, 0};
+    keymaster_operation_handle_t handle = 0;
+    keymaster_error_t error = km1_->begin(km1_, purpose, &key, &params.set, &out_params, &handle);
+    keymaster_free_param_set(&out_params);
+    if (error != KM_ERROR_OK) return error;
+    keymaster_blob_t in = {input.data(), input.size()};
+    keymaster_blob_t out = {nullptr, 0};
+    size_t consumed = 0;
+    error = km1_->update(km1_, handle, nullptr, &in, &consumed, nullptr, &out);
+    if (error != KM_ERROR_OK) return error;
+    EXPECT_EQ(consumed, input.size());
+    output->assign(out.data, out.data + out.data_length);
+    free(const_cast<uint8_t*>(out.data));
+    out = {nullptr, 0};
+    error = km1_->finish(km1_, handle, nullptr, nullptr, nullptr, &out);
+    if (error != KM_ERROR_OK) return error;
+    EXPECT_NE(out.data, nullptr);  // owned by the caller even when empty
+    output->insert(output->end(), out.data, out.data + out.data_length);
+    free(const_cast<uint8_t*>(out.data));
+    return error;
+  }
+
+  keymaster1_device_t* km1_ = nullptr;
+};
+
+Bytes Pattern(size_t size, uint8_t start) {
+  Bytes b(size);
+  for (size_t i = 0; i < size; ++i) b[i] = static_cast<uint8_t>(start + 3 * i);
+  return b;
+}
+
+Bytes LibcryptoCbc(const Bytes& key, const Bytes& iv, const Bytes& input, bool encrypt) {
+  const EVP_CIPHER* cipher = key.size() == 16 ? EVP_aes_128_cbc() : EVP_aes_256_cbc();
+  EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+  Bytes out(input.size() + 16);
+  int n = 0, m = 0;
+  EXPECT_TRUE(EVP_CipherInit_ex(ctx, cipher, nullptr, key.data(), iv.data(), encrypt));
+  EXPECT_TRUE(EVP_CIPHER_CTX_set_padding(ctx, 0));
+  EXPECT_TRUE(EVP_CipherUpdate(ctx, out.data(), &n, input.data(), input.size()));
+  EXPECT_TRUE(EVP_CipherFinal_ex(ctx, out.data() + n, &m));
+  EVP_CIPHER_CTX_free(ctx);
+  out.resize(n + m);
+  return out;
+}
+
+TEST(LegacyModuleTest, VersionComesFromThePropertyAndPicksTheDevice) {
+  TempDeviceDir device;
+  int rc;
+  const hw_module_t* module = Lookup(&rc);
+  ASSERT_EQ(rc, 0);
+  EXPECT_EQ(module->module_api_version, KEYMASTER_MODULE_API_VERSION_1_0);
+  EXPECT_STREQ(module->id, "keystore");
+  EXPECT_STREQ(module->name, "TAVIKM host keystore");
+  keymaster1_device_t* km1 = nullptr;
+  ASSERT_EQ(keymaster1_open(module, &km1), 0);
+  EXPECT_EQ(km1->common.tag, static_cast<uint32_t>(HARDWARE_DEVICE_TAG));
+  EXPECT_EQ(km1->common.module, module);
+  EXPECT_NE(km1->begin, nullptr);
+  EXPECT_EQ(keymaster1_close(km1), 0);
+  hw_device_t* unknown = nullptr;
+  EXPECT_EQ(module->methods->open(module, "gatekeeper", &unknown), -EINVAL);
+  EXPECT_EQ(unknown, nullptr);
+
+  // Any other version, older or newer, is a keymaster0 module; its calls all fail.
+  for (const char* version : {"0x0200", "0x0003", "2"}) {
+    SCOPED_TRACE(version);
+    property_set("host.keystore.api_version", version);
+    module = Lookup(&rc);
+    ASSERT_EQ(rc, 0);
+    EXPECT_EQ(module->module_api_version, strtoul(version, nullptr, 0));
+    keymaster0_device_t* km0 = nullptr;
+    ASSERT_EQ(keymaster0_open(module, &km0), 0);
+    uint8_t* blob = nullptr;
+    size_t blob_size = 0;
+    EXPECT_LT(km0->import_keypair(km0, nullptr, 0, &blob, &blob_size), 0);
+    EXPECT_EQ(keymaster0_close(km0), 0);
+  }
+
+  for (const char* none : {"", "junk", "0x10000"}) {
+    SCOPED_TRACE(none);
+    property_set("host.keystore.api_version", none);
+    EXPECT_EQ(Lookup(&rc), nullptr);
+    EXPECT_EQ(rc, -ENOENT);
+  }
+}
+
+TEST_F(LegacyKeymasterTest, CbcMatchesLibcryptoOnTheSameKey) {
+  for (size_t key_size : {size_t{16}, size_t{32}}) {
+    SCOPED_TRACE(key_size);
+    Bytes raw = Pattern(key_size, 0x30);
+    Bytes blob = ImportedKey(raw);
+    Bytes iv = Pattern(16, 0x90);
+    Bytes secret = Pattern(32, 0x01);
+    Bytes encrypted;
+    ASSERT_EQ(Run(KM_PURPOSE_ENCRYPT, blob, CbcParams(iv), secret, &encrypted), KM_ERROR_OK);
+    EXPECT_EQ(encrypted, LibcryptoCbc(raw, iv, secret, true));
+    Bytes decrypted;
+    ASSERT_EQ(Run(KM_PURPOSE_DECRYPT, blob, CbcParams(iv), encrypted, &decrypted), KM_ERROR_OK);
+    EXPECT_EQ(decrypted, secret);
+  }
+  EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
+}
+
+TEST_F(LegacyKeymasterTest, UsesKeysOfEveryLevelAndIgnoresTheOsBinding) {
+  // The legacy path predates both: a GCM key of a software Keymaster, after a patch, works.
+  property_set("host.keymaster.devices", "SOFTWARE");
+  KeyResult key = Generate(*FirstDevice(), AesGcmKey());
+  ASSERT_EQ(key.error, ErrorCode::OK);
+  property_set("ro.build.version.security_patch", "2027-06-01");
+  Bytes iv(16, 7), out;
+  EXPECT_EQ(Run(KM_PURPOSE_ENCRYPT, key.blob, CbcParams(iv), Bytes(32, 1), &out), KM_ERROR_OK);
+  EXPECT_EQ(out.size(), 32u);
+}
+
+TEST_F(LegacyKeymasterTest, BeginChecksKeyModePaddingAndNonce) {
+  Bytes blob = ImportedKey(Bytes(32, 5));
+  hw::AuthorizationSetBuilder encrypt_only;
+  encrypt_only.AesKey(256)
+      .Authorization(hw::TAG_PURPOSE, hw::KeyPurpose::ENCRYPT)
+      .GcmModeMinMacLen(128)
+      .Padding(hw::PaddingMode::NONE);
+  Bytes no_caller_nonce = Generate(*FirstDevice(), encrypt_only).blob;
+  Bytes iv(16, 1), out;
+  Bytes changed = blob;
+  changed[20] ^= 1;
+
+  EXPECT_EQ(Run(KM_PURPOSE_ENCRYPT, changed, CbcParams(iv), Bytes(32), &out),
+            KM_ERROR_INVALID_KEY_BLOB);
+  EXPECT_EQ(Run(KM_PURPOSE_ENCRYPT, blob, CbcParams(iv, KM_MODE_GCM), Bytes(32), &out),
+            KM_ERROR_UNSUPPORTED_BLOCK_MODE);
+  EXPECT_EQ(Run(KM_PURPOSE_ENCRYPT, blob, CbcParams(iv, KM_MODE_CBC, KM_PAD_PKCS7), Bytes(32), &out),
+            KM_ERROR_UNSUPPORTED_PADDING_MODE);
+  EXPECT_EQ(Run(KM_PURPOSE_ENCRYPT, blob, CbcParams(Bytes(12, 1)), Bytes(32), &out),
+            KM_ERROR_INVALID_NONCE);
+  EXPECT_EQ(Run(KM_PURPOSE_DECRYPT, blob, CbcParams(Bytes()), Bytes(32), &out),
+            KM_ERROR_MISSING_NONCE);
+  EXPECT_EQ(Run(KM_PURPOSE_SIGN, blob, CbcParams(iv), Bytes(32), &out),
+            KM_ERROR_UNSUPPORTED_PURPOSE);
+  EXPECT_EQ(Run(KM_PURPOSE_DECRYPT, no_caller_nonce, CbcParams(iv), Bytes(32), &out),
+            KM_ERROR_INCOMPATIBLE_PURPOSE);
+  EXPECT_EQ(Run(KM_PURPOSE_ENCRYPT, no_caller_nonce, CbcParams(iv), Bytes(32), &out),
+            KM_ERROR_CALLER_NONCE_PROHIBITED);
+  // Without padding the message must come to whole blocks.
+  EXPECT_EQ(Run(KM_PURPOSE_ENCRYPT, blob, CbcParams(iv), Bytes(20), &out),
+            KM_ERROR_INVALID_INPUT_LENGTH);
+  EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
+
+  // Encryption without a nonce makes one and hands it back in malloc'ed parameters.
+  keymaster_key_blob_t key = {blob.data(), blob.size()};
+  CbcParams no_iv((Bytes()));
+  keymaster_key_param_set_t out_params = {nullptr, 0};
+  keymaster_operation_handle_t handle = 0;
+  ASSERT_EQ(km1_->begin(km1_, KM_PURPOSE_ENCRYPT, &key, &no_iv.set, &out_params, &handle),
+            KM_ERROR_OK);
+  ASSERT_EQ(out_params.length, 1u);
+  EXPECT_EQ(out_params.params[0].tag, KM_TAG_NONCE);
+  EXPECT_EQ(out_params.params[0].blob.data_length, 16u);
+  keymaster_free_param_set(&out_params);
+  EXPECT_EQ(km1_->begin(km1_, KM_PURPOSE_ENCRYPT, &key, &no_iv.set, nullptr, &handle),
+            KM_ERROR_OUTPUT_PARAMETER_NULL);
+  EXPECT_EQ(km1_->abort(km1_, handle), KM_ERROR_OK);
+  EXPECT_EQ(km1_->abort(km1_, handle), KM_ERROR_INVALID_OPERATION_HANDLE);
+}
+
+TEST_F(LegacyKeymasterTest, SharesTheOperationTableButNotTheHandles) {
+  Bytes blob = ImportedKey(Bytes(16, 9));
+  keymaster_key_blob_t key = {blob.data(), blob.size()};
+  Bytes iv(16, 3);
+  CbcParams params(iv);
+  std::vector<keymaster_operation_handle_t> handles;
+  for (size_t i = 0; i < tavikm_host::kKeymasterMaxOperations; ++i) {
+    keymaster_operation_handle_t handle = 0;
+    ASSERT_EQ(km1_->begin(km1_, KM_PURPOSE_ENCRYPT, &key, &params.set, nullptr, &handle),
+              KM_ERROR_OK);
+    handles.push_back(handle);
+  }
+  keymaster_operation_handle_t extra = 0;
+  EXPECT_EQ(km1_->begin(km1_, KM_PURPOSE_ENCRYPT, &key, &params.set, nullptr, &extra),
+            KM_ERROR_TOO_MANY_OPERATIONS);
+  KeymasterPtr km = FirstDevice();
+  EXPECT_EQ(Begin(*km, hw::KeyPurpose::ENCRYPT, blob, GcmParams(Bytes(12, 0))).error,
+            ErrorCode::TOO_MANY_OPERATIONS);
+  // The Keymaster 4.0 device cannot touch the legacy device's operations.
+  EXPECT_EQ(Abort(*km, handles[0]), ErrorCode::INVALID_OPERATION_HANDLE);
+  for (auto handle : handles) EXPECT_EQ(km1_->abort(km1_, handle), KM_ERROR_OK);
+  EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
+}
+
+}  // namespace
+}  // namespace tavikm_test::kmhost

@@ -1,0 +1,238 @@
+// The host's HIDL support and Keymaster 4.0 support-library types: hidl_vec ownership and its
+// size limit, the fatal checks of Return, transport descriptions, the HAL's numbers, and
+// AuthorizationSet / AuthorizationSetBuilder.
+#include <stdint.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <android/hardware/keymaster/4.0/types.h>
+#include <gtest/gtest.h>
+#include <hardware/keymaster_defs.h>
+#include <hidl/HidlSupport.h>
+#include <hidl/Status.h>
+#include <keymasterV4_0/authorization_set.h>
+
+#include "keymaster_host_util.h"
+
+namespace tavikm_test::kmhost {
+namespace {
+
+using ::android::hardware::Return;
+using ::android::hardware::Status;
+using ::android::hardware::Void;
+
+TEST(HidlVecTest, ViewsShareCopiesOwnAndMovesKeepWhatTheyWere) {
+  Bytes storage = {1, 2, 3, 4};
+  hidl_vec<uint8_t> view;
+  view.setToExternal(storage.data(), storage.size());
+  EXPECT_EQ(view.data(), storage.data());
+
+  hidl_vec<uint8_t> copy = view;
+  EXPECT_NE(copy.data(), storage.data());
+  EXPECT_EQ(copy, view);
+
+  hidl_vec<uint8_t> moved = std::move(view);
+  EXPECT_EQ(moved.data(), storage.data());
+  storage[0] = 9;
+  EXPECT_EQ(moved[0], 9);
+  EXPECT_EQ(copy[0], 1);
+
+  // A view hands over nothing; an owner hands over its buffer.
+  EXPECT_EQ(moved.releaseData(), nullptr);
+  uint8_t* owned = copy.releaseData();
+  ASSERT_NE(owned, nullptr);
+  EXPECT_EQ(owned[3], 4);
+  EXPECT_EQ(copy.size(), 0u);
+  delete[] owned;
+
+  hidl_vec<uint8_t> grown = {7, 8};
+  grown.resize(3);
+  EXPECT_EQ(ToBytes(grown), (Bytes{7, 8, 0}));
+}
+
+TEST(HidlVecDeathTest, AnExternalVectorOver32BitsIsFatal) {
+  uint8_t byte = 0;
+  hidl_vec<uint8_t> view;
+  view.setToExternal(&byte, UINT32_MAX);  // the largest allowed; never read
+  EXPECT_EQ(view.size(), UINT32_MAX);
+  EXPECT_DEATH(view.setToExternal(&byte, size_t{UINT32_MAX} + 1),
+               "external vector size exceeds 2\\^32 elements\\.\n");
+}
+
+TEST(HidlStatusTest, DescriptionsSayTheExceptionAndTheMessage) {
+  EXPECT_EQ(Status::ok().description(), "No error");
+  EXPECT_EQ(Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED, "binder died").description(),
+            "Status(EX_TRANSACTION_FAILED): 'binder died'");
+  EXPECT_EQ(Status::fromExceptionCode(Status::EX_SECURITY).description(),
+            "Status(EX_SECURITY): ''");
+
+  Return<ErrorCode> failed = Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED, "x");
+  EXPECT_FALSE(failed.isOk());
+  EXPECT_EQ(failed.withDefault(ErrorCode::UNKNOWN_ERROR), ErrorCode::UNKNOWN_ERROR);
+  Return<ErrorCode> fine = ErrorCode::INVALID_KEY_BLOB;
+  EXPECT_TRUE(fine.isOk());
+  EXPECT_EQ(static_cast<ErrorCode>(fine), ErrorCode::INVALID_KEY_BLOB);
+  Return<void> done = Void();
+  EXPECT_TRUE(done.isOk());
+}
+
+TEST(HidlStatusDeathTest, AFailedReturnMustBeLookedAt) {
+  EXPECT_DEATH(
+      { Return<void> r = Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED, "lost"); },
+      "Failed HIDL return status not checked: Status\\(EX_TRANSACTION_FAILED\\): 'lost'");
+  EXPECT_DEATH(
+      {
+        Return<ErrorCode> r = Status::fromExceptionCode(Status::EX_TRANSACTION_FAILED, "gone");
+        ErrorCode code = r;
+        (void)code;
+      },
+      "Attempted to retrieve value from failed HIDL call: .*'gone'");
+  // A successful Return needs no looking at.
+  { Return<ErrorCode> r = ErrorCode::OK; }
+}
+
+TEST(KeymasterTypesTest, NumbersAreTheHals) {
+  // Tags the library names, with the values it logs and stores.
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::ALGORITHM), 0x10000002u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::KEY_SIZE), 0x30000003u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::PURPOSE), 0x20000001u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::BLOCK_MODE), 0x20000004u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::DIGEST), 0x20000005u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::PADDING), 0x20000006u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::CALLER_NONCE), 0x70000007u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::MIN_MAC_LENGTH), 0x30000008u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::RSA_PUBLIC_EXPONENT), 0x500000C8u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::BLOB_USAGE_REQUIREMENTS), 0x1000012Du);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::MIN_SECONDS_BETWEEN_OPS), 0x30000193u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::NO_AUTH_REQUIRED), 0x700001F7u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::OS_VERSION), 0x300002C1u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::OS_PATCHLEVEL), 0x300002C2u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::NONCE), 0x900003E9u);
+  EXPECT_EQ(static_cast<uint32_t>(hw::Tag::MAC_LENGTH), 0x300003EBu);
+  EXPECT_EQ(static_cast<int32_t>(ErrorCode::KEY_RATE_LIMIT_EXCEEDED), -54);
+  EXPECT_EQ(static_cast<int32_t>(ErrorCode::KEY_REQUIRES_UPGRADE), -62);
+  EXPECT_EQ(static_cast<int32_t>(ErrorCode::CONCURRENT_ACCESS_CONFLICT), -47);
+  EXPECT_EQ(static_cast<int32_t>(ErrorCode::UNKNOWN_ERROR), -1000);
+  EXPECT_EQ(static_cast<int32_t>(ErrorCode::INVALID_KEY_BLOB), -33);
+  EXPECT_EQ(static_cast<int32_t>(ErrorCode::TOO_MANY_OPERATIONS), -31);
+  EXPECT_EQ(static_cast<int32_t>(ErrorCode::INVALID_OPERATION_HANDLE), -28);
+  // The legacy definitions agree with the 4.0 ones where the library crosses between them.
+  EXPECT_EQ(static_cast<uint32_t>(KM_TAG_NONCE), static_cast<uint32_t>(hw::Tag::NONCE));
+  EXPECT_EQ(static_cast<uint32_t>(KM_TAG_BLOCK_MODE), 0x20000004u);
+  EXPECT_EQ(static_cast<uint32_t>(KM_TAG_PADDING), 0x20000006u);
+  EXPECT_EQ(KM_MODE_CBC, 2);
+  EXPECT_EQ(KM_PAD_NONE, 1);
+  EXPECT_EQ(KM_ALGORITHM_AES, 32);
+  // The legacy structures keep the platform's layout: a 32-bit tag.
+  EXPECT_EQ(sizeof(keymaster_tag_t), 4u);
+  EXPECT_EQ(keymaster_tag_get_type(KM_TAG_NONCE), KM_BYTES);
+}
+
+std::vector<hw::Tag> Tags(const hw::AuthorizationSet& set) {
+  std::vector<hw::Tag> tags;
+  for (const auto& p : set) tags.push_back(p.tag);
+  return tags;
+}
+
+TEST(AuthorizationSetTest, BuilderHelpersAppendThePlatformsEntriesInOrder) {
+  hw::AuthorizationSetBuilder rsa;
+  rsa.RsaSigningKey(2048, 65537).NoDigestOrPadding().Authorization(hw::TAG_NO_AUTH_REQUIRED);
+  EXPECT_EQ(Tags(rsa), (std::vector<hw::Tag>{hw::Tag::ALGORITHM, hw::Tag::KEY_SIZE,
+                                             hw::Tag::RSA_PUBLIC_EXPONENT, hw::Tag::PURPOSE,
+                                             hw::Tag::PURPOSE, hw::Tag::DIGEST, hw::Tag::PADDING,
+                                             hw::Tag::NO_AUTH_REQUIRED}));
+  EXPECT_EQ(rsa[0].f.algorithm, hw::Algorithm::RSA);
+  EXPECT_EQ(rsa[1].f.integer, 2048u);
+  EXPECT_EQ(rsa[2].f.longInteger, 65537u);
+  EXPECT_EQ(rsa[3].f.purpose, hw::KeyPurpose::SIGN);
+  EXPECT_EQ(rsa[4].f.purpose, hw::KeyPurpose::VERIFY);
+  EXPECT_EQ(rsa[5].f.digest, hw::Digest::NONE);
+  EXPECT_EQ(rsa[6].f.paddingMode, hw::PaddingMode::NONE);
+  EXPECT_TRUE(rsa[7].f.boolValue);
+
+  hw::AuthorizationSetBuilder aes;
+  aes.AesEncryptionKey(128).GcmModeMinMacLen(96).Padding(hw::PaddingMode::NONE,
+                                                          hw::PaddingMode::PKCS7);
+  EXPECT_EQ(Tags(aes), (std::vector<hw::Tag>{hw::Tag::ALGORITHM, hw::Tag::KEY_SIZE,
+                                             hw::Tag::PURPOSE, hw::Tag::PURPOSE,
+                                             hw::Tag::BLOCK_MODE, hw::Tag::MIN_MAC_LENGTH,
+                                             hw::Tag::PADDING, hw::Tag::PADDING}));
+  EXPECT_TRUE(aes.Contains(hw::TAG_PADDING, hw::PaddingMode::PKCS7));
+  EXPECT_FALSE(aes.Contains(hw::TAG_BLOCK_MODE, hw::BlockMode::CBC));
+  EXPECT_EQ(aes.GetTagCount(hw::Tag::PURPOSE), 2u);
+  EXPECT_EQ(aes.find(hw::Tag::PURPOSE), 2);
+  EXPECT_EQ(aes.find(hw::Tag::PURPOSE, 2), 3);
+  EXPECT_EQ(aes.find(hw::Tag::NONCE), -1);
+  auto min_mac = aes.GetTagValue(hw::TAG_MIN_MAC_LENGTH);
+  ASSERT_TRUE(min_mac.isOk());
+  EXPECT_EQ(min_mac.value(), 96u);
+  EXPECT_FALSE(aes.GetTagValue(hw::TAG_MAC_LENGTH).isOk());
+}
+
+TEST(AuthorizationSetTest, ByteValuesAreReferencedByTheBuilderAndOwnedByCopies) {
+  Bytes nonce(12, 0x11);
+  hw::AuthorizationSetBuilder params;
+  params.Authorization(hw::TAG_NONCE, static_cast<const uint8_t*>(nonce.data()), nonce.size());
+  hw::AuthorizationSet copy = params;
+  nonce[0] = 0x22;
+  EXPECT_EQ(params[0].blob.data(), nonce.data());
+  EXPECT_EQ(params[0].blob[0], 0x22);
+  EXPECT_EQ(copy[0].blob[0], 0x11);
+
+  // hidl_data() is a view of the entries, for a HAL call.
+  hidl_vec<hw::KeyParameter> view = copy.hidl_data();
+  EXPECT_EQ(view.data(), copy.data());
+  EXPECT_EQ(view.size(), 1u);
+
+  // Assigning a HAL list makes deep copies; an empty list leaves the set alone.
+  hw::AuthorizationSet out;
+  out.push_back(hw::TAG_KEY_SIZE, 128u);
+  out = hidl_vec<hw::KeyParameter>();
+  EXPECT_EQ(Tags(out), (std::vector<hw::Tag>{hw::Tag::KEY_SIZE}));
+  out = params.hidl_data();
+  EXPECT_EQ(Tags(out), (std::vector<hw::Tag>{hw::Tag::NONCE}));
+  EXPECT_NE(out[0].blob.data(), nonce.data());
+  EXPECT_EQ(out[0].blob[0], 0x22);
+}
+
+TEST(AuthorizationSetTest, SortUnionSubtractAndSerializationKeepEntriesIntact) {
+  hw::AuthorizationSetBuilder a, b;
+  a.Authorization(hw::TAG_PURPOSE, hw::KeyPurpose::SIGN)
+      .Authorization(hw::TAG_ALGORITHM, hw::Algorithm::RSA)
+      .Authorization(hw::TAG_APPLICATION_ID, "id", size_t{2});
+  b.Authorization(hw::TAG_PURPOSE, hw::KeyPurpose::SIGN)
+      .Authorization(hw::TAG_PURPOSE, hw::KeyPurpose::VERIFY);
+  hw::AuthorizationSet u = a;
+  u.Union(b);
+  EXPECT_EQ(Tags(u), (std::vector<hw::Tag>{hw::Tag::ALGORITHM, hw::Tag::PURPOSE,
+                                           hw::Tag::PURPOSE, hw::Tag::APPLICATION_ID}));
+  u.Subtract(b);
+  EXPECT_EQ(Tags(u), (std::vector<hw::Tag>{hw::Tag::ALGORITHM, hw::Tag::APPLICATION_ID}));
+  EXPECT_TRUE(u.erase(0));
+  EXPECT_FALSE(u.erase(5));
+
+  std::stringstream stream;
+  a.Serialize(&stream);
+  hw::AuthorizationSet back;
+  back.Deserialize(&stream);
+  ASSERT_TRUE(stream);
+  ASSERT_EQ(back.size(), a.size());
+  for (size_t i = 0; i < a.size(); ++i) EXPECT_EQ(back[i], a[i]);
+
+  // Truncated bytes are no set at all.
+  std::string bytes;
+  {
+    std::stringstream whole;
+    a.Serialize(&whole);
+    bytes = whole.str();
+  }
+  std::stringstream cut(bytes.substr(0, bytes.size() - 1));
+  back.Deserialize(&cut);
+  EXPECT_FALSE(cut);
+  EXPECT_TRUE(back.empty());
+}
+
+}  // namespace
+}  // namespace tavikm_test::kmhost
