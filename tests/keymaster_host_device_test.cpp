@@ -108,6 +108,13 @@ TEST_F(KeymasterDeviceTest, GcmAgreesWithLibcryptoOnAnImportedKey) {
   EVP_CIPHER_CTX_free(ctx);
   // A 96-bit MAC length is the first 12 bytes of the tag.
   EXPECT_EQ(sealed.output, Concat(expected, Bytes(tag.begin(), tag.begin() + 12)));
+
+  // Only raw AES keys of the sizes this hardware knows come in, as what they claim to be.
+  EXPECT_EQ(Import(*km_, AesGcmKey(128), raw).error, ErrorCode::IMPORT_PARAMETER_MISMATCH);
+  hw::AuthorizationSetBuilder sizeless;
+  sizeless.Authorization(hw::TAG_ALGORITHM, hw::Algorithm::AES).GcmModeMinMacLen(128);
+  EXPECT_EQ(Import(*km_, sizeless, Bytes(24)).error, ErrorCode::UNSUPPORTED_KEY_SIZE);
+  EXPECT_EQ(Import(*km_, RsaSigningKey(0), raw).error, ErrorCode::UNSUPPORTED_KEY_FORMAT);
 }
 
 TEST_F(KeymasterDeviceTest, GcmRefusesAChangedMessageAtFinish) {

@@ -117,7 +117,7 @@ TEST(LegacyModuleTest, VersionComesFromThePropertyAndPicksTheDevice) {
   ASSERT_EQ(rc, 0);
   EXPECT_EQ(module->module_api_version, KEYMASTER_MODULE_API_VERSION_1_0);
   EXPECT_STREQ(module->id, "keystore");
-  EXPECT_STREQ(module->name, "TAVIKM host keystore");
+  EXPECT_STREQ(module->name, tavikm_host::kKeystoreModuleName);
   keymaster1_device_t* km1 = nullptr;
   ASSERT_EQ(keymaster1_open(module, &km1), 0);
   EXPECT_EQ(km1->common.tag, static_cast<uint32_t>(HARDWARE_DEVICE_TAG));

@@ -24,6 +24,7 @@
 #include "key_blob.h"
 #include "operations.h"
 #include "soft_keymaster.h"
+#include "tavikm_host/keymaster.h"
 
 namespace tavikm_host::km {
 namespace {
@@ -33,8 +34,6 @@ using hw::ErrorCode;
 using hw::KeyParameter;
 using hw::Tag;
 
-constexpr char kModuleName[] = "TAVIKM host keystore";
-constexpr char kModuleAuthor[] = "TAVIKM host platform";
 constexpr size_t kCbcIvSize = 16;
 
 keymaster_error_t KmError(ErrorCode error) { return static_cast<keymaster_error_t>(error); }
@@ -370,8 +369,8 @@ const hw_module_t* KeystoreModule() {
     module->common.module_api_version = static_cast<uint16_t>(version);
     module->common.hal_api_version = 0;
     module->common.id = KEYSTORE_HARDWARE_MODULE_ID;
-    module->common.name = km::kModuleName;
-    module->common.author = km::kModuleAuthor;
+    module->common.name = kKeystoreModuleName;
+    module->common.author = kKeymasterAuthorName;
     module->common.methods = &km::g_methods;
   }
   return &module->common;

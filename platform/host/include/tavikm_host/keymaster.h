@@ -11,6 +11,12 @@
 // - Key blobs are sealed with AES-256-GCM under the device directory's keymaster/device_secret
 //   and bound to the security level of the device that made them (the legacy device accepts
 //   any level). They carry the OS version and patch level of their making.
+// - Key characteristics: a SOFTWARE device reports everything as software-enforced; other
+//   levels report the key's use restrictions and OS binding as hardware-enforced and only its
+//   dates and user id as software-enforced.
+// - upgradeKey follows the HAL: a blob bound to the current OS version and patch level needs
+//   no upgrade and gets OK with an empty blob; one bound to a newer system gets
+//   INVALID_ARGUMENT.
 // - Operations of all devices share one table of kKeymasterMaxOperations entries, and the
 //   MIN_SECONDS_BETWEEN_OPS clock is per key (by key material) and process-wide, as in one TEE.
 #ifndef TAVIKM_HOST_KEYMASTER_H_
@@ -31,6 +37,8 @@ namespace tavikm_host {
 inline constexpr char kKeymasterName[] = "HostKeymasterDevice";
 inline constexpr char kKeymasterAuthorName[] = "TAVIKM host platform";
 inline constexpr char kKeymasterDescriptor[] = "android.hardware.keymaster@4.0::IKeymasterDevice";
+// The legacy "keystore" module's name (hw_module_t::name).
+inline constexpr char kKeystoreModuleName[] = "TAVIKM host keystore";
 
 // How many operations may be open at once, over all devices together.
 inline constexpr size_t kKeymasterMaxOperations = 16;
