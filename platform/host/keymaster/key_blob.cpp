@@ -17,6 +17,7 @@
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
 
+#include "crypto.h"
 #include "device_state.h"
 
 namespace tavikm_host::km {
@@ -27,11 +28,6 @@ constexpr size_t kHeaderSize = 8;
 constexpr size_t kNonceSize = 12;
 constexpr size_t kTagSize = 16;
 constexpr char kBlobKeyLabel[] = "tavikm host keymaster: key blob sealing key";
-
-struct CipherCtxDeleter {
-  void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
-};
-using CipherCtx = std::unique_ptr<EVP_CIPHER_CTX, CipherCtxDeleter>;
 
 // The sealing key is derived from the device secret rather than being the secret itself.
 bool SealingKey(SecretBytes* key) {
