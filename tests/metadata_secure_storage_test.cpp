@@ -12,76 +12,11 @@
 #include <gtest/gtest.h>
 
 #include "support/device_env.h"
+#include "support/scripted_kmstore.h"
 #include "tavikm.h"
-#include "tavikm_host/modules.h"
 
 namespace tavikm_test {
 namespace {
-
-struct KmstoreScript {
-  std::function<int(const char*, uint8_t*, uint64_t*)> read;
-  std::function<int(const char*, const uint8_t*, uint64_t)> write;
-  std::function<int(const char*)> remove;
-};
-
-KmstoreScript g_script;
-kmstore_device* g_builtin = nullptr;
-
-int ScriptedRead(const char* name, uint8_t* buffer, uint64_t* size) {
-  return g_script.read ? g_script.read(name, buffer, size) : g_builtin->read(name, buffer, size);
-}
-int ScriptedWrite(const char* name, const uint8_t* buffer, uint64_t length) {
-  return g_script.write ? g_script.write(name, buffer, length)
-                        : g_builtin->write(name, buffer, length);
-}
-int ScriptedRemove(const char* name) {
-  return g_script.remove ? g_script.remove(name) : g_builtin->remove(name);
-}
-
-kmstore_device g_scripted_device = [] {
-  kmstore_device d{};
-  d.common.tag = HARDWARE_DEVICE_TAG;
-  d.read = ScriptedRead;
-  d.write = ScriptedWrite;
-  d.remove = ScriptedRemove;
-  return d;
-}();
-
-hw_module_methods_t g_scripted_methods = {
-    [](const hw_module_t*, const char*, hw_device_t** device) {
-      *device = &g_scripted_device.common;
-      return 0;
-    },
-};
-hw_module_t g_scripted_module = [] {
-  hw_module_t m{};
-  m.tag = HARDWARE_MODULE_TAG;
-  m.id = "tavikm";
-  m.name = "scripted kmstore";
-  m.methods = &g_scripted_methods;
-  return m;
-}();
-
-// The library keeps the first device it opens for the life of the process, so the scripted
-// device is opened once, before any test runs.
-class ScriptedKmstoreEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    tavikm_host::RestoreBuiltinModules();
-    const hw_module_t* builtin = nullptr;
-    ASSERT_EQ(hw_get_module_by_class("tavikm", nullptr, &builtin), 0);
-    hw_device_t* device = nullptr;
-    ASSERT_EQ(builtin->methods->open(builtin, "kmstore", &device), 0);
-    g_builtin = reinterpret_cast<kmstore_device*>(device);
-    tavikm_host::RegisterModule("tavikm", &g_scripted_module);
-    kmstore_device* cached = nullptr;
-    ASSERT_EQ(kmstore_device_init(&cached), 0);
-    ASSERT_EQ(cached, &g_scripted_device);
-    tavikm_host::RestoreBuiltinModules();
-  }
-};
-[[maybe_unused]] const auto* const g_environment =
-    ::testing::AddGlobalTestEnvironment(new ScriptedKmstoreEnvironment);
 
 km_meta MakeRecord(uint8_t fill, uint16_t major = KM_META_MAJOR_VERSION) {
   km_meta meta;
@@ -94,20 +29,18 @@ km_meta MakeRecord(uint8_t fill, uint16_t major = KM_META_MAJOR_VERSION) {
 
 class SecureStorageTest : public DeviceTest {
  protected:
-  void SetUp() override {
-    g_script = {};
-    ASSERT_EQ(property_set("ro.product.tavi.support_mdfpp", "true"), 0);
-  }
-  void TearDown() override { g_script = {}; }
+  void SetUp() override { ASSERT_EQ(property_set("ro.product.tavi.support_mdfpp", "true"), 0); }
 
   // A read that answers `result`, reports `length` and copies `image` (at most the capacity).
   void ScriptRead(int result, uint64_t length, const km_meta* image = nullptr) {
-    g_script.read = [=](const char*, uint8_t* buffer, uint64_t* size) {
+    script_->read = [=](const char*, uint8_t* buffer, uint64_t* size) {
       if (image) memcpy(buffer, image, std::min<uint64_t>(*size, sizeof(*image)));
       *size = length;
       return result;
     };
   }
+
+  ScopedKmstoreScript script_;
 
   static LogLine KeyLoc(const std::string& name) {
     return LogLine::Error("key_loc=" + name + ", 0\n");
@@ -150,7 +83,7 @@ TEST_F(SecureStorageTest, ReadResultsAndStoredLengths) {
 
   // The read asks for exactly one record's worth.
   uint64_t capacity = 0;
-  g_script.read = [&](const char*, uint8_t*, uint64_t* size) {
+  script_->read = [&](const char*, uint8_t*, uint64_t* size) {
     capacity = *size;
     return 1;
   };
@@ -179,9 +112,9 @@ TEST_F(SecureStorageTest, OlderGenerationsAreRefusedForNow) {
 
 TEST_F(SecureStorageTest, WriteFailure) {
   km_meta meta = MakeRecord(0);
-  g_script.write = [](const char*, const uint8_t*, uint64_t) { return -1; };
+  script_->write = [](const char*, const uint8_t*, uint64_t) { return -1; };
   EXPECT_EQ(km_put_km_meta("a", 0, &meta), -1);
-  g_script.write = [](const char*, const uint8_t*, uint64_t) { return 1; };
+  script_->write = [](const char*, const uint8_t*, uint64_t) { return 1; };
   EXPECT_EQ(km_put_km_meta("a", 0, &meta), 0);  // only a negative result fails
   EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
                               LogLine::Error("Filed to store metadata to TZ Secure Storage\n"),
@@ -190,12 +123,12 @@ TEST_F(SecureStorageTest, WriteFailure) {
 
 TEST_F(SecureStorageTest, DeleteLooksOnlyAtANegativeResult) {
   for (int result : {0, 1, 2, 7}) {
-    g_script.remove = [=](const char*) { return result; };
+    script_->remove = [=](const char*) { return result; };
     EXPECT_EQ(km_delete_meta("a", 0), 0) << result;
   }
   EXPECT_TRUE(log_.Lines().empty());
 
-  g_script.remove = [](const char*) {
+  script_->remove = [](const char*) {
     errno = EACCES;
     return -1;
   };
