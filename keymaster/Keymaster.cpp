@@ -2,10 +2,9 @@
 // and abort, translated between byte strings and the HAL's views and callbacks.
 #include "keymaster/Keymaster.h"
 
+#include <stdio.h>
 #include <stdlib.h>
 
-#include <ios>
-#include <sstream>
 #include <utility>
 
 #include "keymaster/stream_log.h"
@@ -30,12 +29,16 @@ hidl_vec<uint8_t> BlobView(const char* bytes, size_t length) {
   return view;
 }
 
+// Filled with assign(): building a string from a pointer range would instantiate a standard
+// library template in this shared object, where it would be exported.
 std::string ToString(const hidl_vec<uint8_t>& bytes) {
-  return std::string(reinterpret_cast<const char*>(bytes.begin()),
-                     reinterpret_cast<const char*>(bytes.end()));
+  std::string s;
+  if (!bytes.empty()) s.assign(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  return s;
 }
 
-std::string LevelName(km::SecurityLevel level) {
+// The level's name, or its number as 0x-hex (written into `buffer`) for a level without one.
+const char* LevelName(km::SecurityLevel level, char (&buffer)[16]) {
   switch (level) {
     case km::SecurityLevel::SOFTWARE:
       return "SOFTWARE";
@@ -44,9 +47,8 @@ std::string LevelName(km::SecurityLevel level) {
     case km::SecurityLevel::STRONGBOX:
       return "STRONGBOX";
   }
-  std::ostringstream hex;
-  hex << "0x" << std::hex << static_cast<uint32_t>(level);
-  return hex.str();
+  snprintf(buffer, sizeof(buffer), "0x%x", static_cast<unsigned int>(level));
+  return buffer;
 }
 
 int32_t Code(km::ErrorCode error) { return static_cast<int32_t>(error); }
@@ -156,8 +158,10 @@ Keymaster::Keymaster() {
   }
   if (!device) return;
   const auto& version = device->halVersion();
+  char level[16];
   KM_STREAM_LOG(INFO) << "Using " << version.keymasterName << " from " << version.authorName
-                      << " for encryption.  Security level: " << LevelName(version.securityLevel)
+                      << " for encryption.  Security level: "
+                      << LevelName(version.securityLevel, level)
                       << ", HAL: " << device->descriptor() << "/" << device->instanceName();
 }
 

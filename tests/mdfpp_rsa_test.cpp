@@ -1,0 +1,342 @@
+// The scrypt-binding side of the Keymaster services on the software Keymaster and on injected
+// faults: the RSA key made and upgraded into the caller's buffer, and objects signed with it
+// (checked with the key's public half), with the key's own rate limit waited out.
+#include <cutils/properties.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "keymaster_host_util.h"
+#include "keymaster_test_devices.h"
+#include "mdfpp_test_util.h"
+#include "tavikm_host/keymaster.h"
+#include "tavikm_host/keymaster_faults.h"
+#include "tavikm_keymaster.h"
+
+namespace tavikm_test::mdfpp {
+namespace {
+
+using hw::ErrorCode;
+using tavikm_host::KeymasterCall;
+using ::testing::ElementsAre;
+
+constexpr unsigned int kRsaBits = 2048;
+constexpr unsigned long kExponent = 65537;
+
+// The key parameters, in the order the device must receive them.
+hw::AuthorizationSet RsaKeyParams(unsigned int ratelimit) {
+  hw::AuthorizationSet set;
+  set.push_back(hw::TAG_ALGORITHM, hw::Algorithm::RSA);
+  set.push_back(hw::TAG_KEY_SIZE, kRsaBits);
+  set.push_back(hw::TAG_RSA_PUBLIC_EXPONENT, uint64_t{kExponent});
+  set.push_back(hw::TAG_PURPOSE, hw::KeyPurpose::SIGN);
+  set.push_back(hw::TAG_PURPOSE, hw::KeyPurpose::VERIFY);
+  set.push_back(hw::TAG_DIGEST, hw::Digest::NONE);
+  set.push_back(hw::TAG_PADDING, hw::PaddingMode::NONE);
+  set.push_back(hw::TAG_BLOB_USAGE_REQUIREMENTS, hw::KeyBlobUsageRequirements::STANDALONE);
+  set.push_back(hw::TAG_NO_AUTH_REQUIRED);
+  set.push_back(hw::TAG_MIN_SECONDS_BETWEEN_OPS, ratelimit);
+  return set;
+}
+
+// What the scrypt KDF signs: a zero byte, then data, 256 bytes in all.
+Bytes BindingObject() {
+  Bytes object = Pattern(256, 7);
+  object[0] = 0;
+  return object;
+}
+
+class MdfppRsaTest : public MdfppTest {
+ protected:
+  Bytes CreateKey(unsigned int ratelimit = 1) {
+    Bytes key(2048, 0xee);
+    unsigned long size = 0;
+    EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, ratelimit,
+                                                            key.data(), key.size(), &size),
+              0);
+    // The tail of the caller's buffer is zeroed.
+    EXPECT_EQ(Bytes(key.begin() + size, key.end()), Bytes(key.size() - size, 0));
+    key.resize(size);
+    return key;
+  }
+
+  int Sign(const Bytes& key, const Bytes& object, Bytes* signature, unsigned int ratelimit = 1) {
+    unsigned char sentinel = 0;
+    unsigned char* buffer = &sentinel;
+    unsigned long size = 0xdead;
+    int rc = keymaster_sign_object_for_cryptfs_scrypt_mdfpp(
+        key.data(), key.size(), ratelimit, object.data(), object.size(), &buffer, &size);
+    if (rc != 0) {
+      EXPECT_EQ(buffer, &sentinel);  // nothing handed out
+      EXPECT_EQ(size, 0xdeadu);
+      return rc;
+    }
+    signature->assign(buffer, buffer + size);
+    free(buffer);
+    return rc;
+  }
+
+  // s^e mod n with the key's public half: for a raw signature, the object itself.
+  Bytes Recover(const Bytes& key, const Bytes& signature) {
+    kmhost::KeymasterPtr km = kmhost::FirstDevice();
+    kmhost::BlobResult spki = kmhost::Export(*km, key);
+    EXPECT_EQ(spki.error, ErrorCode::OK);
+    const uint8_t* p = spki.blob.data();
+    EVP_PKEY* pub = d2i_PUBKEY(nullptr, &p, static_cast<long>(spki.blob.size()));
+    if (!pub) {
+      ADD_FAILURE() << "no public key";
+      return {};
+    }
+    EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(pub, nullptr);
+    Bytes recovered(256);
+    size_t recovered_size = recovered.size();
+    EXPECT_GT(EVP_PKEY_encrypt_init(ctx), 0);
+    EXPECT_GT(EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_NO_PADDING), 0);
+    EXPECT_GT(EVP_PKEY_encrypt(ctx, recovered.data(), &recovered_size, signature.data(),
+                               signature.size()),
+              0);
+    EVP_PKEY_CTX_free(ctx);
+    EVP_PKEY_free(pub);
+    recovered.resize(recovered_size);
+    return recovered;
+  }
+};
+
+// ---- Key creation ---------------------------------------------------------------------------
+
+TEST_F(MdfppRsaTest, CompatibilityTellsSecureFromSoftwareFromNone) {
+  EXPECT_EQ(keymaster_compatibility_cryptfs_scrypt_mdfpp(), 1);
+  tavikm_host::SetKeymasterDeviceLevels({2, 0});
+  EXPECT_EQ(keymaster_compatibility_cryptfs_scrypt_mdfpp(), 0);
+  tavikm_host::SetKeymasterDeviceLevels({});
+  log_.Clear();
+  EXPECT_EQ(keymaster_compatibility_cryptfs_scrypt_mdfpp(), -1);
+  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{KmError("Failed to initiate keymaster session")}));
+}
+
+TEST_F(MdfppRsaTest, SignsWithTheKeyItMadeAndThePublicHalfVerifies) {
+  auto received = kmdev::UseOnly<kmdev::RecordingKeymaster>();
+  Bytes key = CreateKey(4);
+  auto generated = received->Of(KeymasterCall::kGenerateKey);
+  ASSERT_EQ(generated.size(), 1u);
+  EXPECT_EQ(generated[0].params, ToVector(RsaKeyParams(4)));
+
+  Bytes signature;
+  ASSERT_EQ(Sign(key, BindingObject(), &signature, 4), 0);
+  EXPECT_EQ(signature.size(), 256u);
+  EXPECT_EQ(Recover(key, signature), BindingObject());
+  auto begun = received->Of(KeymasterCall::kBegin);
+  ASSERT_EQ(begun.size(), 1u);
+  EXPECT_EQ(begun[0].purpose, hw::KeyPurpose::SIGN);
+  EXPECT_EQ(begun[0].key, key);
+  hw::AuthorizationSet raw;
+  raw.push_back(hw::TAG_DIGEST, hw::Digest::NONE);
+  raw.push_back(hw::TAG_PADDING, hw::PaddingMode::NONE);
+  EXPECT_EQ(begun[0].params, ToVector(raw));
+  EXPECT_TRUE(Sleeps().empty());
+  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), DeviceLine()}));
+}
+
+// The key carries MIN_SECONDS_BETWEEN_OPS: a second signature right away meets the device's
+// rate limit, and the service waits it out.
+TEST_F(MdfppRsaTest, ASecondSignatureWaitsOutTheKeysRateLimit) {
+  Bytes key = CreateKey(1);
+  Bytes first, second;
+  ASSERT_EQ(Sign(key, BindingObject(), &first), 0);
+  ASSERT_EQ(Sign(key, BindingObject(), &second), 0);
+  EXPECT_EQ(Sleeps(), (std::vector<unsigned int>{1}));
+  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kBegin), 3);
+  EXPECT_EQ(first, second);  // raw RSA is deterministic
+}
+
+TEST_F(MdfppRsaTest, KeyDestinationRules) {
+  // Too small: the needed size is reported, the buffer is untouched.
+  Bytes small(100, 0xee);
+  unsigned long size = 77;
+  ASSERT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, small.data(),
+                                                          small.size(), &size),
+            -1);
+  EXPECT_GT(size, 100u);
+  EXPECT_EQ(small, Bytes(100, 0xee));
+  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("Buffer too small 100 < " +
+                                                                      std::to_string(size))}));
+
+  // Missing destinations are found only after the device made the key.
+  Bytes buffer(2048, 0xee);
+  log_.Clear();
+  EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer.data(),
+                                                          buffer.size(), nullptr),
+            -1);
+  size = 77;
+  EXPECT_EQ(
+      keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, nullptr, 2048, &size),
+      -1);
+  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(buffer, Bytes(2048, 0xee));
+  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kGenerateKey), 3);
+  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("Missing target pointers"),
+                                                DeviceLine(), KmError("Missing target pointers")}));
+
+  // No device, or a refused generation: the size is 0.
+  tavikm_host::SetKeymasterDeviceLevels({});
+  size = 77;
+  EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer.data(),
+                                                          buffer.size(), &size),
+            -1);
+  EXPECT_EQ(size, 0u);
+  tavikm_host::ResetKeymaster();
+  size = 77;
+  log_.Clear();
+  EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(3072, kExponent, 1, buffer.data(),
+                                                          buffer.size(), &size),
+            -1);
+  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(log_.Lines(),
+            (std::vector<LogLine>{DeviceLine(), KmError("generate_key failed, code -6")}));
+}
+
+// ---- Upgrade --------------------------------------------------------------------------------
+
+TEST_F(MdfppRsaTest, AKeyThatNeedsAnUpgradeIsUpgradedInPlaceAndSignsAgain) {
+  auto received = kmdev::UseOnly<kmdev::RecordingKeymaster>();
+  // As the records hold it: a 2048-byte buffer and its length field.
+  Bytes blob(2048, 0);
+  unsigned long size = 0;
+  ASSERT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, blob.data(),
+                                                          blob.size(), &size),
+            0);
+  Bytes old_key(blob.begin(), blob.begin() + size);
+
+  property_set("ro.build.version.security_patch", "2027-04-01");
+  Bytes signature;
+  log_.Clear();
+  EXPECT_EQ(Sign(old_key, BindingObject(), &signature), -2);
+  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("begin failed, code -62"),
+                                                KmError("Keymaster key requires upgrade")}));
+
+  received->calls.clear();
+  ASSERT_EQ(keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, blob.data(),
+                                                           size, blob.data(), blob.size(), &size),
+            0);
+  auto upgrades = received->Of(KeymasterCall::kUpgradeKey);
+  ASSERT_EQ(upgrades.size(), 1u);
+  EXPECT_EQ(upgrades[0].key, old_key);
+  EXPECT_EQ(upgrades[0].params, ToVector(RsaKeyParams(1)));
+  Bytes new_key(blob.begin(), blob.begin() + size);
+  EXPECT_NE(new_key, old_key);
+  EXPECT_EQ(Bytes(blob.begin() + size, blob.end()), Bytes(blob.size() - size, 0));
+
+  ASSERT_EQ(Sign(new_key, BindingObject(), &signature), 0);
+  EXPECT_EQ(Recover(new_key, signature), BindingObject());
+}
+
+TEST_F(MdfppRsaTest, UpgradeDestinationRules) {
+  Bytes key = CreateKey();
+  property_set("ro.build.version.security_patch", "2027-04-01");
+  log_.Clear();
+  unsigned long size = 77;
+  Bytes buffer(2048, 0xee);
+  EXPECT_EQ(
+      keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, key.data(), key.size(),
+                                                     buffer.data(), buffer.size(), nullptr),
+      -1);
+  EXPECT_EQ(keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, key.data(),
+                                                           key.size(), nullptr, 2048, &size),
+            -1);
+  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(buffer, Bytes(2048, 0xee));
+  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kUpgradeKey), 2);
+  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("Missing target pointers"),
+                                                DeviceLine(), KmError("Missing target pointers")}));
+
+  tavikm_host::SetKeymasterDeviceLevels({});
+  size = 77;
+  EXPECT_EQ(
+      keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, key.data(), key.size(),
+                                                     buffer.data(), buffer.size(), &size),
+      -1);
+  EXPECT_EQ(size, 0u);
+  tavikm_host::ResetKeymaster();
+  tavikm_host::FailKeymasterTransport(KeymasterCall::kUpgradeKey, 1, "no reply");
+  size = 77;
+  log_.Clear();
+  EXPECT_EQ(
+      keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, key.data(), key.size(),
+                                                     buffer.data(), buffer.size(), &size),
+      -1);
+  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(log_.Lines(),
+            (std::vector<LogLine>{DeviceLine(), KmError("upgrade_key failed: Status("
+                                                        "EX_TRANSACTION_FAILED): 'no reply'")}));
+}
+
+// ---- Signing failures -----------------------------------------------------------------------
+
+TEST_F(MdfppRsaTest, SigningFailuresNameTheirStep) {
+  Bytes key = CreateKey(0);
+  Bytes signature;
+  tavikm_host::FailKeymasterCall(KeymasterCall::kBegin, 1, ErrorCode::CONCURRENT_ACCESS_CONFLICT);
+  tavikm_host::FailKeymasterTransport(KeymasterCall::kBegin, 2, "binder died");
+  tavikm_host::FailKeymasterCall(KeymasterCall::kBegin, 3, ErrorCode::KEY_REQUIRES_UPGRADE);
+  log_.Clear();
+  EXPECT_EQ(Sign(key, BindingObject(), &signature), -1);
+  EXPECT_EQ(Sign(key, BindingObject(), &signature), -1);
+  EXPECT_EQ(Sign(key, BindingObject(), &signature), -2);
+  // Input the device refuses as a raw RSA input: too long for the modulus (at update), or
+  // not below it (at finish).
+  EXPECT_EQ(Sign(key, Pattern(257), &signature), -1);
+  EXPECT_EQ(Sign(key, Bytes(256, 0xff), &signature), -1);
+  EXPECT_TRUE(Sleeps().empty());  // nothing here is a rate limit
+  EXPECT_EQ(log_.Lines(),
+            (std::vector<LogLine>{
+                DeviceLine(), KmError("begin failed, code -47"),
+                KmError("Error starting keymaster signature transaction: -47"), DeviceLine(),
+                KmError("begin failed: Status(EX_TRANSACTION_FAILED): 'binder died'"),
+                KmError("Error starting keymaster signature transaction: -1000"), DeviceLine(),
+                KmError("begin failed, code -62"), KmError("Keymaster key requires upgrade"),
+                DeviceLine(), KmError("update failed, code -21"),
+                KmError("Error sending data to keymaster signature transaction: 0"), DeviceLine(),
+                KmError("finish failed, code -38"),
+                KmError("Error finalizing keymaster signature transaction: 0")}));
+  EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
+}
+
+TEST_F(MdfppRsaTest, SigningArgumentsAndSessionAreChecked) {
+  Bytes key = CreateKey(), object = BindingObject();
+  unsigned char* out = nullptr;
+  unsigned long size = 0;
+  log_.Clear();
+  EXPECT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(nullptr, key.size(), 1, object.data(),
+                                                           object.size(), &out, &size),
+            -1);
+  EXPECT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(key.data(), key.size(), 1, nullptr,
+                                                           object.size(), &out, &size),
+            -1);
+  EXPECT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(key.data(), key.size(), 1, object.data(),
+                                                           object.size(), nullptr, &size),
+            -1);
+  EXPECT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(key.data(), key.size(), 1, object.data(),
+                                                           object.size(), &out, nullptr),
+            -1);
+  auto invalid = InvalidArgumentFrom("mdfpp/sign.cpp");
+  EXPECT_THAT(log_.Lines(), ElementsAre(DeviceLine(), invalid, DeviceLine(), invalid, DeviceLine(),
+                                        invalid, DeviceLine(), invalid));
+  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kBegin), 0);
+
+  tavikm_host::SetKeymasterDeviceLevels({});
+  log_.Clear();
+  Bytes signature;
+  EXPECT_EQ(Sign(key, object, &signature), -1);
+  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{KmError("Failed to initiate keymaster session")}));
+}
+
+}  // namespace
+}  // namespace tavikm_test::mdfpp

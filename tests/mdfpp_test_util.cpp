@@ -1,0 +1,63 @@
+// The recording sleep() and the shared pieces of the Keymaster service tests.
+#include "mdfpp_test_util.h"
+
+#include <unistd.h>
+
+#include "tavikm_host/keymaster.h"
+
+namespace tavikm_test::mdfpp {
+namespace {
+
+std::vector<unsigned int> g_sleeps;
+uint64_t g_now_ms = 0;
+
+}  // namespace
+
+const std::vector<unsigned int>& Sleeps() { return g_sleeps; }
+
+void MdfppTest::SetUp() {
+  g_sleeps.clear();
+  g_now_ms = 1'000'000;
+  tavikm_host::SetKeymasterClock([] { return g_now_ms; });
+}
+
+LogLine DeviceLine() {
+  return KmInfo(
+      "Using HostKeymasterDevice from TAVIKM host platform for encryption.  Security level: "
+      "TRUSTED_ENVIRONMENT, HAL: android.hardware.keymaster@4.0::IKeymasterDevice/default");
+}
+
+::testing::Matcher<const LogLine&> InvalidArgumentFrom(const std::string& source) {
+  using ::testing::AllOf;
+  using ::testing::Field;
+  using ::testing::MatchesRegex;
+  std::string escaped;
+  for (char c : source) {
+    if (c == '.') escaped += '\\';
+    escaped += c;
+  }
+  return AllOf(
+      Field(&LogLine::source, LogLine::Source::kLibbase), Field(&LogLine::file, "Keymaster"),
+      Field(&LogLine::priority, 6),
+      Field(&LogLine::text, MatchesRegex("(.*/)?" + escaped + ":[0-9]+:Invalid argument")));
+}
+
+std::vector<hw::KeyParameter> ToVector(const hw::AuthorizationSet& set) {
+  return std::vector<hw::KeyParameter>(set.begin(), set.end());
+}
+
+Bytes Pattern(size_t size, uint8_t start) {
+  Bytes b(size);
+  for (size_t i = 0; i < size; ++i) b[i] = static_cast<uint8_t>(start + 13 * i);
+  return b;
+}
+
+}  // namespace tavikm_test::mdfpp
+
+// Stands in for the C library's sleep() in the test executable (the library's call binds to
+// it): nothing waits, the seconds are recorded and the Keymaster's clock moves on.
+extern "C" unsigned int sleep(unsigned int seconds) {
+  tavikm_test::mdfpp::g_sleeps.push_back(seconds);
+  tavikm_test::mdfpp::g_now_ms += uint64_t{seconds} * 1000;
+  return 0;
+}

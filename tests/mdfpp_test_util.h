@@ -1,0 +1,56 @@
+// What the Keymaster service tests share: a sleep() that records instead of sleeping and moves
+// the emulated Keymaster's clock on by as much (so a key's rate limit really runs out), the
+// expected log lines, and the parameter sets the services are meant to send.
+#ifndef TAVIKM_TESTS_MDFPP_TEST_UTIL_H_
+#define TAVIKM_TESTS_MDFPP_TEST_UTIL_H_
+
+#include <gmock/gmock.h>
+#include <keymasterV4_0/authorization_set.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "keymaster_test_devices.h"
+#include "support/device_env.h"
+
+namespace tavikm_test::mdfpp {
+
+namespace hw = ::android::hardware::keymaster::V4_0;
+using Bytes = std::vector<uint8_t>;
+
+// The seconds of every sleep() the library asked for since the fixture began.
+const std::vector<unsigned int>& Sleeps();
+
+// A device directory, log capture, and the recording sleep() with the Keymaster clock it drives.
+class MdfppTest : public DeviceTest {
+ protected:
+  void SetUp() override;
+};
+
+inline LogLine KmInfo(const std::string& text) {
+  return LogLine::Base(android::base::INFO, "Keymaster", text);
+}
+inline LogLine KmError(const std::string& text) {
+  return LogLine::Base(android::base::ERROR, "Keymaster", text);
+}
+// The line a session opened on the default device logs.
+LogLine DeviceLine();
+
+// Matches the ":Invalid argument" line of `source` ("mdfpp/sign.cpp"): the source path, the
+// line number, then ":Invalid argument".
+::testing::Matcher<const LogLine&> InvalidArgumentFrom(const std::string& source);
+
+// The parameters the device received, in order, as comparable sets.
+inline hw::AuthorizationSet Params(const kmdev::ReceivedCall& call) {
+  hw::AuthorizationSet set;
+  for (const hw::KeyParameter& p : call.params) set.push_back(p);
+  return set;
+}
+std::vector<hw::KeyParameter> ToVector(const hw::AuthorizationSet& set);
+
+Bytes Pattern(size_t size, uint8_t start = 1);
+
+}  // namespace tavikm_test::mdfpp
+
+#endif  // TAVIKM_TESTS_MDFPP_TEST_UTIL_H_
