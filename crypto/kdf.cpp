@@ -5,6 +5,7 @@
 #include <openssl/evp.h>
 
 #include "common/log.h"
+#include "crypto/scrypt_keymaster.h"
 
 namespace {
 
@@ -34,20 +35,14 @@ int km_scrypt(const char* password, unsigned long password_len, const unsigned c
   return 0;
 }
 
-// Stands in for entries that are not built yet; fails without a word, so a record of such a
-// type cannot be wrapped or unwrapped.
-int km_kdf_not_available(const char*, unsigned long, const unsigned char*, unsigned char*, void*) {
-  return -1;
-}
-
 }  // namespace
 
 const km_kdf_table_t km_kdf_table = {
-    km_pbkdf2,             // 1: PBKDF2
-    km_scrypt,             // 2: scrypt
-    km_kdf_not_available,  // 3: km_scrypt_keymaster, which refuses this type
-    km_kdf_not_available,  // 4: km_pbkdf2_rek
-    km_kdf_not_available,  // 5: km_scrypt_keymaster
+    km_pbkdf2,            // 1: PBKDF2
+    km_scrypt,            // 2: scrypt
+    km_scrypt_keymaster,  // 3: kept in the numbering; the entry refuses it after its first scrypt
+    km_pbkdf2_rek,        // 4: PBKDF2 with the REK
+    km_scrypt_keymaster,  // 5: scrypt bound to the Keymaster
 };
 
 km_scrypt_cost km_scrypt_cost_of(const km_meta* meta) {

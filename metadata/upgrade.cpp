@@ -1,6 +1,173 @@
-// Older generations of the record. Not supported yet: they are refused.
+// Records of older generations, read from secure storage, brought to the current one: shorter
+// records are reported (and the 2592-byte generation rewritten at full length), and records
+// with major_version 2 or less get their KEK moved from the separate "%s_kek" entry into the
+// record, encrypted by the Keymaster, before they are written back.
 #include "metadata/upgrade.h"
 
-int km_meta_upgrade_size(const char*, km_meta*, uint64_t) { return -1; }
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
 
-int km_meta_upgrade_kek(const char*, km_meta*) { return -1; }
+#include <algorithm>
+
+#include <openssl/crypto.h>
+
+#include "common/flags.h"
+#include "common/log.h"
+#include "keymaster/legacy_keymaster.h"
+#include "metadata/keys.h"
+#include "tavikm.h"
+
+namespace {
+
+// Writes the whole record to secure storage under `key_loc`.
+int WriteBack(const char* key_loc, const km_meta* meta) {
+  kmstore_device* device = nullptr;
+  if (kmstore_device_init(&device) < 0 || !device ||
+      device->write(key_loc, reinterpret_cast<const uint8_t*>(meta), sizeof(*meta)) < 0) {
+    KM_LOGE("Failed to write upgraded km_meta");
+    return -1;
+  }
+  return 0;
+}
+
+// "<key_name>_kek" in a 256-byte buffer. A name too long for it is a broken record that must
+// not be formatted past the buffer: the process aborts, as bounds-checked formatting would.
+void KekEntryName(const km_meta* meta, char (&name)[256]) {
+  const size_t room = KM_META_SIZE - offsetof(km_meta, key_name);
+  const size_t length = strnlen(meta->key_name, room);
+  if (length + sizeof("_kek") > sizeof(name)) {
+    KM_LOGE("key name of %zu bytes is too long for its kek entry", length);
+    abort();
+  }
+  memcpy(name, meta->key_name, length);
+  memcpy(name + length, "_kek", sizeof("_kek"));
+}
+
+// Encrypts the KEK with Keymaster 4.0 object encryption into xtkm_value.
+int EncryptKekByKeymaster4(km_meta* meta, const uint8_t* kek, uint64_t kek_len) {
+  unsigned char* out = nullptr;
+  unsigned int out_len = 0;
+  auto encrypt = [&] {
+    return km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
+      int rc = km_encrypt_with_record_key(meta, kek, kek_len, &out, size);
+      out_len = *size;
+      return rc;
+    });
+  };
+  int rc = encrypt();
+  if (rc < 0) {
+    KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", rc);
+    if (rc != -2) {
+      KM_LOGE("%s : Failed to upgrade key", "km_get_km_meta");
+      return -1;
+    }
+    if (km_upgrade_aes_key(meta) != 0) return -1;
+    rc = km_put_km_meta(meta->key_name, 0, meta);
+    if (rc < 0) {
+      KM_LOGE("Failed to write upgraded km_meta\n");
+      return rc;
+    }
+    // Encrypt once more with the upgraded key: the first attempt produced nothing.
+    rc = encrypt();
+    if (rc < 0) {
+      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", rc);
+      return -1;
+    }
+  }
+  // The output is the KEK plus its 16-byte tag: copy what there is, at most the field.
+  memcpy(meta->xtkm_value, out, std::min<size_t>(out_len, sizeof(meta->xtkm_value)));
+  OPENSSL_cleanse(out, out_len);
+  free(out);
+  return 0;
+}
+
+}  // namespace
+
+int km_meta_upgrade_size(const char* key_loc, km_meta* meta, uint64_t stored_length) {
+  KM_LOGI("Different size of meta");
+  // A short record was read into the start of the buffer: its missing tail reads as zeros.
+  if (stored_length < KM_META_SIZE) {
+    memset(reinterpret_cast<uint8_t*>(meta) + stored_length, 0, KM_META_SIZE - stored_length);
+  }
+  switch (stored_length) {
+    case 2520:
+      KM_LOGI("This meta data should be upgrade by adding XTKM value + kek mac into km_meta_t");
+      return 0;
+    case 2584:
+      KM_LOGI("This meta data should be upgrade by adding XTKM value for moro device");
+      return 0;
+    case 2632:
+      KM_LOGI("This meta data should be upgrade by adding XTKM value into km_meta_t");
+      return 0;
+    case 2640:
+      KM_LOGI("This meta data should be upgrade");
+      return 0;
+    case 2592:
+      KM_LOGI("This meta data should be upgrade from XTKM value to kek mac km_meta_t");
+      if (km_flag_is_set(supportCBConly) && km_generate_HMAC(meta) < 0) {
+        KM_LOGE("Failed to generate %s_mac by keymaster", meta->key_name);
+        return -1;
+      }
+      // Current from here on, so the version test does not also give it the KEK upgrade.
+      meta->major_version = KM_META_MAJOR_VERSION;
+      return WriteBack(key_loc, meta);
+    default:
+      KM_LOGE("Stored meta data size is strange try again later");
+      return -1;
+  }
+}
+
+int km_meta_upgrade_kek(const char* key_loc, km_meta* meta) {
+  uint8_t kek[64] = {};
+  uint64_t kek_len = 32;
+  char entry[256];
+  KekEntryName(meta, entry);
+  auto finish = [&](int result) {
+    OPENSSL_cleanse(kek, sizeof(kek));
+    return result;
+  };
+
+  kmstore_device* device = nullptr;
+  int rc = kmstore_device_init(&device);
+  if (rc >= 0 && device) rc = device->read(entry, kek, &kek_len);
+  // No "_kek" entry fails like a failed read: upgrading with an all-zero KEK would silently
+  // lose the real one.
+  if (rc < 0 || rc == 1 || !device) {
+    KM_LOGE("Failed to read kek_rek from Secure Storage\n");
+    return finish(-1);
+  }
+  kek_len = std::min<uint64_t>(kek_len, sizeof(kek));
+
+  if (km_ensure_aes_key(meta) != 0) return finish(-1);
+
+  if (!km_flag_is_set(supportCBConly)) {
+    rc = EncryptKekByKeymaster4(meta, kek, kek_len);
+    if (rc != 0) return finish(rc);
+  } else {
+    keymaster_key_blob_t key = km_legacy_key_blob(meta);
+    rc = km_keymaster_encrypt_message(meta, &key, kek, meta->xtkm_value);
+    if (rc < 0) {
+      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", rc);
+      return finish(-1);
+    }
+  }
+  meta->xtkm_value_size = meta->keysize;
+
+  if (km_flag_is_set(supportCBConly) && km_generate_HMAC(meta) < 0) {
+    KM_LOGE("Failed to generate %s_mac by keymaster", meta->key_name);
+    return finish(-1);
+  }
+  meta->major_version = KM_META_MAJOR_VERSION;
+  if (WriteBack(key_loc, meta) != 0) return finish(-1);
+
+  // Last: the record already holds the KEK. A failure here leaves a stale entry behind, and the
+  // next read, finding a current record, does not try again.
+  if (device->remove(entry) < 0) {
+    KM_LOGE("Failed to Remove Key file : %s", entry);
+    KM_LOGE("Error::%s", strerror(errno));
+    return finish(-1);
+  }
+  return finish(0);
+}

@@ -219,23 +219,6 @@ TEST_F(CryptoWrapTest, KdfTypesWithoutAnEntryAreRefused) {
   }
 }
 
-TEST_F(CryptoWrapTest, TypesWhoseEntryIsNotBuiltFailQuietly) {
-  uint8_t mac[32];
-  for (uint8_t type : {3, 4, 5}) {
-    SCOPED_TRACE(int{type});
-    meta_.kdf_type = type;
-    log_.Clear();
-    EXPECT_EQ(Encrypt(), -1);
-    EXPECT_EQ(Decrypt(), -1);
-    EXPECT_EQ(Mac(mac), -1);
-    EXPECT_EQ(log_.Lines(),
-              (Lines{LogLine::Error("km_encrypt_key::kdf failed"),
-                     LogLine::Error("km_decrypt_key : kdf failed, rc=-1"),
-                     LogLine::Error(std::string("km_get_key_mac_by_password::kdf failed(for ") +
-                                    kKeyName + ")\n")}));
-  }
-}
-
 TEST_F(CryptoWrapTest, KdfCodeReachesOnlyTheUnwrapCaller) {
   const km_kdf_table_t table = TableOf(KdfReturnsSeven);
   uint8_t mac[32];

@@ -91,25 +91,6 @@ TEST_F(SecureStorageTest, ReadResultsAndStoredLengths) {
   EXPECT_EQ(capacity, uint64_t{KM_META_SIZE});
 }
 
-// Records of other lengths and records that still need the KEK upgrade are handed on to the
-// upgrade of older generations, which does not exist yet: until it does they are refused.
-TEST_F(SecureStorageTest, OlderGenerationsAreRefusedForNow) {
-  km_meta read;
-  km_meta current = MakeRecord(0);
-  for (uint64_t length : {uint64_t{2703}, uint64_t{2705}, uint64_t{2520}, uint64_t{100}}) {
-    SCOPED_TRACE(length);
-    ScriptRead(0, length, &current);
-    EXPECT_EQ(km_get_km_meta("a", 0, &read), -1);
-  }
-  // A result of 1 with another length is data of that length, not "no entry".
-  ScriptRead(1, 2592, &current);
-  EXPECT_EQ(km_get_km_meta("a", 0, &read), -1);
-
-  km_meta version2 = MakeRecord(0, 2);
-  ScriptRead(0, KM_META_SIZE, &version2);
-  EXPECT_EQ(km_get_km_meta("a", 0, &read), -1);
-}
-
 TEST_F(SecureStorageTest, WriteFailure) {
   km_meta meta = MakeRecord(0);
   script_->write = [](const char*, const uint8_t*, uint64_t) { return -1; };

@@ -1,0 +1,350 @@
+// The REK/KEK store: key-encryption keys kept by name in secure storage, each in a record of its
+// own, encrypted by the Keymaster; and the KDF of kdf_type 4, PBKDF2 combined with the record's
+// KEK so the wrapping key can only be rebuilt on this device.
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+
+#include "common/flags.h"
+#include "common/log.h"
+#include "keymaster/legacy_keymaster.h"
+#include "metadata/keys.h"
+#include "metadata/record.h"
+#include "tavikm.h"
+#include "tavikm_keymaster.h"
+
+namespace {
+
+constexpr unsigned kSaltLength = 16;
+constexpr unsigned kPbkdf2Iterations = 8192;
+constexpr size_t kKekBuffer = 64;
+// Bytes from xtkm_value to the end of the record.
+constexpr size_t kXtkmRoom = KM_META_SIZE - offsetof(km_meta, xtkm_value);
+
+void InitKekRecord(km_meta* meta) {
+  memset(meta, 0, sizeof(*meta));
+  meta->magic = KM_META_MAGIC;
+  meta->major_version = KM_META_MAJOR_VERSION;
+  meta->minor_version = KM_META_MINOR_VERSION;
+}
+
+// Wipes and releases a Keymaster output buffer.
+void FreeOutput(unsigned char* out, unsigned int len) {
+  if (!out) return;
+  OPENSSL_cleanse(out, len);
+  free(out);
+}
+
+// Encrypts the KEK with Keymaster 4.0 object encryption into the record's XTKM value.
+int PutKekByKeymaster4(km_meta* rec, const char* key_name, const uint8_t* kek, uint64_t kek_len) {
+  unsigned char* out = nullptr;
+  unsigned int out_len = 0;
+  int rc = km_encrypt_with_record_key(rec, kek, kek_len, &out, &out_len);
+  if (rc < 0) {
+    KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_put_kek_enc_by_rek", rc);
+    if (rc != -2) {
+      KM_LOGE("In addition, Not case of upgrading");
+      return rc;
+    }
+    if (km_upgrade_aes_key(rec) != 0) return -1;
+    rc = km_put_km_meta(key_name, 0, rec);
+    if (rc < 0) {
+      KM_LOGE("Failed to write upgraded km_meta\n");
+      return rc;
+    }
+    // The first attempt produced nothing: encrypt again with the upgraded key, or the KEK
+    // would be stored empty.
+    rc = km_encrypt_with_record_key(rec, kek, kek_len, &out, &out_len);
+    if (rc < 0) {
+      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_put_kek_enc_by_rek", rc);
+      return rc;
+    }
+  }
+  km_copy_into_record(rec, rec->xtkm_value, out, out_len);
+  rec->xtkm_value_size = out_len;  // the ciphertext's length, unlike every other writer
+  rec->keysize = kek_len;
+  FreeOutput(out, out_len);
+  return 0;
+}
+
+// Encrypts the KEK through the legacy Keymaster path and MACs it.
+int PutKekByLegacyKeymaster(km_meta* rec, const char* key_name, const uint8_t* kek,
+                            uint64_t kek_len) {
+  // The legacy path always encrypts 32 bytes; a shorter KEK is padded with zeros here so the
+  // caller's buffer is never read past its length.
+  uint8_t padded[kKekBuffer] = {};
+  memcpy(padded, kek, std::min<uint64_t>(kek_len, sizeof(padded)));
+  keymaster_key_blob_t key = km_legacy_key_blob(rec);
+  int rc = km_keymaster_encrypt_message(rec, &key, padded, rec->xtkm_value);
+  OPENSSL_cleanse(padded, sizeof(padded));
+  if (rc < 0) {
+    KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_put_kek_enc_by_rek", rc);
+    return rc;
+  }
+  rec->xtkm_value_size = kek_len;
+  rc = km_generate_HMAC(rec);
+  if (rc < 0) {
+    KM_LOGE("Failed to generate %s_mac", key_name);
+    return rc;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int km_init_km_meta_enc_by_rek(km_meta* meta, const char* key_loc, uint64_t keysize) {
+  if (!key_loc) {
+    KM_LOGE("%s::Failed, key_loc is NULL! \n", "km_init_km_meta_enc_by_rek");
+    return -1;
+  }
+  meta->keysize = keysize;
+  meta->magic = KM_META_MAGIC;
+  meta->major_version = KM_META_MAJOR_VERSION;
+  meta->minor_version = KM_META_MINOR_VERSION;
+  km_copy_into_record(meta, meta->key_name, key_loc, strlen(key_loc));
+  return 0;
+}
+
+int km_put_kek_enc_by_rek(const char* key_name, const uint8_t* kek, uint64_t kek_len) {
+  km_meta rec;
+  InitKekRecord(&rec);
+  if (!key_name) {
+    KM_LOGE("%s::Failed, key_name is NULL! \n", "km_put_kek_enc_by_rek");
+    return -1;
+  }
+  rec.keysize = kek_len;
+  km_copy_into_record(&rec, rec.key_name, key_name, strlen(key_name));
+
+  if (km_ensure_aes_key(&rec) != 0) return -1;
+  int rc = km_flag_is_set(supportCBConly) ? PutKekByLegacyKeymaster(&rec, key_name, kek, kek_len)
+                                          : PutKekByKeymaster4(&rec, key_name, kek, kek_len);
+  if (rc != 0) return rc;
+
+  kmstore_device* device = nullptr;
+  rc = kmstore_device_init(&device);
+  if (rc < 0) {
+    KM_LOGE("TAVIKM kmstore could not be initialized;");
+    return rc;
+  }
+  if (!device) {
+    KM_LOGE("kmstore device is null.\nFailed to km_put_kek_enc_by_rek");
+    return -1;
+  }
+  if (device->write(key_name, reinterpret_cast<const uint8_t*>(&rec), sizeof(rec)) < 0) {
+    KM_LOGE("Filed to store a key encrypted by rek in Secure Storage: keyname=%s\n", key_name);
+    return -1;
+  }
+  KM_LOGI("A kek encrypted by rek is successfully stored to Secure Storage:keyname=%s\n",
+          key_name);
+  return 0;
+}
+
+int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_len_out) {
+  if (!key_name) {
+    KM_LOGE("%s::Failed, key_name is NULL! \n", "km_get_kek_enc_by_rek");
+    return -1;
+  }
+  // One zero byte past the record ends any string read from it, whatever was stored.
+  auto* rec = static_cast<km_meta*>(calloc(1, sizeof(km_meta) + 1));
+  if (!rec) {
+    KM_LOGE("km_meta_t allocation fail!!\n");
+    return -1;
+  }
+  uint8_t kek[kKekBuffer] = {};
+  unsigned char* out = nullptr;
+  unsigned int out_len = 0;
+  // The common exit: wipe, release, return.
+  auto finish = [&](int result) {
+    OPENSSL_cleanse(kek, sizeof(kek));
+    FreeOutput(out, out_len);
+    OPENSSL_cleanse(rec, sizeof(*rec));
+    free(rec);
+    return result;
+  };
+
+  kmstore_device* device = nullptr;
+  int rc = kmstore_device_init(&device);
+  if (rc < 0) {
+    KM_LOGE("TAVIKM kmstore could not be initialized;");
+    return finish(-1);
+  }
+  if (!device) {
+    KM_LOGE("kmstore device is null.\nFailed to km_put_kek_enc_by_rek");
+    return finish(-1);
+  }
+  uint64_t length = sizeof(km_meta);
+  rc = device->read(key_name, reinterpret_cast<uint8_t*>(rec), &length);
+  if (rc < 0) {
+    KM_LOGE("Failed to read a key encrypted by rek from Secure Storage: key_name = %s\n", key_name);
+    return finish(-1);
+  }
+  if (rc == 1) {
+    KM_LOGI("NO key from Secure Storage: key_name = %s\n", key_name);
+    return finish(1);
+  }
+  if (rc == 0) {
+    KM_LOGI("Successfully get a key encrypted by rek from Secure Storage: key_name = %s\n",
+            key_name);
+  }
+
+  if (!km_flag_is_set(supportCBConly)) {
+    // A stored size that reaches past the record, or that would decrypt to more than the
+    // caller's 64 bytes, cannot come from a put.
+    if (rec->xtkm_value_size > kXtkmRoom) {
+      KM_LOGE("Failed to decrypt KEK by keymaster");
+      return finish(-1);
+    }
+    unsigned long ignored = rec->km_key_blob_size;
+    rc = keymaster_decrypt_object_for_mdfpp(
+        rec->km_key_blob, km_key_blob_length(rec), rec->object_iv, 12, 1, rec->xtkm_value,
+        rec->xtkm_value_size, &out, &out_len, rec->km_key_blob, KM_KEY_BLOB_CAPACITY, &ignored);
+    if (rc < 0) {
+      KM_LOGE("Failed to decrypt KEK by keymaster");
+      if (rc != -2) return finish(-1);
+      // The key needs an upgrade: store the upgraded record and hand back an empty KEK, which
+      // tells the caller to ask again. These two failures leave the record allocated.
+      if (km_upgrade_aes_key(rec) != 0) {
+        OPENSSL_cleanse(kek, sizeof(kek));
+        return -1;
+      }
+      rc = km_put_km_meta(rec->key_name, 0, rec);
+      if (rc < 0) {
+        KM_LOGE("Failed to write upgraded km_meta\n");
+        OPENSSL_cleanse(kek, sizeof(kek));
+        return rc;
+      }
+      *kek_len_out = 0;
+      return finish(0);
+    }
+    if (out_len > kKekBuffer) {
+      KM_LOGE("Failed to decrypt KEK by keymaster");
+      return finish(-1);
+    }
+    memcpy(kek_out, out, out_len);
+    *kek_len_out = out_len;
+    return finish(rc);
+  }
+
+  if (km_verify_HMAC(rec) < 0) {
+    KM_LOGE("Failed to verify %s_mac", rec->key_name);
+    return finish(-1);
+  }
+  KM_LOGI("success to verify %s_mac", rec->key_name);
+  keymaster_key_blob_t key = km_legacy_key_blob(rec);
+  rc = km_keymaster_decrypt_message(rec, &key, rec->xtkm_value, kek);
+  if (rc < 0 || rec->xtkm_value_size > kKekBuffer) {
+    KM_LOGE("Failed to decrypt KEK by keymaster");
+    return finish(-1);
+  }
+  memcpy(kek_out, kek, rec->xtkm_value_size);
+  *kek_len_out = rec->xtkm_value_size;
+  return finish(rc);
+}
+
+int km_delete_kek_enc_by_rek(const char* key_name) {
+  if (!key_name) {
+    KM_LOGE("%s::Failed, key_name is NULL! \n", "km_delete_kek_enc_by_rek");
+    return -1;
+  }
+  kmstore_device* device = nullptr;
+  int rc = kmstore_device_init(&device);
+  if (rc < 0) {
+    KM_LOGE("Failed to init kmstore device");
+    return rc;
+  }
+  if (!device) {
+    KM_LOGE("kmstore device is null.\nFailed to delete_meta");
+    return -1;
+  }
+  rc = device->remove(key_name);
+  if (rc < 0) {
+    KM_LOGE("Failed to Remove Key file : %s", key_name);
+    KM_LOGE("Error::%s", strerror(errno));
+    return -1;
+  }
+  if (rc >= 2) KM_LOGE("Remove KEK:Unknown Error::%s", strerror(errno));
+  return 0;
+}
+
+int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsigned char* salt,
+                  unsigned char* ikey, void* params) {
+  auto* meta = static_cast<km_meta*>(params);
+  uint8_t derived[kKekBuffer] = {};
+  uint8_t kek[kKekBuffer] = {};
+  auto finish = [&](int result) {
+    OPENSSL_cleanse(derived, sizeof(derived));
+    OPENSSL_cleanse(kek, sizeof(kek));
+    return result;
+  };
+  if (meta->keysize > sizeof(derived)) {
+    KM_LOGE("Unsupported keysize %llu", static_cast<unsigned long long>(meta->keysize));
+    return finish(-1);
+  }
+  PKCS5_PBKDF2_HMAC(password, password_len, salt, kSaltLength, kPbkdf2Iterations, EVP_sha256(),
+                    meta->keysize, derived);
+
+  keymaster_key_blob_t key = km_legacy_key_blob(meta);
+  if (km_flag_is_set(supportRekKek)) {
+    if (km_verify_HMAC(meta) < 0) {
+      KM_LOGE("Failed to verify %s_mac by keymaster", meta->key_name);
+      return finish(-1);
+    }
+    KM_LOGI("success to verify %s_mac by keymaster", meta->key_name);
+    if (km_keymaster_decrypt_message(meta, &key, meta->xtkm_value, kek) < 0) {
+      KM_LOGE("(%s)Failed to decrypt KEK by keymaster", "km_pbkdf2_rek");
+      return finish(-1);
+    }
+    // The wrapping key: the password-derived key encrypted under the KEK.
+    if (km_aes_encrypt(derived, static_cast<int>(meta->keysize), kek, meta->keysize,
+                       meta->object_iv, ikey, 0) < 0) {
+      KM_LOGE("(%s)Failed to encrypt KEK by REK to generate DEKEK\n", "km_pbkdf2_rek");
+      return finish(-1);
+    }
+    return finish(0);
+  }
+
+  if (km_flag_is_set(supportCBConly)) {
+    if (km_keymaster_encrypt_message(meta, &key, derived, ikey) < 0) {
+      KM_LOGE("Failed to decrypt KEK by keymaster");
+      return finish(-1);
+    }
+    return finish(0);
+  }
+
+  for (;;) {
+    unsigned char* out = nullptr;
+    unsigned int out_len = 0;
+    // The output length lands in the low half of xtkm_value_size, as it always has.
+    int rc = km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
+      int r = km_encrypt_with_record_key(meta, derived, meta->keysize, &out, size);
+      out_len = *size;
+      return r;
+    });
+    if (rc == -2) {
+      KM_LOGI("NEED TO UPGRADE KEY\n");
+      if (km_upgrade_aes_key(meta) != 0) return finish(-1);
+      if (km_put_km_meta(meta->key_name, 0, meta) < 0) {
+        KM_LOGE("Failed to write upgraded km_meta\n");
+        return finish(-1);
+      }
+      KM_LOGI("Write upgraded Key successfully");
+      continue;
+    }
+    if (rc == 0) {
+      // The ciphertext and its tag, never more than the key buffer holds.
+      memcpy(ikey, out, std::min<size_t>(out_len, kKekBuffer));
+      FreeOutput(out, out_len);
+      return finish(0);
+    }
+    if (rc == -1) {
+      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_pbkdf2_rek", -1);
+      return finish(-1);
+    }
+    return finish(rc < 0 ? rc : 0);
+  }
+}
