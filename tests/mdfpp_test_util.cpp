@@ -1,25 +1,7 @@
-// The recording sleep() and the shared pieces of the Keymaster service tests.
+// The shared pieces of the Keymaster service tests.
 #include "mdfpp_test_util.h"
 
-#include <unistd.h>
-
-#include "tavikm_host/keymaster.h"
-
 namespace tavikm_test::mdfpp {
-namespace {
-
-std::vector<unsigned int> g_sleeps;
-uint64_t g_now_ms = 0;
-
-}  // namespace
-
-const std::vector<unsigned int>& Sleeps() { return g_sleeps; }
-
-void MdfppTest::SetUp() {
-  g_sleeps.clear();
-  g_now_ms = 1'000'000;
-  tavikm_host::SetKeymasterClock([] { return g_now_ms; });
-}
 
 LogLine DeviceLine() {
   return KmInfo(
@@ -53,11 +35,3 @@ Bytes Pattern(size_t size, uint8_t start) {
 }
 
 }  // namespace tavikm_test::mdfpp
-
-// Stands in for the C library's sleep() in the test executable (the library's call binds to
-// it): nothing waits, the seconds are recorded and the Keymaster's clock moves on.
-extern "C" unsigned int sleep(unsigned int seconds) {
-  tavikm_test::mdfpp::g_sleeps.push_back(seconds);
-  tavikm_test::mdfpp::g_now_ms += uint64_t{seconds} * 1000;
-  return 0;
-}

@@ -1,6 +1,6 @@
-// What the Keymaster service tests share: a sleep() that records instead of sleeping and moves
-// the emulated Keymaster's clock on by as much (so a key's rate limit really runs out), the
-// expected log lines, and the parameter sets the services are meant to send.
+// What the Keymaster service tests share: virtual Keymaster time (so a key's rate limit really
+// runs out without waiting), the expected log lines, and the parameter sets the services are
+// meant to send.
 #ifndef TAVIKM_TESTS_MDFPP_TEST_UTIL_H_
 #define TAVIKM_TESTS_MDFPP_TEST_UTIL_H_
 
@@ -13,19 +13,21 @@
 
 #include "keymaster_test_devices.h"
 #include "support/device_env.h"
+#include "support/virtual_time.h"
 
 namespace tavikm_test::mdfpp {
 
 namespace hw = ::android::hardware::keymaster::V4_0;
 using Bytes = std::vector<uint8_t>;
 
-// The seconds of every sleep() the library asked for since the fixture began.
-const std::vector<unsigned int>& Sleeps();
-
-// A device directory, log capture, and the recording sleep() with the Keymaster clock it drives.
+// A device directory, log capture, and virtual Keymaster time: sleep() records its seconds and
+// moves the Keymaster's clock on instead of waiting.
 class MdfppTest : public DeviceTest {
  protected:
-  void SetUp() override;
+  // The seconds of every sleep() the library asked for since the fixture began.
+  std::vector<unsigned int> Sleeps() const { return time_.Sleeps(); }
+
+  VirtualKeymasterTime time_;
 };
 
 inline LogLine KmInfo(const std::string& text) {
