@@ -4,6 +4,7 @@
 #include <hardware/hardware.h>
 
 #include "common/log.h"
+#include "metadata/kmstore.h"
 #include "tavikm.h"
 
 namespace {
@@ -35,4 +36,17 @@ int kmstore_device_init(kmstore_device** out) {
   *out = reinterpret_cast<kmstore_device*>(device);
   g_kmstore_device = *out;
   return 0;
+}
+
+int km_open_kmstore(const char* init_failed, const char* what, kmstore_device** device) {
+  int rc = kmstore_device_init(device);
+  if (rc < 0) {
+    KM_LOGE("%s", init_failed);
+    return rc;
+  }
+  if (!*device) {
+    KM_LOGE("kmstore device is null.\nFailed to %s", what);
+    return -1;
+  }
+  return rc;
 }

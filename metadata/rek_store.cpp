@@ -14,6 +14,7 @@
 #include "common/log.h"
 #include "keymaster/legacy_keymaster.h"
 #include "metadata/keys.h"
+#include "metadata/kmstore.h"
 #include "metadata/record.h"
 #include "tavikm.h"
 #include "tavikm_keymaster.h"
@@ -126,15 +127,8 @@ int km_put_kek_enc_by_rek(const char* key_name, const uint8_t* kek, uint64_t kek
   if (rc != 0) return rc;
 
   kmstore_device* device = nullptr;
-  rc = kmstore_device_init(&device);
-  if (rc < 0) {
-    KM_LOGE("TAVIKM kmstore could not be initialized;");
-    return rc;
-  }
-  if (!device) {
-    KM_LOGE("kmstore device is null.\nFailed to km_put_kek_enc_by_rek");
-    return -1;
-  }
+  rc = km_open_kmstore(kKmstoreInitFailed, "km_put_kek_enc_by_rek", &device);
+  if (rc < 0) return rc;
   if (device->write(key_name, reinterpret_cast<const uint8_t*>(&rec), sizeof(rec)) < 0) {
     KM_LOGE("Filed to store a key encrypted by rek in Secure Storage: keyname=%s\n", key_name);
     return -1;
@@ -168,15 +162,9 @@ int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_
   };
 
   kmstore_device* device = nullptr;
-  int rc = kmstore_device_init(&device);
-  if (rc < 0) {
-    KM_LOGE("TAVIKM kmstore could not be initialized;");
-    return finish(-1);
-  }
-  if (!device) {
-    KM_LOGE("kmstore device is null.\nFailed to km_put_kek_enc_by_rek");
-    return finish(-1);
-  }
+  // The get names the put in its message, as it always has.
+  int rc = km_open_kmstore(kKmstoreInitFailed, "km_put_kek_enc_by_rek", &device);
+  if (rc < 0) return finish(-1);
   uint64_t length = sizeof(km_meta);
   rc = device->read(key_name, reinterpret_cast<uint8_t*>(rec), &length);
   if (rc < 0) {
@@ -252,15 +240,8 @@ int km_delete_kek_enc_by_rek(const char* key_name) {
     return -1;
   }
   kmstore_device* device = nullptr;
-  int rc = kmstore_device_init(&device);
-  if (rc < 0) {
-    KM_LOGE("Failed to init kmstore device");
-    return rc;
-  }
-  if (!device) {
-    KM_LOGE("kmstore device is null.\nFailed to delete_meta");
-    return -1;
-  }
+  int rc = km_open_kmstore(kKmstoreInitFailedForDelete, "delete_meta", &device);
+  if (rc < 0) return rc;
   rc = device->remove(key_name);
   if (rc < 0) {
     KM_LOGE("Failed to Remove Key file : %s", key_name);

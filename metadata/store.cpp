@@ -8,6 +8,7 @@
 
 #include "common/flags.h"
 #include "common/log.h"
+#include "metadata/kmstore.h"
 #include "metadata/upgrade.h"
 #include "tavikm.h"
 
@@ -37,15 +38,8 @@ bool Sync(int fd) { return fsync(fd) == 0 || errno == EINVAL; }
 int GetFromSecureStorage(const char* key_loc, km_meta* meta) {
   uint64_t length = KM_META_SIZE;
   kmstore_device* device = nullptr;
-  int rc = kmstore_device_init(&device);
-  if (rc < 0) {
-    KM_LOGE("TAVIKM kmstore could not be initialized;");
-    return rc;
-  }
-  if (!device) {
-    KM_LOGE("kmstore device is null.\nFailed to get_km_meta");
-    return -1;
-  }
+  int rc = km_open_kmstore(kKmstoreInitFailed, "get_km_meta", &device);
+  if (rc < 0) return rc;
   rc = device->read(key_loc, reinterpret_cast<uint8_t*>(meta), &length);
   if (rc < 0) {
     KM_LOGE("Failed to read metadata from Secure Storage\n");
@@ -157,15 +151,8 @@ int km_put_km_meta(const char* key_loc, int64_t offset, const km_meta* meta) {
   if (!InSecureStorage(key_loc)) return WriteToFile(key_loc, offset, meta);
 
   kmstore_device* device = nullptr;
-  int rc = kmstore_device_init(&device);
-  if (rc < 0) {
-    KM_LOGE("TAVIKM kmstore could not be initialized;");
-    return rc;
-  }
-  if (!device) {
-    KM_LOGE("kmstore device is null.\nFailed to put_km_meta");
-    return -1;
-  }
+  int rc = km_open_kmstore(kKmstoreInitFailed, "put_km_meta", &device);
+  if (rc < 0) return rc;
   if (device->write(key_loc, reinterpret_cast<const uint8_t*>(meta), KM_META_SIZE) < 0) {
     KM_LOGE("Filed to store metadata to TZ Secure Storage\n");
     return -1;
@@ -184,15 +171,8 @@ int km_delete_meta(const char* key_loc, int64_t offset) {
   }
 
   kmstore_device* device = nullptr;
-  int init_rc = kmstore_device_init(&device);
-  if (init_rc < 0) {
-    KM_LOGE("Failed to init kmstore device");
-    return init_rc;
-  }
-  if (!device) {
-    KM_LOGE("kmstore device is null.\nFailed to delete_meta");
-    return -1;
-  }
+  int init_rc = km_open_kmstore(kKmstoreInitFailedForDelete, "delete_meta", &device);
+  if (init_rc < 0) return init_rc;
   // The delete's own non-negative result is deliberately not examined.
   if (device->remove(key_loc) < 0) {
     KM_LOGE("Failed to Remove Key file : %s", key_loc);
