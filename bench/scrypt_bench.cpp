@@ -65,8 +65,13 @@ struct Impl {
   ScryptFn fn;
 };
 
-// Median per parameter set and implementation, filled while the run reports.
-std::map<std::string, std::map<std::string, double>> g_medians;
+// Median CPU and wall time per parameter set and implementation, filled while the run reports.
+// The ratios use CPU time: on a shared machine, wall time also counts waiting for a core.
+struct Median {
+  double cpu = 0;
+  double wall = 0;
+};
+std::map<std::string, std::map<std::string, Median>> g_medians;
 
 class MedianReporter : public benchmark::ConsoleReporter {
  public:
@@ -75,14 +80,15 @@ class MedianReporter : public benchmark::ConsoleReporter {
       if (run.run_type != Run::RT_Aggregate || run.aggregate_name != "median") continue;
       const std::string& name = run.run_name.function_name;
       const size_t slash = name.find('/');
-      g_medians[name.substr(0, slash)][name.substr(slash + 1)] = run.GetAdjustedRealTime();
+      g_medians[name.substr(0, slash)][name.substr(slash + 1)] = {run.GetAdjustedCPUTime(),
+                                                                  run.GetAdjustedRealTime()};
     }
     ConsoleReporter::ReportRuns(reports);
   }
 };
 
 void PrintTable(const std::vector<std::string>& order) {
-  printf("\nMedians (ms), and each as a multiple of crypto_scrypt's:\n");
+  printf("\nMedians in ms; the ratio is CPU time as a multiple of crypto_scrypt's.\n");
   for (const Params& q : kParams) {
     const auto found = g_medians.find(q.Label());
     if (found == g_medians.end()) continue;
@@ -90,11 +96,14 @@ void PrintTable(const std::vector<std::string>& order) {
     const auto ours = row.find("crypto_scrypt");
     printf("\n%s, %zu-byte key, V = %llu MiB\n", q.Label().c_str(), q.out_len,
            static_cast<unsigned long long>(128 * q.r * q.N >> 20));
+    printf("  %-36s %8s  %8s   %5s\n", "", "cpu", "wall", "ratio");
     for (const std::string& impl : order) {
       const auto it = row.find(impl);
       if (it == row.end()) continue;
-      printf("  %-28s %9.2f", impl.c_str(), it->second);
-      if (ours != row.end() && ours->second > 0) printf("   %5.2fx", it->second / ours->second);
+      printf("  %-36s %8.2f  %8.2f", impl.c_str(), it->second.cpu, it->second.wall);
+      if (ours != row.end() && ours->second.cpu > 0) {
+        printf("   %5.2f", it->second.cpu / ours->second.cpu);
+      }
       printf("\n");
     }
   }
