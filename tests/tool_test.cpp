@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -24,6 +25,9 @@ namespace {
 constexpr char kFastScrypt[] = "ro.crypto.scrypt_params=10:0:0";
 constexpr char kMdfpp[] = "ro.product.tavi.support_mdfpp=true";
 constexpr char kCbcOnly[] = "ro.product.tavi.support_cbc_only=true";
+constexpr char kRekKek[] = "ro.product.tavi.support_rek_kek=true";
+// Later than the patch level the emulated device starts with: Keymaster keys need an upgrade.
+constexpr char kLaterPatch[] = "ro.build.version.security_patch=2099-12-05";
 
 struct Result {
   int status = -1;
@@ -70,7 +74,11 @@ class ToolTest : public ::testing::Test {
     return Exec(argv, input);
   }
 
-  Result Exec(const std::vector<std::string>& argv, const std::string& input = "") {
+  Result Exec(std::vector<std::string> argv, const std::string& input = "") {
+    // A cross build runs the tool under the same emulator as this test.
+    std::istringstream emulator(TAVIKM_TOOL_EMULATOR);
+    std::vector<std::string> prefix{std::istream_iterator<std::string>(emulator), {}};
+    argv.insert(argv.begin(), prefix.begin(), prefix.end());
     std::string in = Scratch("stdin"), out = Scratch("stdout"), err = Scratch("stderr");
     std::ofstream(in, std::ios::binary) << input;
     pid_t pid = fork();
@@ -82,7 +90,7 @@ class ToolTest : public ::testing::Test {
       std::vector<char*> cargv;
       for (const std::string& arg : argv) cargv.push_back(const_cast<char*>(arg.c_str()));
       cargv.push_back(nullptr);
-      execv(cargv[0], cargv.data());
+      execvp(cargv[0], cargv.data());
       _exit(127);
     }
     Result result;
@@ -122,6 +130,11 @@ class ToolTest : public ::testing::Test {
 
   std::string MetadataFile() const { return device_.Path("metadata"); }
 
+  // The stored bytes of `loc`: a metadata file when it is a path, else a secure-storage entry.
+  std::vector<uint8_t> Stored(const std::string& loc) {
+    return loc[0] == '/' ? ReadFile(loc) : Entry(loc);
+  }
+
   // The secure-storage entry `name` as stored, through the kmstore device of this process.
   std::vector<uint8_t> Entry(const std::string& name) {
     kmstore_device* device = nullptr;
@@ -140,16 +153,23 @@ class ToolTest : public ::testing::Test {
 
 TEST_F(ToolTest, SetupThenUnlockGiveTheSameMasterKey) {
   struct Case {
-    std::string kdf;
+    std::string kdf;   // --kdf
+    std::string made;  // the kdf_type the record gets
     std::vector<std::string> props;
     std::string loc;
     std::vector<std::string> place;  // --offset N for file records
   };
   const std::vector<Case> cases = {
-      {"1", {}, MetadataFile(), {}},
-      {"2", {}, device_.Path("other"), {"--offset", "8192"}},
-      {"2", {kMdfpp}, "userdata", {}},
-      {"2", {kCbcOnly}, device_.Path("cbc"), {}},
+      {"1", "1", {}, MetadataFile(), {}},
+      {"2", "2", {}, device_.Path("other"), {"--offset", "8192"}},
+      {"2", "2", {kMdfpp}, "userdata", {}},
+      {"2", "2", {kCbcOnly}, device_.Path("cbc"), {}},
+      {"4", "4", {kMdfpp}, "rek", {}},
+      {"4", "4", {kMdfpp, kCbcOnly, kRekKek}, "rek-cbc", {}},
+      {"5", "5", {}, device_.Path("bound"), {"--offset", "4096"}},
+      // The library's choice: 4 in MDFPP mode, else 5 on a secure Keymaster.
+      {"default", "4", {kMdfpp}, "chosen", {}},
+      {"default", "5", {}, device_.Path("chosen"), {}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE("kdf " + c.kdf + " at " + c.loc);
@@ -158,7 +178,7 @@ TEST_F(ToolTest, SetupThenUnlockGiveTheSameMasterKey) {
     options.insert(options.end(), c.place.begin(), c.place.end());
     Result setup = Setup(c.loc, "s3cret", options);
     ASSERT_EQ(setup.status, 0) << setup.err;
-    EXPECT_NE(setup.out.find("kdf          " + c.kdf + " ("), std::string::npos) << setup.out;
+    EXPECT_NE(setup.out.find("kdf          " + c.made + " ("), std::string::npos) << setup.out;
 
     options = c.place;
     options.push_back("--show-key");
@@ -178,19 +198,87 @@ TEST_F(ToolTest, SetupThenUnlockGiveTheSameMasterKey) {
 }
 
 TEST_F(ToolTest, WrongPasswordExitsTwoWithOneSentenceAndChangesNothing) {
-  for (bool cbc : {false, true}) {
-    SCOPED_TRACE(cbc ? "CBC-only" : "GCM");
-    props_ = cbc ? std::vector<std::string>{kCbcOnly} : std::vector<std::string>{};
-    std::string loc = device_.Path(cbc ? "cbc" : "gcm");
-    ASSERT_EQ(Setup(loc, "right", {"--kdf", "2"}).status, 0);
-    std::vector<uint8_t> before = ReadFile(loc);
+  struct Case {
+    std::string kdf;
+    std::vector<std::string> props;
+    std::string loc;
+  };
+  const std::vector<Case> cases = {
+      {"2", {}, device_.Path("gcm")},
+      {"2", {kCbcOnly}, device_.Path("cbc")},
+      {"4", {kMdfpp}, "rek"},
+      {"5", {kMdfpp}, "bound"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("kdf " + c.kdf + " at " + c.loc);
+    props_ = c.props;
+    ASSERT_EQ(Setup(c.loc, "right", {"--kdf", c.kdf}).status, 0);
+    std::vector<uint8_t> before = Stored(c.loc);
 
-    Result unlock = Unlock(loc, "wrong");
+    Result unlock = Unlock(c.loc, "wrong");
     EXPECT_EQ(unlock.status, 2);
-    EXPECT_EQ(unlock.err, "tavikm: wrong password for " + loc + "\n");
+    EXPECT_EQ(unlock.err, "tavikm: wrong password for " + c.loc + "\n");
     EXPECT_EQ(unlock.out, "");
-    EXPECT_EQ(ReadFile(loc), before);
+    EXPECT_EQ(Stored(c.loc), before);
   }
+}
+
+TEST_F(ToolTest, UnlockStoresTheRecordAgainWhenAKeymasterKeyWasUpgraded) {
+  // kdf 5 at an offset: the library upgrades the RSA key in memory only, the tool must store
+  // the record at its own offset. kdf 4 in secure storage: the library stores it as well.
+  struct Case {
+    std::string kdf;
+    std::vector<std::string> props;
+    std::string loc;
+    std::vector<std::string> place;
+  };
+  const std::vector<Case> cases = {
+      {"5", {}, MetadataFile(), {"--offset", "8192"}},
+      {"4", {kMdfpp}, "rek", {}},
+  };
+  const std::string note =
+      "Note: a Keymaster key was upgraded on the way; the record was stored again.\n";
+  for (const Case& c : cases) {
+    SCOPED_TRACE("kdf " + c.kdf);
+    props_ = c.props;
+    std::vector<std::string> options = {"--kdf", c.kdf};
+    options.insert(options.end(), c.place.begin(), c.place.end());
+    Result setup = Setup(c.loc, "pw", options);
+    ASSERT_EQ(setup.status, 0) << setup.err;
+    std::vector<uint8_t> before = Stored(c.loc);
+
+    props_.push_back(kLaterPatch);
+    Result unlock = Unlock(c.loc, "pw", c.place);
+    ASSERT_EQ(unlock.status, 0) << unlock.err;
+    EXPECT_EQ(FingerprintIn(unlock.out), FingerprintIn(setup.out));
+    EXPECT_NE(unlock.out.find(note), std::string::npos) << unlock.out;
+    EXPECT_NE(Stored(c.loc), before);
+
+    // Stored with the upgraded key: the next unlock needs no upgrade.
+    unlock = Unlock(c.loc, "pw", c.place);
+    ASSERT_EQ(unlock.status, 0) << unlock.err;
+    EXPECT_EQ(unlock.out.find("Note:"), std::string::npos) << unlock.out;
+    EXPECT_EQ(FingerprintIn(unlock.out), FingerprintIn(setup.out));
+  }
+}
+
+TEST_F(ToolTest, UnlockReportsAnOlderGenerationUpgradedWhileReading) {
+  props_ = {kMdfpp};
+  Result setup = Setup("userdata", "pw", {"--kdf", "2"});
+  ASSERT_EQ(setup.status, 0);
+  std::vector<uint8_t> entry = Entry("userdata");
+  kmstore_device* device = nullptr;
+  ASSERT_EQ(kmstore_device_init(&device), 0);
+  ASSERT_EQ(device->write("userdata", entry.data(), 2592), 0);
+
+  Result unlock = Unlock("userdata", "pw");
+  ASSERT_EQ(unlock.status, 0) << unlock.err;
+  EXPECT_EQ(FingerprintIn(unlock.out), FingerprintIn(setup.out));
+  EXPECT_NE(unlock.out.find("Note: the entry (2592 bytes, major version 3) was upgraded while it "
+                            "was read.\n"),
+            std::string::npos)
+      << unlock.out;
+  EXPECT_EQ(Entry("userdata").size(), static_cast<size_t>(KM_META_SIZE));
 }
 
 TEST_F(ToolTest, InspectJsonMatchesTheStoredRecord) {
@@ -381,6 +469,7 @@ TEST_F(ToolTest, BadUsageExitsOneWithTheUsageLine) {
       {{"kek", "put", "k"}, "give exactly one of --hex, --key-file and --random"},
       {{"kek", "put", "k", "--hex", "0011"}, "--hex holds 2 bytes; a KEK has 16 or 32"},
       {{"--prop", "novalue", "unlock", "x"}, "--prop needs KEY=VALUE, not novalue"},
+      {{"demo"}, "demo makes its own device directory; --device-dir does not apply"},
   };
   for (const Case& c : cases) {
     std::string joined;
@@ -489,6 +578,62 @@ TEST_F(ToolTest, LibraryLinesGoToTheDeviceLogOrWithVToStderr) {
   EXPECT_EQ(verbose.status, 2);
   EXPECT_NE(verbose.err.find(line + "\n"), std::string::npos) << verbose.err;
   EXPECT_FALSE(std::filesystem::exists(device_.Path("log.txt")));
+}
+
+TEST_F(ToolTest, KeksArePutReadAndDeleted) {
+  const std::string hex = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
+  std::string key_file = Scratch("kek.hex");
+  std::ofstream(key_file) << hex << "\n";
+  Result put = Tool({"kek", "put", "vold", "--key-file", key_file});
+  ASSERT_EQ(put.status, 0) << put.err;
+  EXPECT_EQ(put.out.rfind("Stored the KEK \"vold\" (32 bytes)\n", 0), 0u) << put.out;
+
+  Result get = Tool({"kek", "get", "vold", "--show-key"});
+  ASSERT_EQ(get.status, 0) << get.err;
+  EXPECT_NE(get.out.find("key (hex)    " + hex + "\n"), std::string::npos) << get.out;
+
+  // An existing name is kept unless forced.
+  Result again = Tool({"kek", "put", "vold", "--random"});
+  EXPECT_EQ(again.status, 4);
+  EXPECT_EQ(again.err,
+            "tavikm: secure storage already holds an entry \"vold\"; --force replaces it\n");
+  Result forced = Tool({"kek", "put", "vold", "--random", "--keysize", "16", "--force"});
+  ASSERT_EQ(forced.status, 0) << forced.err;
+  std::smatch fingerprint;
+  ASSERT_TRUE(std::regex_search(forced.out, fingerprint, std::regex("kek +(sha256:[0-9a-f]{64})")));
+  get = Tool({"kek", "get", "vold"});
+  EXPECT_NE(get.out.find("KEK \"vold\" (16 bytes)\n  kek          " + fingerprint[1].str()),
+            std::string::npos)
+      << get.out;
+
+  // After a patch raise the first answer is empty (its key was upgraded); the tool asks again.
+  // The library stores the upgraded record through the record store, which reaches secure
+  // storage only in MDFPP mode.
+  props_ = {kMdfpp, kLaterPatch};
+  get = Tool({"kek", "get", "vold"});
+  ASSERT_EQ(get.status, 0) << get.err;
+  EXPECT_NE(get.out.find(fingerprint[1].str()), std::string::npos);
+  EXPECT_NE(get.out.find("Note: its Keymaster key was upgraded on the way"), std::string::npos)
+      << get.out;
+
+  EXPECT_EQ(Tool({"kek", "delete", "vold"}).status, 0);
+  Result gone = Tool({"kek", "get", "vold"});
+  EXPECT_EQ(gone.status, 3);
+  EXPECT_EQ(gone.err, "tavikm: no KEK named \"vold\"\n");
+  EXPECT_EQ(Tool({"kek", "delete", "vold"}).status, 3);
+}
+
+TEST_F(ToolTest, DemoEndsWithItsSuccessLineAndCleansUp) {
+  Result demo = Exec({TAVIKM_TOOL_PATH, "demo"});
+  ASSERT_EQ(demo.status, 0) << demo.out << demo.err;
+  EXPECT_EQ(demo.err, "");
+  std::smatch dir;
+  ASSERT_TRUE(std::regex_search(demo.out, dir, std::regex("^tavikm demo in (\\S+) ")));
+  EXPECT_FALSE(std::filesystem::exists(dir[1].str()));
+  std::smatch last;
+  ASSERT_TRUE(std::regex_search(demo.out, last, std::regex("demo: all (\\d+) steps passed\n$")));
+  // Every step announced itself before the last line.
+  EXPECT_NE(demo.out.find("[" + last[1].str() + "/" + last[1].str() + "] "), std::string::npos);
 }
 
 }  // namespace

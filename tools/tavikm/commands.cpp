@@ -340,7 +340,10 @@ int RunKek(const std::vector<std::string>& args) {
         "usage: tavikm kek get NAME [--show-key]",
         store_help +
             "\nPrints the KEK's length and fingerprint. When the library answers that\n"
-            "the Keymaster key was upgraded on the way, it is asked once more.\n\n"
+            "the Keymaster key was upgraded on the way, it is asked once more. The\n"
+            "library stores the upgraded entry through the record store, which\n"
+            "reaches secure storage only in MDFPP mode; elsewhere it writes a file\n"
+            "named NAME in the current directory and the entry stays as it was.\n\n"
             "  --show-key     print the KEK itself too\n");
     bool show_key = false;
     parser.Flag("--show-key", &show_key);

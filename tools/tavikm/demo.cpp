@@ -19,6 +19,7 @@
 #include "place.h"
 #include "tavikm.h"
 #include "tavikm_host/device.h"
+#include "tavikm_host/keymaster.h"
 
 namespace tavikm_tool {
 namespace {
@@ -167,10 +168,11 @@ class Tour {
   }
 
   void Patch() {
-    char level[PROPERTY_VALUE_MAX];
-    property_get("ro.build.version.security_patch", level, "");
+    uint32_t level = tavikm_host::KeymasterOsPatchlevel();
     property_set("ro.build.version.security_patch", kLaterPatchLevel);
-    Say(std::string("ro.build.version.security_patch ") + level + " -> " + kLaterPatchLevel);
+    Say("ro.build.version.security_patch set to " + std::string(kLaterPatchLevel) +
+        ": keys are bound to patch level " + std::to_string(tavikm_host::KeymasterOsPatchlevel()) +
+        " now, not " + std::to_string(level));
     for (const Place& place : {bound_, userdata_}) {
       const Password& password = place.loc == userdata_.loc ? password_ : bound_password_;
       RawRecord before = ReadRaw(place);
