@@ -1,7 +1,7 @@
 # The README's commands. Each first installs what the build needs (scripts/install-deps).
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build test asan-test slow-test aarch64-test bench ci clean
+.PHONY: all deps build demo test asan-test slow-test aarch64-test bench ci clean
 
 all: build
 
@@ -11,6 +11,10 @@ deps:
 build: deps
 	cmake --preset default
 	cmake --build --preset default -j $(JOBS)
+
+# A narrated tour of the library through the tavikm tool, in a throwaway device directory.
+demo: build
+	build/default/tools/tavikm demo
 
 test: build
 	ctest --preset default -j $(JOBS)
