@@ -381,11 +381,22 @@ Return<void> SoftKeymaster::upgradeKey(const hidl_vec<uint8_t>& keyBlobToUpgrade
       case ErrorCode::KEY_REQUIRES_UPGRADE: {
         // Only moving forward: a part that is already current stays as it is.
         AuthorizationSet& auths = key.authorizations;
+        bool has_version = false, has_patchlevel = false;
         for (size_t i = 0; i < auths.size(); ++i) {
           KeyParameter& param = auths[static_cast<int>(i)];
-          if (param.tag == Tag::OS_VERSION) param.f.integer = CurrentOsVersion();
-          if (param.tag == Tag::OS_PATCHLEVEL) param.f.integer = CurrentOsPatchlevel();
+          if (param.tag == Tag::OS_VERSION) {
+            param.f.integer = CurrentOsVersion();
+            has_version = true;
+          }
+          if (param.tag == Tag::OS_PATCHLEVEL) {
+            param.f.integer = CurrentOsPatchlevel();
+            has_patchlevel = true;
+          }
         }
+        // A binding the blob lacks reads as 0, so it must be added, or the upgraded blob would
+        // ask for an upgrade again and a caller that upgrades until begin succeeds never ends.
+        if (!has_version) auths.push_back(hw::TAG_OS_VERSION, CurrentOsVersion());
+        if (!has_patchlevel) auths.push_back(hw::TAG_OS_PATCHLEVEL, CurrentOsPatchlevel());
         if (!SealKeyBlob(key, &blob)) error = ErrorCode::UNKNOWN_ERROR;
         break;
       }
