@@ -40,6 +40,7 @@ bench:
 	cmake --preset bench
 	cmake --build --preset bench -j $(JOBS)
 	build/bench/bench/scrypt_bench
+	build/bench/bench/e2e_bench
 
 # Everything CI runs.
 ci: test asan-test slow-test aarch64-test
