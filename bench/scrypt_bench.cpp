@@ -1,6 +1,7 @@
 // crypto_scrypt against the scrypt of libsodium, libscrypt and libcrypto's EVP_PBE_scrypt, on
 // the same inputs in one run, plus each Salsa20/8 back end this CPU can run and the cost of
 // wiping the table. Prints each median and its ratio to crypto_scrypt after the run.
+#include <benchmark/benchmark.h>
 #include <libscrypt.h>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -13,8 +14,6 @@
 #include <map>
 #include <string>
 #include <vector>
-
-#include <benchmark/benchmark.h>
 
 #include "crypto/scrypt/backends.h"
 #include "tavikm.h"
@@ -45,8 +44,8 @@ int Ours(const Params& q, uint8_t* out) {
                        q.out_len);
 }
 int Sodium(const Params& q, uint8_t* out) {
-  return crypto_pwhash_scryptsalsa208sha256_ll(Pw(), strlen(kPassword), kSalt, sizeof(kSalt),
-                                               q.N, q.r, q.p, out, q.out_len);
+  return crypto_pwhash_scryptsalsa208sha256_ll(Pw(), strlen(kPassword), kSalt, sizeof(kSalt), q.N,
+                                               q.r, q.p, out, q.out_len);
 }
 int Libscrypt(const Params& q, uint8_t* out) {
   return libscrypt_scrypt(Pw(), strlen(kPassword), kSalt, sizeof(kSalt), q.N, q.r, q.p, out,
@@ -153,16 +152,16 @@ int main(int argc, char** argv) {
                                    });
     }
     for (const km_scrypt_backend* backend : backends) {
-      benchmark::RegisterBenchmark(
-          (q.Label() + "/back end " + backend->name).c_str(),
-          [q, backend](benchmark::State& state) {
-            std::vector<uint8_t> key(q.out_len);
-            for (auto _ : state) {
-              km_crypto_scrypt_with(backend, Pw(), strlen(kPassword), kSalt, sizeof(kSalt), q.N,
-                                    q.r, q.p, key.data(), key.size());
-              benchmark::DoNotOptimize(key.data());
-            }
-          });
+      benchmark::RegisterBenchmark((q.Label() + "/back end " + backend->name).c_str(),
+                                   [q, backend](benchmark::State& state) {
+                                     std::vector<uint8_t> key(q.out_len);
+                                     for (auto _ : state) {
+                                       km_crypto_scrypt_with(backend, Pw(), strlen(kPassword),
+                                                             kSalt, sizeof(kSalt), q.N, q.r, q.p,
+                                                             key.data(), key.size());
+                                       benchmark::DoNotOptimize(key.data());
+                                     }
+                                   });
     }
     // crypto_scrypt clears its 128 * r * N-byte table before releasing it; this is that part.
     benchmark::RegisterBenchmark((q.Label() + "/of which: wiping V").c_str(),

@@ -1,14 +1,13 @@
 // crypto_scrypt: known answers on every back end this CPU can run, agreement between back ends,
 // the run-time choice of back end, and the argument checks with their errno.
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <string.h>
 
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "crypto/scrypt/backends.h"
 #include "scrypt_vectors.h"
@@ -25,8 +24,8 @@ constexpr uint64_t kFastMemoryLimit = 64ULL << 20;
 const uint8_t* Bytes(const std::string& s) { return reinterpret_cast<const uint8_t*>(s.data()); }
 
 std::vector<uint8_t> Derive(const km_scrypt_backend* backend, const std::string& password,
-                         const std::string& salt, uint64_t N, uint32_t r, uint32_t p,
-                         size_t out_len) {
+                            const std::string& salt, uint64_t N, uint32_t r, uint32_t p,
+                            size_t out_len) {
   std::vector<uint8_t> out(out_len);
   EXPECT_EQ(km_crypto_scrypt_with(backend, Bytes(password), password.size(), Bytes(salt),
                                   salt.size(), N, r, p, out.data(), out.size()),
@@ -67,8 +66,8 @@ TEST_P(ScryptBackendTest, AgreesWithPortableOnRandomParameters) {
     const std::string password = random_text(rng() % 40);
     const std::string salt = random_text(rng() % 33);
     const size_t out_len = 1 + rng() % 97;
-    SCOPED_TRACE("N=" + std::to_string(N) + " r=" + std::to_string(r) +
-                 " p=" + std::to_string(p) + " out_len=" + std::to_string(out_len));
+    SCOPED_TRACE("N=" + std::to_string(N) + " r=" + std::to_string(r) + " p=" + std::to_string(p) +
+                 " out_len=" + std::to_string(out_len));
     EXPECT_EQ(Derive(GetParam(), password, salt, N, r, p, out_len),
               Derive(&km_scrypt_portable, password, salt, N, r, p, out_len));
   }
@@ -81,8 +80,7 @@ TEST_P(ScryptBackendTest, NOfOneRunsAndAgreesWithPortable) {
   EXPECT_EQ(out, Derive(&km_scrypt_portable, "password", "salt", 1, 2, 2, 32));
 }
 
-INSTANTIATE_TEST_SUITE_P(Usable, ScryptBackendTest,
-                         testing::ValuesIn(km_scrypt_usable_backends()),
+INSTANTIATE_TEST_SUITE_P(Usable, ScryptBackendTest, testing::ValuesIn(km_scrypt_usable_backends()),
                          [](const testing::TestParamInfo<const km_scrypt_backend*>& info) {
                            return std::string(info.param->name);
                          });
@@ -146,8 +144,8 @@ TEST(CryptoScrypt, ExportedFunctionGivesTheKnownAnswers) {
     if (v.MemoryBytes() > kFastMemoryLimit) continue;
     SCOPED_TRACE(v.Name());
     std::vector<uint8_t> out(v.dk.size());
-    ASSERT_EQ(crypto_scrypt(Bytes(v.password), v.password.size(), Bytes(v.salt), v.salt.size(),
-                            v.N, v.r, v.p, out.data(), out.size()),
+    ASSERT_EQ(crypto_scrypt(Bytes(v.password), v.password.size(), Bytes(v.salt), v.salt.size(), v.N,
+                            v.r, v.p, out.data(), out.size()),
               0);
     EXPECT_EQ(out, v.dk);
   }

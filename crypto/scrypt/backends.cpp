@@ -1,21 +1,21 @@
 // The table of Salsa20/8 back ends and the run-time choice among them: a back end is used only
 // when the CPU has its instructions and it reproduces a known answer on this CPU.
+#include "crypto/scrypt/backends.h"
+
 #include <errno.h>
 #include <openssl/crypto.h>
 
-#include "crypto/scrypt/backends.h"
-
 std::vector<const km_scrypt_backend*> km_scrypt_all_backends() {
-  return {
+  std::vector<const km_scrypt_backend*> all;
 #if defined(__x86_64__)
-      &km_scrypt_avx512vl,
-      &km_scrypt_sse2,
+  all.push_back(&km_scrypt_avx512vl);
+  all.push_back(&km_scrypt_sse2);
 #endif
 #if defined(__aarch64__)
-      &km_scrypt_neon,
+  all.push_back(&km_scrypt_neon);
 #endif
-      &km_scrypt_portable,
-  };
+  all.push_back(&km_scrypt_portable);
+  return all;
 }
 
 bool km_scrypt_self_test(const km_scrypt_backend* backend) {
@@ -31,9 +31,9 @@ bool km_scrypt_self_test(const km_scrypt_backend* backend) {
   const int saved_errno = errno;
   uint8_t out[64];
   static const uint8_t kEmpty[1] = {0};
-  const bool ok = km_crypto_scrypt_with(backend, kEmpty, 0, kEmpty, 0, 16, 1, 1, out,
-                                        sizeof(out)) == 0 &&
-                  CRYPTO_memcmp(out, kExpected, sizeof(out)) == 0;
+  const bool ok =
+      km_crypto_scrypt_with(backend, kEmpty, 0, kEmpty, 0, 16, 1, 1, out, sizeof(out)) == 0 &&
+      CRYPTO_memcmp(out, kExpected, sizeof(out)) == 0;
   errno = saved_errno;
   return ok;
 }

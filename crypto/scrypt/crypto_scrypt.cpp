@@ -17,7 +17,8 @@ constexpr uint64_t kMaxOutputLen = 137438953440ULL;
 // (2^64 - 1) / 128: above this, 128 * r * N cannot be represented.
 constexpr uint64_t kMaxEntries = 144115188075855871ULL;
 
-// A 64-byte-aligned work area, wiped before release once it has held secrets.
+// A 64-byte-aligned work area, wiped before release once it has held secrets. Release keeps
+// errno, which carries the last allocation's result to the caller.
 class WorkArea {
  public:
   WorkArea() = default;
@@ -25,8 +26,10 @@ class WorkArea {
   WorkArea& operator=(const WorkArea&) = delete;
   ~WorkArea() {
     if (ptr_ == nullptr) return;
+    const int saved_errno = errno;
     if (dirty_) OPENSSL_cleanse(ptr_, size_);
     free(ptr_);
+    errno = saved_errno;
   }
 
   // Returns posix_memalign's result code.
@@ -121,6 +124,6 @@ int km_crypto_scrypt_with(const km_scrypt_backend* backend, const uint8_t* passw
 int crypto_scrypt(const uint8_t* password, size_t password_len, const uint8_t* salt,
                   size_t salt_len, uint64_t N, uint32_t r, uint32_t p, uint8_t* out,
                   size_t out_len) {
-  return km_crypto_scrypt_with(nullptr, password, password_len, salt,
-                               salt_len, N, r, p, out, out_len);
+  return km_crypto_scrypt_with(nullptr, password, password_len, salt, salt_len, N, r, p, out,
+                               out_len);
 }

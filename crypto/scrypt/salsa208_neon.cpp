@@ -69,8 +69,8 @@ inline __attribute__((always_inline)) uint64_t blockmix_salsa8(const uint32_t* i
     __builtin_prefetch(v + last);
     for (size_t i = 0; i < last; i += 16) __builtin_prefetch(v + i);
   }
-  uint32x4_t a = vld1q_u32(in + last), b = vld1q_u32(in + last + 4),
-             c = vld1q_u32(in + last + 8), d = vld1q_u32(in + last + 12);
+  uint32x4_t a = vld1q_u32(in + last), b = vld1q_u32(in + last + 4), c = vld1q_u32(in + last + 8),
+             d = vld1q_u32(in + last + 12);
   if (kXor) {
     a = veorq_u32(a, vld1q_u32(v + last));
     b = veorq_u32(b, vld1q_u32(v + last + 4));

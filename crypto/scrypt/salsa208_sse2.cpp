@@ -17,36 +17,36 @@ namespace {
 // One column round and one row round on the diagonal layout
 // a = (x0, x5, x10, x15), b = (x4, x9, x14, x3), c = (x8, x13, x2, x7), d = (x12, x1, x6, x11).
 // Between the halves b, c and d are turned so that the row round reuses the same code shape.
-#define KM_DOUBLE_ROUND(a, b, c, d)                                 \
-  do {                                                              \
-    __m128i t;                                                      \
-    t = _mm_add_epi32(a, d);                                        \
-    KM_XOR_ROTL(b, t, 7);                                           \
-    t = _mm_add_epi32(b, a);                                        \
-    KM_XOR_ROTL(c, t, 9);                                           \
-    t = _mm_add_epi32(c, b);                                        \
-    KM_XOR_ROTL(d, t, 13);                                          \
-    t = _mm_add_epi32(d, c);                                        \
-    KM_XOR_ROTL(a, t, 18);                                          \
-    b = _mm_shuffle_epi32(b, 0x93);                                 \
-    c = _mm_shuffle_epi32(c, 0x4e);                                 \
-    d = _mm_shuffle_epi32(d, 0x39);                                 \
-    t = _mm_add_epi32(a, b);                                        \
-    KM_XOR_ROTL(d, t, 7);                                           \
-    t = _mm_add_epi32(d, a);                                        \
-    KM_XOR_ROTL(c, t, 9);                                           \
-    t = _mm_add_epi32(c, d);                                        \
-    KM_XOR_ROTL(b, t, 13);                                          \
-    t = _mm_add_epi32(b, c);                                        \
-    KM_XOR_ROTL(a, t, 18);                                          \
-    b = _mm_shuffle_epi32(b, 0x39);                                 \
-    c = _mm_shuffle_epi32(c, 0x4e);                                 \
-    d = _mm_shuffle_epi32(d, 0x93);                                 \
+#define KM_DOUBLE_ROUND(a, b, c, d) \
+  do {                              \
+    __m128i t;                      \
+    t = _mm_add_epi32(a, d);        \
+    KM_XOR_ROTL(b, t, 7);           \
+    t = _mm_add_epi32(b, a);        \
+    KM_XOR_ROTL(c, t, 9);           \
+    t = _mm_add_epi32(c, b);        \
+    KM_XOR_ROTL(d, t, 13);          \
+    t = _mm_add_epi32(d, c);        \
+    KM_XOR_ROTL(a, t, 18);          \
+    b = _mm_shuffle_epi32(b, 0x93); \
+    c = _mm_shuffle_epi32(c, 0x4e); \
+    d = _mm_shuffle_epi32(d, 0x39); \
+    t = _mm_add_epi32(a, b);        \
+    KM_XOR_ROTL(d, t, 7);           \
+    t = _mm_add_epi32(d, a);        \
+    KM_XOR_ROTL(c, t, 9);           \
+    t = _mm_add_epi32(c, d);        \
+    KM_XOR_ROTL(b, t, 13);          \
+    t = _mm_add_epi32(b, c);        \
+    KM_XOR_ROTL(a, t, 18);          \
+    b = _mm_shuffle_epi32(b, 0x39); \
+    c = _mm_shuffle_epi32(c, 0x4e); \
+    d = _mm_shuffle_epi32(d, 0x93); \
   } while (0)
 
 // The Salsa20/8 core on one block held in a..d, input added back.
-inline __attribute__((always_inline)) void salsa20_8_intrinsic(__m128i& a, __m128i& b,
-                                                               __m128i& c, __m128i& d) {
+inline __attribute__((always_inline)) void salsa20_8_intrinsic(__m128i& a, __m128i& b, __m128i& c,
+                                                               __m128i& d) {
   const __m128i a0 = a, b0 = b, c0 = c, d0 = d;
   KM_DOUBLE_ROUND(a, b, c, d);
   KM_DOUBLE_ROUND(a, b, c, d);
@@ -61,9 +61,8 @@ inline __attribute__((always_inline)) void salsa20_8_intrinsic(__m128i& a, __m12
 // out = BlockMix(in XOR v) over 2r 64-byte blocks in diagonal layout (v only when kXor). Each
 // result goes straight to its place in `out`; returns Integerify of the last one.
 template <bool kXor>
-inline __attribute__((always_inline)) uint64_t blockmix_salsa8(const __m128i* in,
-                                                               const __m128i* v, __m128i* out,
-                                                               size_t r) {
+inline __attribute__((always_inline)) uint64_t blockmix_salsa8(const __m128i* in, const __m128i* v,
+                                                               __m128i* out, size_t r) {
   const size_t last = (2 * r - 1) * 4;
   if (kXor) {
     // The table entry is a random, cold line set: ask for all of it now, last block first.
