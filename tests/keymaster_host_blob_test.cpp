@@ -42,8 +42,7 @@ TEST_F(KeymasterHostBlobTest, UpgradeBindsAKeyWithoutOsBinding) {
   EXPECT_EQ(enforced.GetTagValue(hw::TAG_OS_VERSION).value(), tavikm_host::KeymasterOsVersion());
   EXPECT_EQ(enforced.GetTagValue(hw::TAG_OS_PATCHLEVEL).value(),
             tavikm_host::KeymasterOsPatchlevel());
-  EXPECT_EQ(GcmRun(*km, hw::KeyPurpose::ENCRYPT, upgraded.blob, nonce, plain).error,
-            ErrorCode::OK);
+  EXPECT_EQ(GcmRun(*km, hw::KeyPurpose::ENCRYPT, upgraded.blob, nonce, plain).error, ErrorCode::OK);
 }
 
 }  // namespace
