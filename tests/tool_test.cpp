@@ -368,27 +368,37 @@ TEST_F(ToolTest, ABadRecordIsShownByInspectAndRefusedByUnlock) {
 }
 
 TEST_F(ToolTest, PasswdRewrapsTheSameKeyUnderTheNewPassword) {
-  for (bool cbc : {false, true}) {
-    SCOPED_TRACE(cbc ? "CBC-only" : "GCM");
-    props_ = cbc ? std::vector<std::string>{kCbcOnly} : std::vector<std::string>{};
-    std::string loc = device_.Path(cbc ? "cbc" : "gcm");
-    Result setup = Setup(loc, "old", {"--kdf", "1"});
-    ASSERT_EQ(setup.status, 0);
+  struct Case {
+    std::string kdf;
+    std::vector<std::string> props;
+    std::string loc;
+  };
+  const std::vector<Case> cases = {
+      {"1", {}, device_.Path("gcm")},
+      {"1", {kCbcOnly}, device_.Path("cbc")},
+      {"4", {kMdfpp, kCbcOnly, kRekKek}, "rek"},
+      {"5", {}, device_.Path("bound")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("kdf " + c.kdf + " at " + c.loc);
+    props_ = c.props;
+    Result setup = Setup(c.loc, "old", {"--kdf", c.kdf});
+    ASSERT_EQ(setup.status, 0) << setup.err;
     km_meta before;
-    memcpy(&before, ReadFile(loc).data(), sizeof(before));
+    memcpy(&before, Stored(c.loc).data(), sizeof(before));
 
     // Both passwords from standard input, one line each.
     Result passwd =
-        Tool({"passwd", loc, "--password-file", "-", "--new-password-file", "-"}, "old\nnew\n");
+        Tool({"passwd", c.loc, "--password-file", "-", "--new-password-file", "-"}, "old\nnew\n");
     ASSERT_EQ(passwd.status, 0) << passwd.err;
     km_meta after;
-    memcpy(&after, ReadFile(loc).data(), sizeof(after));
+    memcpy(&after, Stored(c.loc).data(), sizeof(after));
     EXPECT_NE(memcmp(after.salt, before.salt, sizeof(after.salt)), 0) << "no new salt";
 
-    Result unlock = Unlock(loc, "new");
+    Result unlock = Unlock(c.loc, "new");
     ASSERT_EQ(unlock.status, 0) << unlock.err;
     EXPECT_EQ(FingerprintIn(unlock.out), FingerprintIn(setup.out));
-    EXPECT_EQ(Unlock(loc, "old").status, 2);
+    EXPECT_EQ(Unlock(c.loc, "old").status, 2);
   }
 }
 
