@@ -42,8 +42,42 @@ bench:
 	build/bench/bench/scrypt_bench
 	build/bench/bench/e2e_bench
 
+.PHONY: openssl-test fuzz fuzz-ci fuzz-seeds valgrind-test
+
+# The library and its tests against the system OpenSSL 3 instead of BoringSSL.
+openssl-test:
+	@scripts/install-deps --openssl
+	cmake --preset openssl
+	cmake --build --preset openssl -j $(JOBS)
+	ctest --preset openssl -j $(JOBS)
+
+# Every fuzz target for FUZZ_SECONDS over its seeds (fuzz/corpus/); any finding fails.
+FUZZ_SECONDS ?= 60
+fuzz:
+	@scripts/install-deps --fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz -j $(JOBS)
+	scripts/run-fuzzers build/fuzz $(FUZZ_SECONDS) $(JOBS)
+
+fuzz-ci:
+	$(MAKE) fuzz FUZZ_SECONDS=60
+
+# Rewrites the seed corpora from records and keys the library and the host Keymaster make.
+fuzz-seeds:
+	@scripts/install-deps --fuzz
+	cmake --preset fuzz
+	cmake --build --preset fuzz -j $(JOBS)
+	build/fuzz/fuzz/make_fuzz_seeds fuzz/corpus
+
+# The unit and integration tests under valgrind memcheck; any error or leak fails.
+valgrind-test:
+	@scripts/install-deps --valgrind
+	cmake --preset valgrind
+	cmake --build --preset valgrind -j $(JOBS)
+	ctest --preset valgrind -j $(JOBS)
+
 # Everything CI runs.
-ci: test asan-test slow-test aarch64-test
+ci: test asan-test slow-test aarch64-test openssl-test valgrind-test fuzz-ci
 
 clean:
 	rm -rf build
