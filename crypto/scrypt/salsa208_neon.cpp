@@ -4,9 +4,9 @@
 #if defined(__aarch64__)
 
 #include <arm_neon.h>
-#include <string.h>
 
 #include "crypto/scrypt/backends.h"
+#include "crypto/scrypt/diagonal.h"
 
 namespace {
 
@@ -103,26 +103,13 @@ inline __attribute__((always_inline)) uint64_t blockmix_salsa8(const uint32_t* i
   return vgetq_lane_u32(a, 0) | static_cast<uint64_t>(vgetq_lane_u32(d, 1)) << 32;
 }
 
-// Position i of a block in diagonal layout holds word 5i mod 16 of the block.
-void ToDiagonal(const uint8_t* in, uint32_t* out, size_t blocks) {
-  for (size_t b = 0; b < blocks; b++) {
-    for (size_t i = 0; i < 16; i++) memcpy(&out[16 * b + i], in + 64 * b + 4 * (5 * i % 16), 4);
-  }
-}
-
-void FromDiagonal(const uint32_t* in, uint8_t* out, size_t blocks) {
-  for (size_t b = 0; b < blocks; b++) {
-    for (size_t i = 0; i < 16; i++) memcpy(out + 64 * b + 4 * (5 * i % 16), &in[16 * b + i], 4);
-  }
-}
-
 void Smix(uint8_t* B, size_t r, uint64_t N, void* v_area, void* xy_area) {
   const size_t words = 32 * r;  // one 128 * r-byte entry
   uint32_t* V = static_cast<uint32_t*>(v_area);
   uint32_t* X = static_cast<uint32_t*>(xy_area);
   uint32_t* Y = X + words;
 
-  ToDiagonal(B, V, 2 * r);
+  km_to_diagonal(B, V, 2 * r);
   uint64_t k = 0;
   for (uint64_t j = 0; j < N; j += 2) {
     uint32_t* vj = V + j * words;
@@ -133,7 +120,7 @@ void Smix(uint8_t* B, size_t r, uint64_t N, void* v_area, void* xy_area) {
     k = blockmix_salsa8<true>(X, V + (k & (N - 1)) * words, Y, r);
     k = blockmix_salsa8<true>(Y, V + (k & (N - 1)) * words, X, r);
   }
-  FromDiagonal(X, B, 2 * r);
+  km_from_diagonal(X, B, 2 * r);
 }
 
 bool Always() { return true; }
