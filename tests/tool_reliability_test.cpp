@@ -365,13 +365,13 @@ TEST_F(ToolReliabilityTest, SetupAtAnOffsetChangesOnlyItsOwnBytes) {
     std::string kdf;
     bool fits;  // false: it overlaps a record already there
   };
-  // Records go in one after the other: at 0, then 2704, 5408 and 13680 beside them.
+  // Records go in one after the other: at 0, then 2704, 5408, 8112, 13680 and 10976 between the
+  // last two.
   const std::vector<Case> cases = {
-      {1, "1", false},    {2703, "1", false},  {2704, "1", true}, {2705, "1", false},
-      {5408, "4", true},  {8111, "1", false},  {8112, "5", true}, {10815, "1", false},
-      {13680, "2", true}, {13000, "1", false},
+      {1, "1", false},    {2703, "1", false},  {2704, "1", true},  {2705, "1", false},
+      {5408, "4", true},  {8111, "1", false},  {8112, "5", true},  {10815, "1", false},
+      {13680, "2", true}, {13000, "1", false}, {10976, "1", true},
   };
-  std::vector<std::pair<uint64_t, std::string>> made = {{0, ""}};
   for (const Case& c : cases) {
     std::vector<uint8_t> before = ReadFile(MetadataFile());
     std::string offset = std::to_string(c.offset);

@@ -84,7 +84,7 @@ int64_t OverlappedRecord(const OpenedPlace& opened) {
   const Place& place = opened.place();
   if (place.secure_storage || !opened.file_exists()) return -1;
   uint64_t first = place.offset >= KM_META_SIZE ? place.offset - (KM_META_SIZE - 1) : 0;
-  uint64_t end = place.offset + KM_META_SIZE + sizeof(uint32_t) - 1 + (KM_META_SIZE - 1);
+  uint64_t end = place.offset + (KM_META_SIZE - 1) + sizeof(uint32_t);
   std::vector<uint8_t> bytes(end - first);
   ssize_t n = pread(opened.fd(), bytes.data(), bytes.size(), static_cast<off_t>(first));
   if (n < 0) throw ToolError(kExitFailure, "cannot read " + place.loc + ": " + strerror(errno));
