@@ -250,6 +250,40 @@ TEST_F(KmstoreModuleTest, AWriteInterruptedBeforeTheRenameLeavesTheOldImage) {
   EXPECT_EQ(data.substr(0, stored), "new image");
 }
 
+TEST_F(KmstoreModuleTest, OfTwoWritersCreatingOneEntryOnlyOneSucceeds) {
+  // The second writer creates the entry while the first is between its temporary file and the
+  // link: the first must fail rather than replace an entry it believes it created.
+  bool inside = false;
+  tavikm_host::SetKmstoreBeforeRenameHook([&](const std::string& name) {
+    if (inside) return true;
+    inside = true;
+    EXPECT_EQ(Write(name, "second"), 0);
+    return true;
+  });
+  EXPECT_EQ(Write("entry", "first"), -EEXIST);
+  tavikm_host::SetKmstoreBeforeRenameHook({});
+  std::string data;
+  uint64_t stored = 0;
+  EXPECT_EQ(Read("entry", 64, &data, &stored), 0);
+  EXPECT_EQ(data.substr(0, stored), "second");
+  EXPECT_EQ(Files(), std::set<std::string>{tavikm_host::KmstoreEntryFileName("entry")});
+}
+
+TEST_F(KmstoreModuleTest, OnlyRegularFilesAreReadAsEntriesOrProperties) {
+  // A FIFO would block an ordinary open and read for ever.
+  ASSERT_EQ(Write("probe", "x"), 0);
+  ASSERT_EQ(mkfifo(device_.Path("kmstore/e-fifo").c_str(), 0600), 0);
+  ASSERT_EQ(mkdir(device_.Path("kmstore/e-dir").c_str(), 0700), 0);
+  std::string data;
+  uint64_t stored = 0;
+  EXPECT_EQ(Read("fifo", 64, &data, &stored), -EINVAL);
+  EXPECT_EQ(Read("dir", 64, &data, &stored), -EINVAL);
+
+  ASSERT_EQ(mkfifo(device_.Path("build.prop").c_str(), 0600), 0);
+  tavikm_host::ResetProperties();
+  EXPECT_EQ(Get("ro.any", "def"), "def");
+}
+
 TEST_F(KmstoreModuleTest, EntriesFollowTheCurrentDeviceDirectory) {
   ASSERT_EQ(Write("entry", "first device"), 0);
   TempDeviceDir other;

@@ -553,8 +553,8 @@ TEST_F(ToolTest, SetupKeepsExistingRecordsUnlessForced) {
   EXPECT_EQ(again.status, 4);
   EXPECT_EQ(again.err,
             "tavikm: " + MetadataFile() + " at offset 0 already holds data; --force replaces it\n");
-  // A record at another offset would pass through offset 0 on the way.
-  EXPECT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1", "--offset", "8192"}).status, 4);
+  // Nor does --force let a record overlap another one.
+  EXPECT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1", "--offset", "100", "--force"}).status, 4);
   EXPECT_EQ(ReadFile(MetadataFile()), before);
 
   Result forced = Setup(MetadataFile(), "pw", {"--kdf", "1", "--force"});

@@ -1,12 +1,15 @@
 // The built-in secure-storage module: class "tavikm", device "kmstore", one file per entry in
 // the device directory's kmstore/ folder. Writes are atomic (temporary file, fsync, rename,
-// fsync of the folder), so an entry always holds either its old or its new image.
+// fsync of the folder), so an entry always holds either its old or its new image; a write that
+// creates an entry links the temporary file to the entry's name, which fails when another writer
+// created it meanwhile, so two writers never both create one entry.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -65,13 +68,18 @@ int KmstoreRead(const char* name, uint8_t* buffer, uint64_t* size) {
   if (!name || !size || (!buffer && *size)) return -EINVAL;
   std::string path = EntryPath(name, nullptr);
   if (path.empty()) return -EIO;
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Without O_NONBLOCK a FIFO put in the folder would block the read forever.
+  int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return errno == ENOENT ? 1 : -errno;
   struct stat st;
   if (fstat(fd, &st) != 0) {
     int err = errno;
     close(fd);
     return -err;
+  }
+  if (!S_ISREG(st.st_mode)) {
+    close(fd);
+    return -EINVAL;
   }
   uint64_t stored = static_cast<uint64_t>(st.st_size);
   uint64_t want = stored < *size ? stored : *size;
@@ -96,8 +104,15 @@ int KmstoreWrite(const char* name, const uint8_t* buffer, uint64_t length) {
   std::string path = EntryPath(name, &dir);
   if (path.empty()) return -EIO;
   std::string file = tavikm_host::KmstoreEntryFileName(name);
-  // Entry file names never start with '.', so a temporary file cannot shadow an entry.
-  std::string tmp = dir + "/.tmp-" + std::to_string(getpid()) + "-" + file;
+  // Entry file names never start with '.', so a temporary file cannot shadow an entry; the
+  // counter keeps two writes of one process (two threads) apart.
+  static std::atomic<unsigned> counter{0};
+  std::string tmp =
+      dir + "/.tmp-" + std::to_string(getpid()) + "-" + std::to_string(++counter) + "-" + file;
+  // Whether this write creates the entry is decided now: an entry that appears meanwhile was
+  // created by another writer, and is not replaced.
+  struct stat st;
+  bool creates = lstat(path.c_str(), &st) != 0;
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return -errno;
   bool ok = WriteAll(fd, buffer, length) && fsync(fd) == 0;
@@ -110,10 +125,14 @@ int KmstoreWrite(const char* name, const uint8_t* buffer, uint64_t length) {
     }
     if (hook && !hook(name)) ok = false;
   }
-  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
+  if (!ok) {
     unlink(tmp.c_str());
     return -EIO;
   }
+  int rc = creates ? link(tmp.c_str(), path.c_str()) : rename(tmp.c_str(), path.c_str());
+  int err = errno;
+  unlink(tmp.c_str());  // after a link, the entry keeps its own name for the data
+  if (rc != 0) return creates && err == EEXIST ? -EEXIST : -EIO;
   SyncDir(dir);
   return 0;
 }

@@ -1,11 +1,15 @@
 // System properties: build.prop of the device directory, loaded once, plus property_set.
 #include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 
 #include <cutils/properties.h>
@@ -35,7 +39,19 @@ std::map<std::string, std::string> LoadBuildProp() {
   } catch (const std::exception&) {
     return props;
   }
-  std::ifstream in(path);
+  // Only a regular file: a FIFO or a device in its place would block or never end.
+  int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return props;
+  struct stat st;
+  bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  std::string text;
+  char buffer[4096];
+  ssize_t n = 0;
+  while (regular && ((n = read(fd, buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR))) {
+    if (n > 0) text.append(buffer, static_cast<size_t>(n));
+  }
+  close(fd);
+  std::istringstream in(text);
   std::string line;
   while (std::getline(in, line)) {
     if (!line.empty() && line.back() == '\r') line.pop_back();

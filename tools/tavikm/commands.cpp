@@ -15,6 +15,8 @@
 #include "operations.h"
 #include "password.h"
 #include "place.h"
+#include "record_checks.h"
+#include "record_store.h"
 #include "record_view.h"
 #include "tavikm.h"
 
@@ -146,11 +148,12 @@ int RunSetup(const std::vector<std::string>& args) {
           "  --kdf K        1 PBKDF2, 2 scrypt, 4 PBKDF2 with REK, 5 scrypt bound to Keymaster;\n"
           "                 default lets the library choose (4 in MDFPP mode, else 5 or 2)\n"
           "  --keysize B    master key length in bytes, 16 or 32 (default 32)\n"
-          "  --offset N     for a metadata file: the library always creates the record at offset\n"
-          "                 0, so it is then stored again at N and the copy at 0 is zeroed;\n"
-          "                 both places must be free\n"
+          "  --offset N     for a metadata file: where the record goes; no byte outside it\n"
+          "                 changes, and it may not overlap another record\n"
           "  --show-key     also print the master key itself\n"
-          "  --force        replace whatever the record's place holds (the old key is lost)\n" +
+          "  --force        replace whatever the record's place holds (the old key is lost)\n"
+          "  --allow-cost   derive even when the record asks for scrypt beyond\n"
+          "                 N·r·p·128 = 1 GiB\n" +
           kPasswordHelp);
   std::optional<std::string> kdf, keysize, offset, password_file;
   bool show_key = false, force = false;
@@ -160,7 +163,10 @@ int RunSetup(const std::vector<std::string>& args) {
   parser.Value("--password-file", &password_file);
   parser.Flag("--show-key", &show_key);
   parser.Flag("--force", &force);
+  bool allow_cost = false;
+  parser.Flag("--allow-cost", &allow_cost);
   if (!parser.Parse(args, 1, 1)) return kExitOk;
+  AllowAnyCost(allow_cost);
   uint32_t kdf_type = ParseKdf(kdf);
   uint64_t size = ParseKeysize(keysize);
   Place place = ResolvePlace(parser.positional()[0], offset);
@@ -185,7 +191,9 @@ int RunUnlock(const std::vector<std::string>& args) {
           kPlaceHelp +
           "\n"
           "  --offset N     where the record lies in a metadata file (default 0)\n"
-          "  --show-key     also print the master key itself\n" +
+          "  --show-key     also print the master key itself\n"
+          "  --allow-cost   derive even when the record asks for scrypt beyond\n"
+          "                 N·r·p·128 = 1 GiB\n" +
           kPasswordHelp +
           "\nExit status 2 means a wrong password. A key that opens only under the all-zero key\n"
           "(whatever the password) is reported with a warning and exit status 4.\n");
@@ -194,7 +202,10 @@ int RunUnlock(const std::vector<std::string>& args) {
   parser.Value("--offset", &offset);
   parser.Value("--password-file", &password_file);
   parser.Flag("--show-key", &show_key);
+  bool allow_cost = false;
+  parser.Flag("--allow-cost", &allow_cost);
   if (!parser.Parse(args, 1, 1)) return kExitOk;
+  AllowAnyCost(allow_cost);
   Place place = ResolvePlace(parser.positional()[0], offset);
   Password password = ReadPassword(password_file, "Password for " + place.loc + ": ");
   UnlockResult result = Unlock(place, password);
@@ -222,7 +233,9 @@ int RunPasswd(const std::vector<std::string>& args) {
                   "only when that succeeded; on any failure the old record stays as it was.\n\n") +
           kPlaceHelp +
           "\n"
-          "  --offset N                where the record lies in a metadata file (default 0)\n" +
+          "  --offset N                where the record lies in a metadata file (default 0)\n"
+          "  --allow-cost              derive even when the record asks for scrypt beyond\n"
+          "                            N·r·p·128 = 1 GiB\n" +
           kPasswordHelp +
           "  --new-password-file FILE  read the new password from FILE (- for standard input:\n"
           "                            the line after the old password when both are -)\n");
@@ -230,7 +243,10 @@ int RunPasswd(const std::vector<std::string>& args) {
   parser.Value("--offset", &offset);
   parser.Value("--password-file", &password_file);
   parser.Value("--new-password-file", &new_password_file);
+  bool allow_cost = false;
+  parser.Flag("--allow-cost", &allow_cost);
   if (!parser.Parse(args, 1, 1)) return kExitOk;
+  AllowAnyCost(allow_cost);
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
   Password old_password = ReadPassword(password_file, "Old password for " + place.loc + ": ");
@@ -268,6 +284,7 @@ int RunInspect(const std::vector<std::string>& args) {
     throw UsageError("give either KEY_LOC or --file PATH");
   }
   Place place = ResolvePlace(file ? *file : parser.positional()[0], offset, file.has_value());
+  OpenedPlace opened(place);  // shows the record as an interrupted change left it to stand
   RawRecord raw = ReadRaw(place);
   if (!raw.found) {
     throw ToolError(kExitNotFound, place.secure_storage
@@ -316,6 +333,7 @@ int RunKek(const std::vector<std::string>& args) {
     parser.Flag("--show-key", &show_key);
     parser.Flag("--force", &force);
     if (!parser.Parse(rest, 1, 1)) return kExitOk;
+    CheckKeyLocation(parser.positional()[0]);
     if (hex.has_value() + key_file.has_value() + random != 1) {
       throw UsageError("give exactly one of --hex, --key-file and --random");
     }

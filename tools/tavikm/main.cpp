@@ -9,14 +9,17 @@
 
 #include "cli.h"
 #include "commands.h"
+#include "lock.h"
 #include "log_sink.h"
+#include "secure_memory.h"
 #include "tavikm_host/device.h"
 
 namespace {
 
 using namespace tavikm_tool;
 
-const char kUsage[] = "usage: tavikm [--device-dir DIR] [--prop KEY=VALUE]... [-v] COMMAND ...";
+const char kUsage[] =
+    "usage: tavikm [--device-dir DIR] [--prop KEY=VALUE]... [--wait SECONDS] [-v] COMMAND ...";
 
 const char kHelp[] =
     "Key management for storage encryption, on the host platform's emulated device.\n"
@@ -35,6 +38,8 @@ const char kHelp[] =
     "                     $XDG_STATE_HOME/tavikm/device, else ~/.local/state/tavikm/device)\n"
     "  --prop KEY=VALUE   set a system property for this run (repeatable), e.g.\n"
     "                     ro.product.tavi.support_mdfpp=true, ro.crypto.scrypt_params=12:3:1\n"
+    "  --wait SECONDS     how long to wait for another command using the same record\n"
+    "                     (default 10), then give up with \"... is busy\"\n"
     "  -v                 library log lines to stderr instead of log.txt in the device directory\n"
     "\n"
     "Exit status: 0 success, 1 usage, 2 wrong password, 3 not found, 4 other failure.\n";
@@ -65,6 +70,9 @@ int Run(const std::vector<std::string>& args) {
       if (value.empty()) throw UsageError("--device-dir needs a directory");
       device_dir = value;
       globals.device_dir_given = true;
+    } else if (TakeValue(args, &i, "--wait", &value)) {
+      uint64_t seconds = ParseUnsigned(value, "--wait");
+      SetLockWait(seconds > 3600 ? 3600 : static_cast<unsigned>(seconds));
     } else if (TakeValue(args, &i, "--prop", &value)) {
       globals.props.push_back(value);
     } else if (args[i] == "-v" || args[i] == "--verbose") {
@@ -105,6 +113,7 @@ int Run(const std::vector<std::string>& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  HardenProcess();
   std::vector<std::string> args(argv + 1, argv + argc);
   try {
     return Run(args);

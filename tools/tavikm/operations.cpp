@@ -1,11 +1,19 @@
 // The tool's use of the library: setup, unlock, password change and the KEK store.
 #include "operations.h"
 
+#include <errno.h>
+#include <openssl/crypto.h>
 #include <stdio.h>
 #include <string.h>
+#include <unistd.h>
+
+#include <vector>
 
 #include "cli.h"
+#include "library_stores.h"
 #include "log_sink.h"
+#include "record_checks.h"
+#include "record_store.h"
 
 namespace tavikm_tool {
 namespace {
@@ -57,13 +65,7 @@ size_t KeyLength(const km_meta& meta) {
   return static_cast<size_t>(meta.keysize);
 }
 
-void Store(const Place& place, const km_meta& meta, const std::string& what) {
-  if (km_put_km_meta(place.loc.c_str(), static_cast<int64_t>(place.offset), &meta) != 0) {
-    throw ToolError(kExitFailure, "cannot store " + what + " at " + place.Describe() + LogHint());
-  }
-}
-
-// Non-zero bytes where a new record would be written, described for the refusal.
+// What a new record would replace at the place, described for the refusal; "" when free.
 std::string Occupied(const Place& place) {
   RawRecord raw = ReadRaw(place);
   if (place.secure_storage) {
@@ -74,6 +76,24 @@ std::string Occupied(const Place& place) {
     return place.loc + " is not a metadata file (" + std::to_string(raw.file_size) + " bytes)";
   }
   return raw.Empty() ? "" : place.Describe() + " already holds data";
+}
+
+// A record beside the new one whose bytes it would overwrite: the magic at any other offset
+// within 2704 bytes either side. Returns its offset, or -1.
+int64_t OverlappedRecord(const OpenedPlace& opened) {
+  const Place& place = opened.place();
+  if (place.secure_storage || !opened.file_exists()) return -1;
+  uint64_t first = place.offset >= KM_META_SIZE ? place.offset - (KM_META_SIZE - 1) : 0;
+  uint64_t end = place.offset + (KM_META_SIZE - 1) + sizeof(uint32_t);
+  std::vector<uint8_t> bytes(end - first);
+  ssize_t n = pread(opened.fd(), bytes.data(), bytes.size(), static_cast<off_t>(first));
+  if (n < 0) throw ToolError(kExitFailure, "cannot read " + place.loc + ": " + strerror(errno));
+  const uint32_t magic = KM_META_MAGIC;
+  for (size_t i = 0; i + sizeof(magic) <= static_cast<size_t>(n); ++i) {
+    if (first + i == place.offset || memcmp(bytes.data() + i, &magic, sizeof(magic)) != 0) continue;
+    return static_cast<int64_t>(first + i);
+  }
+  return -1;
 }
 
 }  // namespace
@@ -101,41 +121,63 @@ SetupResult Setup(const Place& place, const Password& password, uint64_t keysize
     throw UsageError("a keysize of " + std::to_string(keysize) + " bytes is not possible");
   }
   CheckRoom(place);
+  OpenedPlace opened(place);
+  // Checked under the lock: a place another command filled meanwhile is refused.
   if (!force) {
     std::string occupied = Occupied(place);
-    if (occupied.empty() && !place.secure_storage && place.offset != 0) {
-      Place first = place;
-      first.offset = 0;
-      occupied = Occupied(first);
-    }
     if (!occupied.empty()) throw ToolError(kExitFailure, occupied + "; --force replaces it");
   }
-  SetupResult result;
-  int rc = km_initial_setup(place.loc.c_str(), password.c_str(), password.size(),
-                            result.master_key.data(), keysize, kdf_type, &result.meta);
-  if (rc != 0) {
-    throw ToolError(kExitFailure, "cannot set up " + place.Describe() + " (km_initial_setup " +
-                                      std::to_string(rc) + ")" + LogHint());
+  if (int64_t other = OverlappedRecord(opened); other >= 0) {
+    throw ToolError(kExitFailure, "a record at offset " + std::to_string(place.offset) + " of " +
+                                      place.loc + " would overlap the record at offset " +
+                                      std::to_string(other));
   }
-  result.master_key.set_size(static_cast<size_t>(keysize));
-  if (!place.secure_storage && place.offset != 0) {
-    Store(place, result.meta, "the new record");
-    // The copy km_initial_setup left at offset 0 would keep opening with this password after
-    // a later password change; only the record at the offset may remain.
-    if (km_delete_meta(place.loc.c_str(), 0) != 0) {
-      throw ToolError(kExitFailure, "cannot clear offset 0 of " + place.loc + LogHint());
+  // The steps of km_initial_setup without its store at offset 0: the record is stored once,
+  // at its own place, by StoreRecord.
+  SetupResult result;
+  std::string failed = "cannot set up " + place.Describe();
+  int rc = km_init_km_meta(&result.meta, place.loc.c_str(), keysize, kdf_type);
+  if (rc != 0) {
+    throw ToolError(kExitFailure,
+                    failed + " (km_init_km_meta " + std::to_string(rc) + ")" + LogHint());
+  }
+  if (!CostAllowed(result.meta)) {
+    throw ToolError(kExitFailure, "ro.crypto.scrypt_params asks for scrypt with " +
+                                      ScryptCost(result.meta) +
+                                      ", beyond N·r·p·128 = 1 GiB; --allow-cost creates it anyway");
+  }
+  km_generate_drbg_bytes(nullptr, result.master_key.data(), static_cast<size_t>(keysize));
+  km_generate_drbg_bytes(nullptr, result.meta.salt, sizeof(result.meta.salt));
+  rc = km_encrypt_key(password.c_str(), password.size(), result.meta.salt, result.meta.master_key,
+                      result.master_key.data(), &result.meta);
+  if (rc != 0) {
+    throw ToolError(kExitFailure,
+                    failed + " (km_encrypt_key " + std::to_string(rc) + ")" + LogHint());
+  }
+  if (CbcOnly()) {
+    rc = km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
+                                    password.size(), result.meta.key_mac, &result.meta);
+    if (rc != 0) {
+      throw ToolError(kExitFailure, failed + " (km_get_key_mac_by_password " + std::to_string(rc) +
+                                        ")" + LogHint());
     }
   }
+  result.master_key.set_size(static_cast<size_t>(keysize));
+  StoreRecord(opened, result.meta, "the new record");
   return result;
 }
 
-UnlockResult Unlock(const Place& place, const Password& password) {
+namespace {
+
+UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
+  const Place& place = opened.place();
   RawRecord raw = ReadRaw(place);
   if (raw.Empty()) throw NotFound(place, raw);
   UnlockResult result;
   int rc = km_get_km_meta(place.loc.c_str(), place.offset, &result.meta);
   if (rc == 1) throw NotFound(place, raw);
   if (rc != 0) throw UnreadableRecord(place, raw);
+  CheckCost(result.meta, place.Describe());
   if (place.secure_storage) {
     RawRecord now = ReadRaw(place);
     if (now.stored_length != raw.stored_length ||
@@ -152,15 +194,17 @@ UnlockResult Unlock(const Place& place, const Password& password) {
   // is found after it); a failed Keymaster upgrade may leave the key blob half-changed in memory.
   auto store_if_changed = [&] {
     if (memcmp(&before, &result.meta, sizeof(km_meta)) == 0) return;
-    Store(place, result.meta, "the record with its upgraded Keymaster key");
+    StoreRecord(opened, result.meta, "the record with its upgraded Keymaster key");
     result.stored_again = true;
   };
   ToolError wrong_password(kExitWrongPassword, "wrong password for " + place.loc);
 
   if (CbcOnly()) {
     uint8_t mac[32];
-    rc = km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
-                                    password.size(), mac, &result.meta);
+    rc = UndoLibraryStores(opened, result.meta, [&] {
+      return km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
+                                        password.size(), mac, &result.meta);
+    });
     if (rc != 0) {
       throw ToolError(kExitFailure,
                       "cannot check the password of " + place.loc + " (password MAC)" + LogHint());
@@ -171,8 +215,10 @@ UnlockResult Unlock(const Place& place, const Password& password) {
   }
 
   ForgetSeen();
-  rc = km_decrypt_key(password.c_str(), password.size(), result.meta.salt, result.meta.master_key,
-                      result.master_key.data(), &result.meta);
+  rc = UndoLibraryStores(opened, result.meta, [&] {
+    return km_decrypt_key(password.c_str(), password.size(), result.meta.salt,
+                          result.meta.master_key, result.master_key.data(), &result.meta);
+  });
   if (rc == 0 || rc == 9) {
     result.master_key.set_size(keysize);
     result.zero_key = rc == 9;
@@ -187,11 +233,19 @@ UnlockResult Unlock(const Place& place, const Password& password) {
                                     std::to_string(rc) + ")" + LogHint());
 }
 
+}  // namespace
+
+UnlockResult Unlock(const Place& place, const Password& password) {
+  OpenedPlace opened(place);
+  return UnlockOpened(opened, password);
+}
+
 PasswdResult ChangePassword(const Place& place, const Password& old_password,
                             const Password& new_password) {
   CheckRoom(place);
+  OpenedPlace opened(place);
   PasswdResult result;
-  result.unlocked = Unlock(place, old_password);
+  result.unlocked = UnlockOpened(opened, old_password);
   if (result.unlocked.zero_key) {
     throw ToolError(kExitFailure, place.loc +
                                       " opened only under the all-zero key, not under the "
@@ -207,40 +261,71 @@ PasswdResult ChangePassword(const Place& place, const Password& old_password,
   km_generate_drbg_bytes(nullptr, salt, sizeof(salt));
   uint8_t wrapped[sizeof(copy.master_key)] = {};
   std::string unchanged = "; the record is unchanged" + LogHint();
-  if (km_encrypt_key(new_password.c_str(), new_password.size(), salt, wrapped,
-                     result.unlocked.master_key.data(), &copy) != 0) {
+  if (UndoLibraryStores(opened, copy, [&] {
+        return km_encrypt_key(new_password.c_str(), new_password.size(), salt, wrapped,
+                              result.unlocked.master_key.data(), &copy);
+      }) != 0) {
     throw ToolError(kExitFailure, "cannot wrap the master key under the new password" + unchanged);
   }
   uint8_t mac[32];
   bool cbc = CbcOnly();
-  if (cbc && km_get_key_mac_by_password(wrapped, salt, new_password.c_str(), new_password.size(),
-                                        mac, &copy) != 0) {
+  if (cbc && UndoLibraryStores(opened, copy, [&] {
+               return km_get_key_mac_by_password(wrapped, salt, new_password.c_str(),
+                                                 new_password.size(), mac, &copy);
+             }) != 0) {
     throw ToolError(kExitFailure, "cannot make the new password MAC" + unchanged);
   }
   memcpy(copy.master_key, wrapped, keysize);
   memcpy(copy.salt, salt, sizeof(salt));
   if (cbc) memcpy(copy.key_mac, mac, sizeof(mac));
-  Store(place, copy, "the record under the new password");
+  StoreRecord(opened, copy, "the record under the new password");
   result.stored = copy;
   return result;
 }
 
+namespace {
+
+// The KEK commands replace and delete KEK records only, never a master-key record of the same
+// store.
+void RefuseMasterKeyRecord(const std::string& name, const RawRecord& raw, const std::string& verb) {
+  if (!IsMasterKeyRecord(raw)) return;
+  throw ToolError(kExitFailure, "the entry \"" + name +
+                                    "\" is a master-key record, not a KEK; kek " + verb +
+                                    " leaves it alone");
+}
+
+}  // namespace
+
 void PutKek(const std::string& name, const KeyBytes& kek, bool force) {
-  if (!force) {
-    Place place{true, name, 0};
-    if (ReadRaw(place).found) {
+  CheckKeyLocation(name);
+  Place place{true, name, 0};
+  OpenedPlace opened(place);
+  RawRecord raw = ReadRaw(place);
+  if (raw.found) {
+    if (!force) {
       throw ToolError(kExitFailure, "secure storage already holds an entry \"" + name +
                                         "\"; --force replaces it");
     }
+    RefuseMasterKeyRecord(name, raw, "put");
   }
   int rc = km_put_kek_enc_by_rek(name.c_str(), kek.data(), kek.size());
   if (rc != 0) {
     throw ToolError(kExitFailure, "cannot store the KEK \"" + name + "\" (km_put_kek_enc_by_rek " +
                                       std::to_string(rc) + ")" + LogHint());
   }
+  // Read back before anyone is told it was stored.
+  KeyBytes back;
+  uint64_t length = 0;
+  if (km_get_kek_enc_by_rek(name.c_str(), back.data(), &length) != 0 || length != kek.size() ||
+      CRYPTO_memcmp(back.data(), kek.data(), kek.size()) != 0) {
+    throw ToolError(kExitFailure,
+                    "the KEK \"" + name + "\" read back differs from what was stored" + LogHint());
+  }
 }
 
 KeyBytes GetKek(const std::string& name, bool* asked_twice) {
+  CheckKeyLocation(name);
+  OpenedPlace opened(Place{true, name, 0});
   KeyBytes kek;
   *asked_twice = false;
   for (int attempt = 0; attempt < 2; ++attempt) {
@@ -266,8 +351,12 @@ KeyBytes GetKek(const std::string& name, bool* asked_twice) {
 }
 
 void DeleteKek(const std::string& name) {
+  CheckKeyLocation(name);
   Place place{true, name, 0};
-  if (!ReadRaw(place).found) throw ToolError(kExitNotFound, "no KEK named \"" + name + "\"");
+  OpenedPlace opened(place);
+  RawRecord raw = ReadRaw(place);
+  if (!raw.found) throw ToolError(kExitNotFound, "no KEK named \"" + name + "\"");
+  RefuseMasterKeyRecord(name, raw, "delete");
   int rc = km_delete_kek_enc_by_rek(name.c_str());
   if (rc != 0) {
     throw ToolError(kExitFailure, "cannot delete the KEK \"" + name +

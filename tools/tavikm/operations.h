@@ -19,10 +19,10 @@ struct SetupResult {
   KeyBytes master_key;
 };
 
-// km_initial_setup for `place`. The library always stores at offset 0; for a file record at
-// another offset the record is then stored at that offset and the copy at 0 zeroed. Refuses to
+// A new record for `place`: the steps of km_initial_setup, with the one store at the place's own
+// offset (no byte outside the record's 2704 bytes changes). Under the place's lock it refuses to
 // replace an existing entry, a non-metadata file or non-zero bytes where the record would go
-// (at the offset and at 0) unless `force`.
+// unless `force`, and always a record that the new one would partly overlap.
 SetupResult Setup(const Place& place, const Password& password, uint64_t keysize, uint32_t kdf_type,
                   bool force);
 
@@ -54,7 +54,11 @@ struct PasswdResult {
 PasswdResult ChangePassword(const Place& place, const Password& old_password,
                             const Password& new_password);
 
-// The REK/KEK store. Put refuses to replace an existing entry unless `force`.
+// Every function here holds the place's lock (record_store.h) from its first read to its last
+// write, and checks the scrypt cost of a stored record before deriving (record_checks.h).
+
+// The REK/KEK store. Put refuses to replace an existing entry unless `force`; put and delete
+// never touch a master-key record.
 void PutKek(const std::string& name, const KeyBytes& kek, bool force);
 // A "0 with length 0" answer (the Keymaster key was upgraded) is asked again once; `asked_twice`
 // tells whether that happened.

@@ -11,6 +11,17 @@
 #include "log_sink.h"
 
 namespace tavikm_tool {
+namespace {
+
+std::string KindOf(mode_t mode) {
+  if (S_ISCHR(mode)) return "a character device";
+  if (S_ISFIFO(mode)) return "a FIFO";
+  if (S_ISSOCK(mode)) return "a socket";
+  if (S_ISDIR(mode)) return "a directory";
+  return "not a regular file";
+}
+
+}  // namespace
 
 std::string Place::Describe() const {
   if (secure_storage) return "secure-storage entry \"" + loc + "\"";
@@ -20,6 +31,7 @@ std::string Place::Describe() const {
 Place ResolvePlace(const std::string& loc, const std::optional<std::string>& offset,
                    bool force_file) {
   if (loc.empty()) throw UsageError("the key location is empty");
+  CheckKeyLocation(loc);
   Place place;
   place.loc = loc;
   place.secure_storage = !force_file && mdfpp_property_get(supportMdfpp) && loc[0] != '/';
@@ -33,6 +45,14 @@ Place ResolvePlace(const std::string& loc, const std::optional<std::string>& off
   return place;
 }
 
+void CheckKeyLocation(const std::string& loc) {
+  constexpr size_t kRoom = sizeof(km_meta::key_name);
+  if (loc.size() >= kRoom) {
+    throw UsageError("the key location is " + std::to_string(loc.size()) +
+                     " bytes long; a record holds at most " + std::to_string(kRoom - 1));
+  }
+}
+
 void CheckRoom(const Place& place) {
   if (place.secure_storage) return;
   // A regular metadata file is always cut to 16384 bytes, so a record must end within it.
@@ -43,6 +63,31 @@ void CheckRoom(const Place& place) {
                      " leaves no room for a record in a " + std::to_string(KM_METADATA_FILE_SIZE) +
                      "-byte metadata file");
   }
+}
+
+int OpenMetadataFile(const std::string& path, struct stat* st) {
+  int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    if (errno == ENOENT) return -1;
+    int err = errno;
+    // A socket cannot be opened at all; say what it is rather than "No such device".
+    if (stat(path.c_str(), st) == 0 && !S_ISREG(st->st_mode) && !S_ISBLK(st->st_mode)) {
+      throw ToolError(kExitFailure, path + " is " + KindOf(st->st_mode) +
+                                        ", not a metadata file (a regular file or a block device)");
+    }
+    throw ToolError(kExitFailure, "cannot open " + path + ": " + strerror(err));
+  }
+  if (fstat(fd, st) != 0) {
+    int err = errno;
+    close(fd);
+    throw ToolError(kExitFailure, "cannot read the status of " + path + ": " + strerror(err));
+  }
+  if (!S_ISREG(st->st_mode) && !S_ISBLK(st->st_mode)) {
+    close(fd);
+    throw ToolError(kExitFailure, path + " is " + KindOf(st->st_mode) +
+                                      ", not a metadata file (a regular file or a block device)");
+  }
+  return fd;
 }
 
 bool RawRecord::Empty() const {
@@ -75,17 +120,12 @@ RawRecord ReadRaw(const Place& place) {
     if (raw.found) raw.stored_length = length;
     return raw;
   }
-  int fd = open(place.loc.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    if (errno == ENOENT) return raw;
-    throw ToolError(kExitFailure, "cannot open " + place.loc + ": " + strerror(errno));
-  }
-  raw.found = true;
   struct stat st;
-  if (fstat(fd, &st) == 0) {
-    raw.regular_file = S_ISREG(st.st_mode);
-    raw.file_size = static_cast<uint64_t>(st.st_size);
-  }
+  int fd = OpenMetadataFile(place.loc, &st);
+  if (fd < 0) return raw;
+  raw.found = true;
+  raw.regular_file = S_ISREG(st.st_mode);
+  raw.file_size = static_cast<uint64_t>(st.st_size);
   while (raw.stored_length < KM_META_SIZE) {
     ssize_t n = pread(fd, buffer + raw.stored_length, KM_META_SIZE - raw.stored_length,
                       static_cast<off_t>(place.offset + raw.stored_length));

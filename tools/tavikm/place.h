@@ -5,6 +5,7 @@
 #define TAVIKM_TOOLS_PLACE_H_
 
 #include <stdint.h>
+#include <sys/stat.h>
 
 #include <optional>
 #include <string>
@@ -28,6 +29,10 @@ struct Place {
 Place ResolvePlace(const std::string& loc, const std::optional<std::string>& offset,
                    bool force_file = false);
 
+// A usage error for a key location or KEK name the record's 256-byte key_name cannot hold with
+// its terminating NUL (the library would copy it past the field).
+void CheckKeyLocation(const std::string& loc);
+
 // A usage error unless a record at the place fits: in a regular (or missing) metadata file it
 // must end within the file's 16384 bytes.
 void CheckRoom(const Place& place);
@@ -43,6 +48,11 @@ struct RawRecord {
   // No record there: no entry, no file, or only zeros at the offset (a deleted record).
   bool Empty() const;
 };
+
+// Opens `path` without blocking (a FIFO would otherwise hang the open) and refuses anything that
+// is not a regular file or a block device with one sentence (exit 4). Returns the descriptor, or
+// -1 when the file does not exist; `st` receives its status.
+int OpenMetadataFile(const std::string& path, struct stat* st);
 
 // Reads the stored bytes. Throws a failure when the place cannot be read at all.
 RawRecord ReadRaw(const Place& place);

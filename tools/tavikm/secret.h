@@ -1,5 +1,6 @@
-// Holders for the secrets the tool handles (passwords, master keys, KEKs): fixed storage that is
-// wiped when the holder goes away, so no copy is left behind by a reallocation.
+// Holders for the secrets the tool handles (passwords, master keys, KEKs): fixed storage on pages
+// kept out of core dumps (and locked where permitted), wiped when the holder goes away, so no
+// copy is left behind by a reallocation.
 #ifndef TAVIKM_TOOLS_SECRET_H_
 #define TAVIKM_TOOLS_SECRET_H_
 
@@ -8,15 +9,20 @@
 #include <stdint.h>
 #include <string.h>
 
+#include "secure_memory.h"
+
 namespace tavikm_tool {
 
 // Up to `Capacity` secret bytes with a used length.
 template <size_t Capacity>
 class Secret {
  public:
-  Secret() { memset(bytes_, 0, sizeof(bytes_)); }
-  ~Secret() { OPENSSL_cleanse(bytes_, sizeof(bytes_)); }
-  Secret(const Secret& other) : size_(other.size_) { memcpy(bytes_, other.bytes_, Capacity); }
+  Secret() : bytes_(static_cast<uint8_t*>(AllocateSecretMemory(Capacity))) {}
+  ~Secret() { FreeSecretMemory(bytes_, Capacity); }
+  Secret(const Secret& other) : Secret() {
+    memcpy(bytes_, other.bytes_, Capacity);
+    size_ = other.size_;
+  }
   Secret& operator=(const Secret& other) {
     memcpy(bytes_, other.bytes_, Capacity);
     size_ = other.size_;
@@ -36,7 +42,7 @@ class Secret {
   bool operator!=(const Secret& other) const { return !(*this == other); }
 
  private:
-  uint8_t bytes_[Capacity];
+  uint8_t* bytes_;
   size_t size_ = 0;
 };
 

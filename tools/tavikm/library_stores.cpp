@@ -1,0 +1,73 @@
+// Journaled undo of the stores the library makes by itself.
+#include "library_stores.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <memory>
+
+#include "cli.h"
+#include "journal.h"
+
+namespace tavikm_tool {
+namespace {
+
+bool ReadAt(int fd, km_meta* image) {
+  memset(image, 0, sizeof(*image));
+  ssize_t n = pread(fd, image, sizeof(*image), 0);
+  return n >= 0;
+}
+
+}  // namespace
+
+int UndoLibraryStores(const OpenedPlace& opened, const km_meta& meta,
+                      const std::function<int()>& call) {
+  // Only kdf 4 stores from inside the KDF; a name that the library would send to secure
+  // storage is an entry, replaced atomically under the lock the command holds.
+  std::string target(meta.key_name, strnlen(meta.key_name, sizeof(meta.key_name)));
+  if (meta.kdf_type != KM_KDF_PBKDF2_REK || target.empty()) return call();
+  if (target[0] != '/' && mdfpp_property_get(supportMdfpp)) return call();
+
+  struct stat st;
+  int fd = OpenMetadataFile(target, &st);
+  if (fd < 0) return call();  // the library would create it; nothing there to lose
+  close(fd);
+  // The file of another place needs its own lock and journal replay; the command's own file has
+  // had both.
+  std::unique_ptr<OpenedPlace> other;
+  struct stat own;
+  if (opened.place().secure_storage || !opened.file_exists() || fstat(opened.fd(), &own) != 0 ||
+      own.st_dev != st.st_dev || own.st_ino != st.st_ino) {
+    other = std::make_unique<OpenedPlace>(Place{false, target, 0});
+  }
+  char resolved[PATH_MAX];
+  if (!realpath(target.c_str(), resolved)) {
+    throw ToolError(kExitFailure, "cannot resolve " + target + ": " + strerror(errno));
+  }
+  int file = open(resolved, O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  if (file < 0) throw ToolError(kExitFailure, "cannot open " + target + ": " + strerror(errno));
+  km_meta before;
+  if (!ReadAt(file, &before)) {
+    close(file);
+    throw ToolError(kExitFailure, "cannot read " + target);
+  }
+  // The intended image is the old one: a crash inside the call gets the old bytes back.
+  WriteJournal(resolved, 0, before, before);
+  int rc = call();
+  km_meta after;
+  bool ok = ReadAt(file, &after);
+  if (ok && memcmp(&after, &before, sizeof(before)) != 0) {
+    ok = pwrite(file, &before, sizeof(before), 0) == static_cast<ssize_t>(sizeof(before)) &&
+         fsync(file) == 0;
+  }
+  close(file);
+  if (!ok) throw ToolError(kExitFailure, "cannot put back offset 0 of " + target);
+  DropJournal(resolved);
+  return rc;
+}
+
+}  // namespace tavikm_tool

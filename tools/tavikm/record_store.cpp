@@ -1,0 +1,134 @@
+// Locked, journaled and verified record stores.
+#include "record_store.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "cli.h"
+#include "journal.h"
+#include "log_sink.h"
+
+namespace tavikm_tool {
+namespace {
+
+std::string DirOf(const std::string& path) {
+  size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+void SyncDir(const std::string& dir) {
+  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  fsync(fd);
+  close(fd);
+}
+
+bool WriteAll(int fd, const uint8_t* data, size_t size) {
+  while (size > 0) {
+    ssize_t n = write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+ToolError StoreFailed(const Place& place, const std::string& what) {
+  return ToolError(kExitFailure, "cannot store " + what + " at " + place.Describe() + LogHint());
+}
+
+// A new metadata file appears whole or not at all, and never over one that another command
+// made in the meantime.
+void CreateFile(const Place& place, const km_meta& image, const std::string& what) {
+  std::vector<uint8_t> file(KM_METADATA_FILE_SIZE, 0);
+  memcpy(file.data() + place.offset, &image, sizeof(image));
+  std::string dir = DirOf(place.loc);
+  std::string base = place.loc.substr(place.loc.rfind('/') + 1);
+  std::string tmp = dir + "/.tavikm-new-" + std::to_string(getpid()) + "-" + base;
+  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    throw ToolError(kExitFailure, "cannot create " + place.loc + ": " + strerror(errno));
+  }
+  bool ok = WriteAll(fd, file.data(), file.size()) && fsync(fd) == 0;
+  ok = close(fd) == 0 && ok;
+  if (!ok) {
+    unlink(tmp.c_str());
+    throw StoreFailed(place, what);
+  }
+  int rc = link(tmp.c_str(), place.loc.c_str());
+  int err = errno;
+  unlink(tmp.c_str());
+  SyncDir(dir);
+  if (rc != 0 && err == EEXIST) {
+    throw ToolError(kExitFailure, place.loc +
+                                      " was created by another command meanwhile; nothing was "
+                                      "stored");
+  }
+  if (rc != 0) throw ToolError(kExitFailure, "cannot create " + place.loc + ": " + strerror(err));
+}
+
+void UpdateFileInPlace(const OpenedPlace& opened, const km_meta& image, const std::string& what) {
+  const Place& place = opened.place();
+  km_meta old{};
+  RawRecord raw = ReadRaw(place);
+  old = raw.meta;
+  WriteJournal(opened.canonical_path(), place.offset, old, image);
+  if (km_put_km_meta(place.loc.c_str(), static_cast<int64_t>(place.offset), &image) != 0 ||
+      fsync(opened.fd()) != 0) {
+    // Part of the record may have landed: put the old one back now rather than at the next run.
+    ReplayJournal(opened.canonical_path());
+    throw StoreFailed(place, what);
+  }
+  DropJournal(opened.canonical_path());
+}
+
+}  // namespace
+
+OpenedPlace::OpenedPlace(const Place& place)
+    : place_(place), lock_(std::make_unique<PlaceLock>(place)) {
+  if (place.secure_storage || !lock_->held()) return;
+  char resolved[PATH_MAX];
+  if (!realpath(place.loc.c_str(), resolved)) {
+    throw ToolError(kExitFailure, "cannot resolve " + place.loc + ": " + strerror(errno));
+  }
+  canonical_ = resolved;
+  switch (ReplayJournal(canonical_)) {
+    case Replay::kCompleted:
+      fprintf(stderr, "tavikm: note: an interrupted change of %s had completed; it stands\n",
+              place.loc.c_str());
+      break;
+    case Replay::kRestored:
+      fprintf(stderr, "tavikm: note: an interrupted change of %s was undone\n", place.loc.c_str());
+      break;
+    case Replay::kNone:
+    case Replay::kDiscarded:
+      break;
+  }
+}
+
+void StoreRecord(const OpenedPlace& opened, const km_meta& image, const std::string& what) {
+  const Place& place = opened.place();
+  if (place.secure_storage) {
+    if (km_put_km_meta(place.loc.c_str(), 0, &image) != 0) throw StoreFailed(place, what);
+  } else if (opened.file_exists()) {
+    UpdateFileInPlace(opened, image, what);
+  } else {
+    CreateFile(place, image, what);
+  }
+  RawRecord back = ReadRaw(place);
+  if (back.stored_length != KM_META_SIZE || memcmp(&back.meta, &image, sizeof(image)) != 0) {
+    throw ToolError(kExitFailure, "the record read back from " + place.Describe() +
+                                      " differs from what was stored");
+  }
+}
+
+}  // namespace tavikm_tool
