@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -196,7 +197,7 @@ keymaster_error_t Update(const keymaster1_device*, keymaster_operation_handle_t 
   std::vector<uint8_t> out;
   size_t consumed = 0;
   ErrorCode error = UpdateOperation(operation_handle, kLegacyOwner, params, input->data,
-                                    input->data_length, &consumed, &out);
+                                    std::min(input->data_length, UpdateLimit()), &consumed, &out);
   if (error != ErrorCode::OK) return KmError(error);
   *input_consumed = consumed;
   HandOver(out, output);
