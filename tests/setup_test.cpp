@@ -186,8 +186,8 @@ TEST_F(SetupTest, NothingIsStoredWhenWrappingFails) {
 }
 
 TEST_F(SetupTest, NothingIsStoredWhenAKeymasterStopsTakingInput) {
-  // The limit holds both devices: a Keymaster 4.0 update that takes nothing fails, one that
-  // takes 16 bytes at a time is followed; a legacy update must take the whole message.
+  // The limit holds both devices: a Keymaster 4.0 update that takes nothing fails the signing
+  // or the object encryption; a legacy update must take the whole 32-byte message at once.
   struct Case {
     int kdf;
     const char* rek_kek;
