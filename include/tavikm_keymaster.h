@@ -53,13 +53,16 @@ TAVIKM_EXPORT int keymaster_create_key_for_cryptfs_scrypt_mdfpp(unsigned int rsa
                                                                 unsigned int key_buffer_size,
                                                                 unsigned long* key_out_size);
 
-/* Upgrades the RSA binding key's blob; source and destination may be the same buffer. */
+/* Upgrades the RSA binding key's blob; source and destination may be the same buffer. A device
+ * that answers with no new blob (the key needed nothing) gives -1 and leaves the buffer and
+ * *key_out_size as they were at the call. */
 TAVIKM_EXPORT int keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
     unsigned int rsa_key_size, unsigned long rsa_exponent, unsigned int ratelimit,
     const unsigned char* key_blob, unsigned long key_blob_size, unsigned char* key_buffer,
     unsigned int key_buffer_size, unsigned long* key_out_size);
 
-/* Upgrades the AES key's blob; source and destination may be the same buffer. */
+/* Upgrades the AES key's blob; source and destination may be the same buffer. An answer with no
+ * new blob gives -1 and leaves the buffer and *key_out_size untouched. */
 TAVIKM_EXPORT int keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(const unsigned char* key_blob,
                                                                  unsigned long key_blob_size,
                                                                  unsigned char* key_buffer,

@@ -97,8 +97,10 @@ bool KeymasterOperation::updateCompletely(const char* input, size_t inputLen,
     if (!consumer) abort();
     consumer(reinterpret_cast<const char*>(output.data()), output.size());
   };
-  // No bound on the number of calls: the device decides how much it takes each time.
+  // No bound on the number of calls: the device decides how much it takes each time, as long
+  // as it takes something.
   while (true) {
+    const uint32_t before = consumed;
     auto rc = device->update(operationHandle, hidl_vec<km::KeyParameter>(),
                              BlobView(input + consumed, inputLen - consumed),
                              km::HardwareAuthToken(), km::VerificationToken(), callback);
@@ -118,6 +120,13 @@ bool KeymasterOperation::updateCompletely(const char* input, size_t inputLen,
       return false;
     }
     if (consumed == inputLen) return true;
+    if (consumed == before) {
+      // OK with nothing taken: asking again would spin for ever. The operation is still open on
+      // the device, so it is aborted; the caller reports the failed step.
+      device->abort(operationHandle).isOk();
+      device = nullptr;
+      return false;
+    }
   }
 }
 

@@ -41,7 +41,8 @@ class KeymasterOperation {
   // Feeds all `inputLen` bytes to the device, in as many update calls as it takes, passing each
   // call's output to `consumer` in order (also when empty). False, logged, when an update fails
   // or the device claims more input than it was given; the operation is then over (not to be
-  // finished, and not aborted: the device ended it).
+  // finished, and not aborted: the device ended it). False, unlogged, when an update takes none
+  // of the input left: the operation is then aborted and over.
   bool updateCompletely(const char* input, size_t inputLen,
                         std::function<void(const char*, size_t)> consumer);
 

@@ -107,6 +107,15 @@ int CipherMessage(km_meta* meta, keymaster_key_blob_t* key, const unsigned char*
     if (messages.update) KM_LOGE(messages.update, error);
     goto done;
   }
+  if (consumed != kMessageSize) {
+    // Part of a message cannot be finished into a whole one. The device still holds the
+    // operation open, so it is aborted here; the update's own message (if any) says it failed,
+    // with the code the device gave.
+    ReleaseOutput(&output);
+    km1->abort(km1, handle);
+    if (messages.update) KM_LOGE(messages.update, error);
+    goto done;
+  }
   if (!TakeOutput(&output, out, &written)) {
     km1->abort(km1, handle);
     goto done;

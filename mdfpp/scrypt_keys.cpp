@@ -44,6 +44,15 @@ km::AuthorizationSet RsaParams(unsigned int rsa_key_size, unsigned long rsa_expo
   return std::move(params);
 }
 
+// An upgrade that answers OK with no blob (a key that needed nothing, as the HAL allows) must
+// not reach the caller's buffer: callers upgrade in place, and an empty blob there would be a
+// record whose Keymaster key is gone.
+bool UpgradedBlobIsEmpty(const std::string& blob) {
+  if (!blob.empty()) return false;
+  KM_STREAM_LOG(ERROR) << "Upgraded key blob is empty";
+  return true;
+}
+
 // Filled with assign(), which keeps standard library templates out of the exported symbols.
 std::string Bytes(const unsigned char* data, unsigned long size) {
   std::string bytes;
@@ -82,6 +91,8 @@ int keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
     unsigned int rsa_key_size, unsigned long rsa_exponent, unsigned int ratelimit,
     const unsigned char* key_blob, unsigned long key_blob_size, unsigned char* key_buffer,
     unsigned int key_buffer_size, unsigned long* key_out_size) {
+  // The size may be the record's own blob length: an empty answer puts it back as it was.
+  const unsigned long size_at_entry = key_out_size ? *key_out_size : 0;
   if (key_out_size) *key_out_size = 0;
   Keymaster dev;
   if (!dev) {
@@ -92,6 +103,10 @@ int keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
   std::string old_key = Bytes(key_blob, key_blob_size);
   std::string new_key;
   if (!dev.upgradeKey(old_key, RsaParams(rsa_key_size, rsa_exponent, ratelimit), &new_key)) {
+    return -1;
+  }
+  if (UpgradedBlobIsEmpty(new_key)) {
+    if (key_out_size) *key_out_size = size_at_entry;
     return -1;
   }
   return write_string_to_buf(new_key, key_buffer, key_buffer_size, key_out_size) ? 0 : -1;
@@ -120,6 +135,6 @@ int keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(const unsigned char* key_blob
     return -1;
   }
   std::string new_key;
-  if (!dev.upgradeKey(old_key, params, &new_key)) return -1;
+  if (!dev.upgradeKey(old_key, params, &new_key) || UpgradedBlobIsEmpty(new_key)) return -1;
   return write_string_to_buf(new_key, key_buffer, key_buffer_size, key_out_size) ? 0 : -1;
 }

@@ -385,6 +385,29 @@ TEST_F(KeymasterClientTest, DeviceClaimingTooMuchInputEndsTheOperation) {
   EXPECT_TRUE(tavikm_host::KeymasterAbortedHandles().empty());
 }
 
+TEST_F(KeymasterClientTest, ADeviceThatTakesNothingIsAbortedNotAskedAgain) {
+  std::string key = AesKey();
+  tavikm_host::SetKeymasterUpdateLimit(0);
+  {
+    KeymasterOperation op = Begin(key);
+    int consumer_calls = 0;
+    std::string input = Pattern(10);
+    EXPECT_FALSE(op.updateCompletely(input.data(), input.size(),
+                                     [&](const char*, size_t) { ++consumer_calls; }));
+    EXPECT_EQ(consumer_calls, 1);  // the one answer, empty
+    EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kUpdate), 1);
+    EXPECT_EQ(tavikm_host::KeymasterAbortedHandles().size(), 1u);
+    std::string out;
+    EXPECT_FALSE(op.finish(&out));
+  }
+  // Aborted once, at the stall: not again on destruction, and the device holds nothing open.
+  EXPECT_EQ(tavikm_host::KeymasterAbortedHandles().size(), 1u);
+  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kFinish), 0);
+  EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
+  // The caller reports the failed step; the client adds no line of its own.
+  EXPECT_TRUE(log_.Lines().empty());
+}
+
 TEST_F(KeymasterClientTest, FailedUpdateOrFinishIsLoggedAndNotAborted) {
   std::string key = AesKey();
   tavikm_host::FailKeymasterCall(KeymasterCall::kUpdate, 1, ErrorCode::INVALID_INPUT_LENGTH);

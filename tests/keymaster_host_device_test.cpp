@@ -1,17 +1,17 @@
 // The host's software Keymaster 4.0 device: AES-GCM and raw RSA operations, the checks a real
-// Keymaster makes, key blobs bound to the device directory and to the OS patch level, rate
-// limits, the operation table, and device enumeration.
-#include <stdlib.h>
-#include <sys/stat.h>
-
-#include <string>
-#include <vector>
-
+// Keymaster makes, key blobs bound to the device directory and to the OS version and patch
+// level, rate limits, the operation table, and device enumeration.
 #include <cutils/properties.h>
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "keymaster_host_util.h"
 #include "support/device_env.h"
@@ -506,29 +506,75 @@ TEST_F(KeymasterDeviceTest, PatchLevelRaiseRequiresUpgradeAndTheUpgradedBlobWork
   EXPECT_TRUE(again.blob.empty());
 }
 
-TEST_F(KeymasterDeviceTest, OsVersionRaiseRequiresUpgradeAndOlderSystemsRefuseNewerBlobs) {
-  Bytes key = NewAesKey();
-  property_set("ro.build.version.release", "15");
-  EXPECT_EQ(Begin(*km_, KeyPurpose::ENCRYPT, key, GcmParams(kNonce)).error,
-            ErrorCode::KEY_REQUIRES_UPGRADE);
-  BlobResult upgraded = Upgrade(*km_, key);
-  ASSERT_EQ(upgraded.error, ErrorCode::OK);
-  ErrorCode error;
-  hw::AuthorizationSet chars = Characteristics(*km_, upgraded.blob, &error).hardwareEnforced;
-  EXPECT_EQ(error, ErrorCode::OK);
-  EXPECT_TRUE(chars.Contains(hw::TAG_OS_VERSION, 150000u));
-  EXPECT_TRUE(chars.Contains(hw::TAG_OS_PATCHLEVEL, 202611u));
+TEST_F(KeymasterDeviceTest, AnyOtherSystemNeedsAnUpgradeWhichNeverGoesBackExceptToVersionZero) {
+  // Made under release 14, patch 2026-11.
+  struct Case {
+    const char* release;
+    const char* patch;
+    ErrorCode upgrade;  // OK: the upgraded blob is bound to the system below and works there
+    uint32_t version = 0, patchlevel = 0;
+  };
+  const Case cases[] = {
+      {"15", "2026-11-05", ErrorCode::OK, 150000, 202611},
+      {"14.0.1", "2027-01-05", ErrorCode::OK, 140001, 202701},
+      {"13", "2026-11-05", ErrorCode::INVALID_ARGUMENT},
+      {"14", "2026-10-05", ErrorCode::INVALID_ARGUMENT},
+      {"15", "2026-10-05", ErrorCode::INVALID_ARGUMENT},
+      // A release that is not a number is version 0, which any version may go down to.
+      {"Tiramisu", "2026-11-05", ErrorCode::OK, 0, 202611},
+      {"Tiramisu", "2026-10-05", ErrorCode::INVALID_ARGUMENT},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.release) + " " + c.patch);
+    property_set("ro.build.version.release", "14");
+    property_set("ro.build.version.security_patch", "2026-11-05");
+    Bytes key = NewAesKey();
+    property_set("ro.build.version.release", c.release);
+    property_set("ro.build.version.security_patch", c.patch);
+    // Older and newer alike: only upgradeKey tells them apart.
+    EXPECT_EQ(Begin(*km_, KeyPurpose::ENCRYPT, key, GcmParams(kNonce)).error,
+              ErrorCode::KEY_REQUIRES_UPGRADE);
+    BlobResult upgraded = Upgrade(*km_, key);
+    ASSERT_EQ(upgraded.error, c.upgrade);
+    if (c.upgrade != ErrorCode::OK) {
+      EXPECT_TRUE(upgraded.blob.empty());
+      continue;
+    }
+    ErrorCode error;
+    hw::AuthorizationSet chars = Characteristics(*km_, upgraded.blob, &error).hardwareEnforced;
+    EXPECT_EQ(error, ErrorCode::OK);
+    EXPECT_TRUE(chars.Contains(hw::TAG_OS_VERSION, c.version));
+    EXPECT_TRUE(chars.Contains(hw::TAG_OS_PATCHLEVEL, c.patchlevel));
+    EXPECT_EQ(GcmRun(*km_, KeyPurpose::ENCRYPT, upgraded.blob, kNonce, Message(4)).error,
+              ErrorCode::OK);
+  }
+}
 
-  // Rolled back: the newer blob is unusable and cannot be "upgraded" down.
-  property_set("ro.build.version.release", "14");
-  EXPECT_EQ(Begin(*km_, KeyPurpose::ENCRYPT, upgraded.blob, GcmParams(kNonce)).error,
-            ErrorCode::INVALID_KEY_BLOB);
-  EXPECT_EQ(Upgrade(*km_, upgraded.blob).error, ErrorCode::INVALID_ARGUMENT);
+TEST_F(KeymasterDeviceTest, OsVersionIsTheReleaseReadAsTheHalSays) {
+  const std::pair<const char*, uint32_t> cases[] = {
+      {"14", 140000},
+      {"13.1.2", 130102},
+      {"14.0.0-rc1", 140000},
+      {"14-rc1", 140000},
+      {"12.1", 120100},
+      {"9.0.0.7", 90000},
+      {"14.", 140000},
+      {"14.x", 140000},
+      {"Tiramisu", 0},
+      {"", 0},
+      {"-14", 0},
+      {"100", 0},
+      {"14.100", 0},
+  };
+  for (const auto& [release, version] : cases) {
+    property_set("ro.build.version.release", release);
+    EXPECT_EQ(tavikm_host::KeymasterOsVersion(), version) << '"' << release << '"';
+  }
 }
 
 // --- Rate limit and operation table ------------------------------------------------------
 
-TEST_F(KeymasterDeviceTest, MinSecondsBetweenOpsHoldsWithinTheWindowOnly) {
+TEST_F(KeymasterDeviceTest, MinSecondsBetweenOpsRunFromTheEndOfTheLastOperation) {
   uint64_t now = 5000;
   tavikm_host::SetKeymasterClock([&now] { return now; });
   hw::AuthorizationSetBuilder params = AesGcmKey();
@@ -539,9 +585,15 @@ TEST_F(KeymasterDeviceTest, MinSecondsBetweenOpsHoldsWithinTheWindowOnly) {
   // A begin that fails on its parameters does not use the key.
   EXPECT_EQ(Begin(*km_, KeyPurpose::ENCRYPT, key, GcmParams(kNonce, 100)).error,
             ErrorCode::UNSUPPORTED_MAC_LENGTH);
+  // The timer starts when an operation ends (finish or abort), not at begin.
   Begun first = Begin(*km_, KeyPurpose::ENCRYPT, key, GcmParams(kNonce));
   ASSERT_EQ(first.error, ErrorCode::OK);
-  Abort(*km_, first.handle);
+  Begun second = Begin(*km_, KeyPurpose::ENCRYPT, key, GcmParams(kNonce));
+  ASSERT_EQ(second.error, ErrorCode::OK);
+  now += 5000;
+  ASSERT_EQ(Finish(*km_, first.handle, Message(4)).error, ErrorCode::OK);
+  now += 500;
+  Abort(*km_, second.handle);
   now += 999;
   // Per key, and for every device object over the same hardware.
   EXPECT_EQ(Begin(*FirstDevice(), KeyPurpose::ENCRYPT, key, GcmParams(kNonce)).error,
@@ -551,8 +603,21 @@ TEST_F(KeymasterDeviceTest, MinSecondsBetweenOpsHoldsWithinTheWindowOnly) {
   Abort(*km_, unrelated.handle);
   now += 1;
   Begun later = Begin(*km_, KeyPurpose::ENCRYPT, key, GcmParams(kNonce));
-  EXPECT_EQ(later.error, ErrorCode::OK);
-  Abort(*km_, later.handle);
+  ASSERT_EQ(later.error, ErrorCode::OK);
+  // An update the device refuses ends the operation too.
+  hw::AuthorizationSetBuilder late_aad;
+  late_aad.Authorization(hw::TAG_ASSOCIATED_DATA, "aad", size_t{3});
+  ASSERT_EQ(Update(*km_, later.handle, Message(4)).error, ErrorCode::OK);
+  ASSERT_EQ(Update(*km_, later.handle, Message(4), late_aad).error, ErrorCode::INVALID_TAG);
+  EXPECT_EQ(Begin(*km_, KeyPurpose::ENCRYPT, key, GcmParams(kNonce)).error,
+            ErrorCode::KEY_RATE_LIMIT_EXCEEDED);
+
+  // A reboot forgets the timers.
+  tavikm_host::ResetKeymaster();
+  tavikm_host::SetKeymasterClock([&now] { return now; });
+  Begun rebooted = Begin(*km_, KeyPurpose::ENCRYPT, key, GcmParams(kNonce));
+  EXPECT_EQ(rebooted.error, ErrorCode::OK);
+  Abort(*km_, rebooted.handle);
 
   // The real clock: two uses in quick succession are one too many.
   tavikm_host::SetKeymasterClock({});

@@ -162,6 +162,55 @@ TEST_F(KeymasterFaultsTest, OverReportClaimsMoreThanWasGiven) {
   Abort(*km_, begun.handle);
 }
 
+TEST_F(KeymasterFaultsTest, UpdateLimitHoldsBothDevicesToAPrefixOrNothing) {
+  const hw_module_t* module = nullptr;
+  ASSERT_EQ(hw_get_module_by_class("keystore", nullptr, &module), 0);
+  keymaster1_device_t* km1 = nullptr;
+  ASSERT_EQ(keymaster1_open(module, &km1), 0);
+  Bytes iv(16, 2);
+  keymaster_key_param_t params[] = {keymaster_param_enum(KM_TAG_ALGORITHM, KM_ALGORITHM_AES),
+                                    keymaster_param_enum(KM_TAG_PADDING, KM_PAD_NONE),
+                                    keymaster_param_enum(KM_TAG_BLOCK_MODE, KM_MODE_CBC),
+                                    keymaster_param_blob(KM_TAG_NONCE, iv.data(), iv.size())};
+  keymaster_key_param_set_t set = {params, 4};
+  keymaster_key_blob_t key = {key_.data(), key_.size()};
+  const Bytes input(32, 7);
+
+  // {limit, consumed, GCM output, CBC output (whole blocks only)}
+  const size_t cases[][4] = {{0, 0, 0, 0}, {5, 5, 5, 0}, {20, 20, 20, 16}, {64, 32, 32, 32}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c[0]);
+    tavikm_host::SetKeymasterUpdateLimit(c[0]);
+    Begun begun = Begin(*km_, KeyPurpose::ENCRYPT, key_, GcmParams(kNonce));
+    Step step = Update(*km_, begun.handle, input);
+    EXPECT_EQ(step.error, ErrorCode::OK);
+    EXPECT_EQ(step.consumed, c[1]);
+    EXPECT_EQ(step.output.size(), c[2]);
+    Abort(*km_, begun.handle);
+
+    keymaster_operation_handle_t handle = 0;
+    ASSERT_EQ(km1->begin(km1, KM_PURPOSE_ENCRYPT, &key, &set, nullptr, &handle), KM_ERROR_OK);
+    keymaster_blob_t in = {input.data(), input.size()};
+    keymaster_blob_t out = {nullptr, 0};
+    size_t consumed = 99;
+    EXPECT_EQ(km1->update(km1, handle, nullptr, &in, &consumed, nullptr, &out), KM_ERROR_OK);
+    EXPECT_EQ(consumed, c[1]);
+    EXPECT_EQ(out.data_length, c[3]);
+    free(const_cast<uint8_t*>(out.data));
+    EXPECT_EQ(km1->abort(km1, handle), KM_ERROR_OK);
+  }
+  tavikm_host::SetKeymasterUpdateLimit(tavikm_host::kWholeUpdates);
+  EXPECT_EQ(GcmRun(*km_, KeyPurpose::ENCRYPT, key_, kNonce, input).error, ErrorCode::OK);
+  EXPECT_EQ(keymaster1_close(km1), 0);
+
+  // OK scripted for upgradeKey is a device's "nothing to do": no new blob.
+  property_set("ro.build.version.security_patch", "2027-02-05");
+  tavikm_host::FailKeymasterCall(KeymasterCall::kUpgradeKey, 1, ErrorCode::OK);
+  BlobResult upgraded = Upgrade(*km_, key_);
+  EXPECT_EQ(upgraded.error, ErrorCode::OK);
+  EXPECT_TRUE(upgraded.blob.empty());
+}
+
 TEST_F(KeymasterFaultsTest, DeviceLevelsReplaceTheProperty) {
   auto levels = [] {
     std::vector<uint32_t> out;

@@ -168,8 +168,11 @@ TEST_F(LegacyKeymasterTest, CbcMatchesLibcryptoOnTheSameKey) {
   EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
 }
 
-TEST_F(LegacyKeymasterTest, UsesKeysOfEveryLevelAndIgnoresTheOsBinding) {
-  // The legacy path predates both: a GCM key of a software Keymaster, after a patch, works.
+TEST_F(LegacyKeymasterTest, TakesTheRecordsGcmKeyForCbcWhateverItsLevelAndOsBinding) {
+  // The record's one AES key is made for GCM only, and the legacy messages need it for CBC: this
+  // device allows that, as the design requires (a standalone keymaster1 would answer
+  // KM_ERROR_INCOMPATIBLE_BLOCK_MODE). It predates levels and OS binding too: a software
+  // Keymaster's key, after a patch, works.
   property_set("host.keymaster.devices", "SOFTWARE");
   KeyResult key = Generate(*FirstDevice(), AesGcmKey());
   ASSERT_EQ(key.error, ErrorCode::OK);

@@ -300,6 +300,30 @@ TEST_F(LegacyKeymasterTest, KeymasterFailuresStopTheMac) {
   EXPECT_EQ(log_.Lines(), AfterOpen({LogLine::Error("Failed to decrypt mac key by keymaster")}));
 }
 
+TEST_F(LegacyKeymasterTest, AnUpdateThatTakesLessThanTheMessageFails) {
+  Bytes secret = Pattern(32, 0x55), sealed;
+  ASSERT_EQ(Encrypt(secret, &sealed), 0);
+  for (size_t limit : {size_t{0}, size_t{16}, size_t{31}}) {
+    SCOPED_TRACE(limit);
+    tavikm_host::SetKeymasterUpdateLimit(limit);
+    const int aborts = tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kAbort);
+    Bytes out;
+    log_.Clear();
+    EXPECT_EQ(Encrypt(secret, &out), -1);
+    EXPECT_EQ(out, Bytes(32, 0));  // not even the blocks the device did take
+    EXPECT_EQ(log_.Lines(),
+              AfterOpen({LogLine::Error("Failed to update cipher for aes enc(err=0)")}));
+    log_.Clear();
+    EXPECT_EQ(Decrypt(sealed, &out), -1);
+    EXPECT_EQ(out, Bytes(32, 0));
+    EXPECT_EQ(log_.Lines(), kOpenLines);  // the decrypt side keeps its silence
+    // Neither operation was finished; both were aborted, none is left open.
+    EXPECT_EQ(tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kAbort), aborts + 2);
+    EXPECT_EQ(tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kFinish), 1);
+    EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
+  }
+}
+
 // Records come from storage: their lengths are not trusted to stay inside the record.
 TEST_F(LegacyKeymasterTest, CorruptLengthsFailInsteadOfReadingOutsideTheRecord) {
   const size_t to_end = sizeof(km_meta) - offsetof(km_meta, xtkm_value);

@@ -1,19 +1,19 @@
 // The roads of a key location, end to end on the host platform: setup, unlock as the
 // storage-encryption service does it, a wrong password, and a Keymaster upgrade on the way,
 // for every KDF and every combination of the three feature flags.
+#include <cutils/properties.h>
+#include <gtest/gtest.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 #include <tuple>
 #include <vector>
 
-#include <cutils/properties.h>
-#include <gtest/gtest.h>
-
 #include "support/device_env.h"
 #include "support/virtual_time.h"
-#include "tavikm_host/keymaster_faults.h"
 #include "tavikm.h"
+#include "tavikm_host/keymaster_faults.h"
 
 namespace tavikm_test {
 namespace {
@@ -180,6 +180,56 @@ TEST_F(KeyUpgradeRoadTest, ThePbkdf2RekKeyIsUpgradedAndStoredOnTheWay) {
             0);
   EXPECT_EQ(memcmp(unwrapped, master_key, kKeysize), 0);
   EXPECT_EQ(Upgrades(), 1);
+}
+
+// A device that answers KEY_REQUIRES_UPGRADE at begin and then "nothing to do" (OK, no blob) at
+// upgradeKey: the unlock fails, and neither the record in memory nor the stored one loses its
+// Keymaster key, so the next unlock, on a device that does upgrade, still opens the disk.
+TEST_F(KeyUpgradeRoadTest, AnUpgradeWithoutABlobFailsTheUnlockButKeepsTheKey) {
+  struct Case {
+    int kdf;
+    const char* mdfpp;
+    std::string key_loc;
+  };
+  const Case cases[] = {
+      {KM_KDF_SCRYPT_KEYMASTER, "", device_.Path("metadata")},
+      {KM_KDF_PBKDF2_REK, "true", "userdata"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.kdf);
+    property_set("ro.product.tavi.support_mdfpp", c.mdfpp);
+    property_set("ro.build.version.security_patch", "2026-11-05");
+    uint8_t master_key[kKeysize];
+    km_meta meta;
+    ASSERT_EQ(km_initial_setup(c.key_loc.c_str(), kPassword, strlen(kPassword), master_key,
+                               kKeysize, c.kdf, &meta),
+              0);
+    RaisePatchLevel();
+    km_meta record;
+    ASSERT_EQ(km_get_km_meta(c.key_loc.c_str(), 0, &record), 0);
+    const km_meta read = record;
+
+    tavikm_host::FailKeymasterCall(tavikm_host::KeymasterCall::kUpgradeKey, 1,
+                                   android::hardware::keymaster::V4_0::ErrorCode::OK);
+    log_.Clear();
+    uint8_t unwrapped[kKeysize];
+    EXPECT_EQ(km_decrypt_key(kPassword, strlen(kPassword), record.salt, record.master_key,
+                             unwrapped, &record),
+              -1);
+    EXPECT_EQ(record.km_key_blob_size, read.km_key_blob_size);
+    EXPECT_EQ(memcmp(record.km_key_blob, read.km_key_blob, sizeof(read.km_key_blob)), 0);
+    km_meta stored;
+    ASSERT_EQ(km_get_km_meta(c.key_loc.c_str(), 0, &stored), 0);
+    EXPECT_EQ(memcmp(&stored, &meta, sizeof(meta)), 0);
+    const std::vector<std::string> texts = log_.Texts();
+    EXPECT_NE(std::find(texts.begin(), texts.end(), "Upgraded key blob is empty"), texts.end());
+
+    time_.Advance(1);
+    ASSERT_EQ(km_decrypt_key(kPassword, strlen(kPassword), record.salt, record.master_key,
+                             unwrapped, &record),
+              0);
+    EXPECT_EQ(memcmp(unwrapped, master_key, kKeysize), 0);
+  }
 }
 
 std::vector<Road> AllRoads() {

@@ -11,6 +11,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -276,6 +277,103 @@ TEST_F(MdfppRsaTest, UpgradeDestinationRules) {
   EXPECT_EQ(log_.Lines(),
             (std::vector<LogLine>{DeviceLine(), KmError("upgrade_key failed: Status("
                                                         "EX_TRANSACTION_FAILED): 'no reply'")}));
+}
+
+// Both upgrade services, in place as the records call them, when the device does not hand back a
+// new blob: the record's blob and its length must stay as they were.
+TEST_F(MdfppRsaTest, AnUpgradeWithoutANewBlobLeavesTheRecordsBlobAlone) {
+  using Upgrade = int (*)(Bytes * blob, unsigned long* size);
+  struct Service {
+    const char* name;
+    Bytes key;
+    Upgrade upgrade;
+    bool clears_size_first;
+  };
+  Bytes aes(2048);
+  unsigned int aes_size = 0;
+  ASSERT_EQ(keymaster_create_aes_key_for_mdfpp(aes.data(), aes.size(), &aes_size), 0);
+  aes.resize(aes_size);
+  const Service services[] = {
+      {"scrypt", CreateKey(),
+       [](Bytes* blob, unsigned long* size) {
+         return keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
+             kRsaBits, kExponent, 1, blob->data(), *size, blob->data(), blob->size(), size);
+       },
+       true},
+      {"pbkdf2", aes,
+       [](Bytes* blob, unsigned long* size) {
+         return keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(blob->data(), *size, blob->data(),
+                                                               blob->size(), size);
+       },
+       false},
+  };
+  struct Device {
+    const char* what;
+    const char* patch;
+    bool scripted;  // OK with no blob although the key needs an upgrade
+    bool empty_answer;
+    LogLine line;
+  };
+  const Device devices[] = {
+      {"a current key", "2026-11-05", false, true, KmError("Upgraded key blob is empty")},
+      {"a device with nothing to do", "2027-04-01", true, true,
+       KmError("Upgraded key blob is empty")},
+      {"a key from a newer system", "2026-01-05", false, false,
+       KmError("upgrade_key failed, code -38")},
+  };
+  for (const Service& service : services) {
+    for (const Device& device : devices) {
+      SCOPED_TRACE(std::string(service.name) + ", " + device.what);
+      Bytes record(2048, 0);
+      std::copy(service.key.begin(), service.key.end(), record.begin());
+      unsigned long size = service.key.size();
+      const Bytes before = record;
+      property_set("ro.build.version.security_patch", device.patch);
+      if (device.scripted) {
+        tavikm_host::FailKeymasterCall(KeymasterCall::kUpgradeKey, 1, ErrorCode::OK);
+      }
+      log_.Clear();
+      EXPECT_EQ(service.upgrade(&record, &size), -1);
+      EXPECT_EQ(record, before);
+      EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), device.line}));
+      // The scrypt upgrade clears the size first, and puts it back for an empty answer only.
+      EXPECT_EQ(size, service.clears_size_first && !device.empty_answer ? 0u : service.key.size());
+    }
+  }
+}
+
+// A device that takes none of the input: the operation is aborted, not fed again for ever, and
+// the service fails at its sending step with nothing handed out.
+TEST_F(MdfppRsaTest, ADeviceThatTakesNoInputFailsTheSendingStep) {
+  Bytes rsa = CreateKey(0);
+  Bytes aes(2048);
+  unsigned int aes_size = 0;
+  ASSERT_EQ(keymaster_create_aes_key_for_mdfpp(aes.data(), aes.size(), &aes_size), 0);
+  aes.resize(aes_size);
+  const Bytes nonce(12, 1), object = BindingObject();
+  tavikm_host::SetKeymasterUpdateLimit(0);
+  log_.Clear();
+
+  Bytes signature;
+  EXPECT_EQ(Sign(rsa, object, &signature, 0), -1);
+  unsigned char* out = nullptr;
+  unsigned int out_size = 0;
+  for (auto service : {keymaster_encrypt_object_for_mdfpp, keymaster_decrypt_object_for_mdfpp}) {
+    unsigned long unused = 0;
+    EXPECT_EQ(service(aes.data(), aes.size(), nonce.data(), nonce.size(), 1, object.data(),
+                      object.size(), &out, &out_size, nullptr, 0, &unused),
+              -1);
+    EXPECT_EQ(out, nullptr);
+  }
+  EXPECT_EQ(
+      log_.Lines(),
+      (std::vector<LogLine>{
+          DeviceLine(), KmError("Error sending data to keymaster signature transaction: 0"),
+          DeviceLine(), KmError("Error sending data to keymaster encryption transaction: 0"),
+          DeviceLine(), KmError("Error sending data to keymaster decryption transaction: 0")}));
+  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kUpdate), 3);
+  EXPECT_EQ(tavikm_host::KeymasterAbortedHandles().size(), 3u);
+  EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
 }
 
 // ---- Signing failures -----------------------------------------------------------------------

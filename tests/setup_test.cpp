@@ -1,13 +1,13 @@
 // Creating a record: the KDF choice, the scrypt factors from their property, the Keymaster key
 // and KEK of each type, and the order in which setup stores.
+#include <cutils/properties.h>
+#include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
-
-#include <cutils/properties.h>
-#include <gtest/gtest.h>
 
 #include "keymaster/legacy_keymaster.h"
 #include "support/device_env.h"
@@ -183,6 +183,36 @@ TEST_F(SetupTest, NothingIsStoredWhenWrappingFails) {
             -1);
   EXPECT_EQ(log_.Texts().back(), "Error encrypt master key\n");
   EXPECT_NE(access(path_.c_str(), F_OK), 0);
+}
+
+TEST_F(SetupTest, NothingIsStoredWhenAKeymasterStopsTakingInput) {
+  // The limit holds both devices: a Keymaster 4.0 update that takes nothing fails the signing
+  // or the object encryption; a legacy update must take the whole 32-byte message at once.
+  struct Case {
+    int kdf;
+    const char* rek_kek;
+    size_t limit;
+    const char* failed_step;
+  };
+  const Case cases[] = {
+      {KM_KDF_SCRYPT_KEYMASTER, "", 0, "Error sending data to keymaster signature transaction: 0"},
+      {KM_KDF_PBKDF2_REK, "", 0, "Error sending data to keymaster encryption transaction: 0"},
+      {KM_KDF_PBKDF2_REK, "true", 16, "Failed to update cipher for aes enc(err=0)"},
+  };
+  VirtualKeymasterTime time;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.failed_step);
+    property_set("ro.product.tavi.support_rek_kek", c.rek_kek);
+    tavikm_host::SetKeymasterUpdateLimit(c.limit);
+    const std::string path = path_ + std::to_string(c.kdf) + c.rek_kek;
+    log_.Clear();
+    EXPECT_EQ(km_initial_setup(path.c_str(), kPassword, strlen(kPassword), master_key_, 32, c.kdf,
+                               &meta_),
+              -1);
+    std::vector<std::string> texts = log_.Texts();
+    EXPECT_NE(std::find(texts.begin(), texts.end(), c.failed_step), texts.end());
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+  }
 }
 
 TEST_F(SetupTest, RefusesMissingArguments) {

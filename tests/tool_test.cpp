@@ -590,6 +590,19 @@ TEST_F(ToolTest, LibraryLinesGoToTheDeviceLogOrWithVToStderr) {
   EXPECT_FALSE(std::filesystem::exists(device_.Path("log.txt")));
 }
 
+TEST_F(ToolTest, ASecondKdf5UnlockRightAfterTheFirstWaitsOutTheKeysRateLimit) {
+  // Each unlock is its own process; the Keymaster's timer for the record's key lives in the
+  // device directory, as a TEE keeps it across its callers.
+  Result setup = Setup(MetadataFile(), "pw", {"--kdf", "5"});
+  ASSERT_EQ(setup.status, 0) << setup.err;
+  ASSERT_EQ(Unlock(MetadataFile(), "pw").status, 0);
+  Result second = Tool({"-v", "unlock", MetadataFile(), "--password-file", PasswordFile("pw")});
+  ASSERT_EQ(second.status, 0) << second.err;
+  EXPECT_EQ(FingerprintIn(second.out), FingerprintIn(setup.out));
+  static const std::regex kRefused("E/\\S* Keymaster:[0-9]+: begin failed, code -54\n");
+  EXPECT_TRUE(std::regex_search(second.err, kRefused)) << second.err;
+}
+
 TEST_F(ToolTest, KeksArePutReadAndDeleted) {
   const std::string hex = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
   std::string key_file = Scratch("kek.hex");

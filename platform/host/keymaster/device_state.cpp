@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -12,7 +13,9 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include <cutils/properties.h>
 #include <openssl/rand.h>
@@ -87,6 +90,54 @@ uint32_t ParseNumber(const std::string& text, size_t* pos) {
   return *pos == start ? UINT32_MAX : value;
 }
 
+std::string RateLimitsPath(bool create) {
+  try {
+    if (create) {
+      std::string dir = KeymasterDir();
+      return dir.empty() ? "" : dir + "/rate_limits";
+    }
+    return tavikm_host::DeviceDir() + "/keymaster/rate_limits";
+  } catch (const std::exception&) {
+    return "";
+  }
+}
+
+std::string ReadAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  ssize_t n;
+  while ((n = read(fd, buffer, sizeof(buffer))) != 0) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) break;
+    text.append(buffer, static_cast<size_t>(n));
+  }
+  return text;
+}
+
+// One timer per line: "<key id> <start ms> <seconds>". Lines that do not parse (a write cut
+// short) are skipped.
+struct RateTimer {
+  std::string key_id;
+  uint64_t start_ms;
+  uint32_t seconds;
+
+  bool Running(uint64_t now_ms) const {
+    return start_ms <= now_ms && now_ms - start_ms < uint64_t{seconds} * 1000;
+  }
+};
+
+std::vector<RateTimer> ParseTimers(const std::string& text) {
+  std::vector<RateTimer> timers;
+  std::istringstream lines(text);
+  std::string line;
+  while (std::getline(lines, line)) {
+    std::istringstream fields(line);
+    RateTimer timer;
+    if (fields >> timer.key_id >> timer.start_ms >> timer.seconds) timers.push_back(timer);
+  }
+  return timers;
+}
+
 std::string Property(const char* key, const char* def) {
   char value[PROPERTY_VALUE_MAX];
   property_get(key, value, def);
@@ -115,14 +166,19 @@ bool LoadDeviceSecret(SecretBytes* secret) {
 
 uint32_t CurrentOsVersion() {
   std::string release = Property("ro.build.version.release", "14");
+  // Up to three numbers joined by dots. Whatever follows them ("-rc1", a fourth number) is not
+  // part of the version, and a release that does not start with a number is version 0.
   uint32_t parts[3] = {0, 0, 0};
   size_t pos = 0;
   for (int i = 0; i < 3; ++i) {
     uint32_t n = ParseNumber(release, &pos);
-    if (n == UINT32_MAX || n > 99) return 0;
+    if (n == UINT32_MAX) {
+      if (i == 0) return 0;
+      break;
+    }
+    if (n > 99) return 0;  // does not fit MMmmss
     parts[i] = n;
-    if (pos == release.size()) break;
-    if (release[pos] != '.' || i == 2) return 0;
+    if (pos == release.size() || release[pos] != '.') break;
     ++pos;
   }
   return parts[0] * 10000 + parts[1] * 100 + parts[2];
@@ -151,8 +207,10 @@ uint64_t NowMs() {
     clock = g_clock;
   }
   if (clock) return clock();
+  // Since boot, suspend included, and the same in every process: a TEE's timers last until
+  // the next boot.
   struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
+  clock_gettime(CLOCK_BOOTTIME, &ts);
   return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
 }
 
@@ -196,6 +254,46 @@ bool MarkKeyDeleted(const std::string& key_id) {
   out << key_id << "\n";
   out.flush();
   return static_cast<bool>(out);
+}
+
+bool RateLimitRunning(const std::string& key_id, uint64_t now_ms) {
+  std::string path = RateLimitsPath(false);
+  if (path.empty()) return false;
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  flock(fd, LOCK_SH);
+  std::vector<RateTimer> timers = ParseTimers(ReadAll(fd));
+  close(fd);
+  for (const RateTimer& timer : timers) {
+    if (timer.key_id == key_id && timer.Running(now_ms)) return true;
+  }
+  return false;
+}
+
+bool StartRateLimit(const std::string& key_id, uint32_t seconds, uint64_t now_ms) {
+  std::string path = RateLimitsPath(true);
+  if (path.empty()) return false;
+  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) return false;
+  // Held until close: the timers of other processes are read, kept and written back whole.
+  flock(fd, LOCK_EX);
+  std::string kept;
+  for (const RateTimer& timer : ParseTimers(ReadAll(fd))) {
+    // Timers that ran out are dropped, so the file stays as small as the keys in use.
+    if (timer.key_id == key_id || !timer.Running(now_ms)) continue;
+    kept += timer.key_id + " " + std::to_string(timer.start_ms) + " " +
+            std::to_string(timer.seconds) + "\n";
+  }
+  kept += key_id + " " + std::to_string(now_ms) + " " + std::to_string(seconds) + "\n";
+  bool ok = lseek(fd, 0, SEEK_SET) == 0 && ftruncate(fd, 0) == 0 &&
+            WriteAll(fd, reinterpret_cast<const uint8_t*>(kept.data()), kept.size());
+  close(fd);
+  return ok;
+}
+
+void ForgetRateLimits() {
+  std::string path = RateLimitsPath(false);
+  if (!path.empty()) unlink(path.c_str());
 }
 
 }  // namespace tavikm_host::km

@@ -129,9 +129,7 @@ class FaultInjectingKeymaster : public Keymaster {
       return Void();
     }
     hidl_vec<uint8_t> piece;
-    size_t chunk = UpdateChunk();
-    piece.setToExternal(const_cast<uint8_t*>(input.data()),
-                        chunk && chunk < input.size() ? chunk : input.size());
+    piece.setToExternal(const_cast<uint8_t*>(input.data()), std::min(UpdateLimit(), input.size()));
     uint32_t extra = UpdateOverReport();
     return device_->update(
         operationHandle, inParams, piece, authToken, verificationToken,

@@ -40,7 +40,7 @@ struct State {
   std::mutex mutex;
   std::map<KeymasterCall, Scripts<ScriptedAnswer>> calls;
   std::map<LegacyKeymasterCall, Scripts<int>> legacy_calls;
-  size_t update_chunk = 0;
+  size_t update_limit = kWholeUpdates;
   uint32_t update_over_report = 0;
   std::vector<uint64_t> aborted;
   std::optional<std::vector<uint32_t>> levels;
@@ -66,10 +66,10 @@ std::optional<int> OnLegacyCall(LegacyKeymasterCall call) {
   return state.legacy_calls[call].Next();
 }
 
-size_t UpdateChunk() {
+size_t UpdateLimit() {
   State& state = TheState();
   std::lock_guard<std::mutex> lock(state.mutex);
-  return state.update_chunk;
+  return state.update_limit;
 }
 
 uint32_t UpdateOverReport() {
@@ -101,7 +101,7 @@ void ResetFaults() {
   std::lock_guard<std::mutex> lock(state.mutex);
   state.calls.clear();
   state.legacy_calls.clear();
-  state.update_chunk = 0;
+  state.update_limit = kWholeUpdates;
   state.update_over_report = 0;
   state.aborted.clear();
   state.levels.reset();
@@ -130,9 +130,13 @@ void FailKeymasterTransport(KeymasterCall call, int nth, const std::string& mess
   TheState().calls[call].Add(nth, answer);
 }
 
-void SetKeymasterUpdateChunk(size_t bytes) {
+void SetKeymasterUpdateLimit(size_t bytes) {
   std::lock_guard<std::mutex> lock(TheState().mutex);
-  TheState().update_chunk = bytes;
+  TheState().update_limit = bytes;
+}
+
+void SetKeymasterUpdateChunk(size_t bytes) {
+  SetKeymasterUpdateLimit(bytes ? bytes : kWholeUpdates);
 }
 
 void SetKeymasterUpdateOverReport(uint32_t extra) {

@@ -24,7 +24,8 @@ struct ScriptedAnswer {
 std::optional<ScriptedAnswer> OnKeymasterCall(KeymasterCall call);
 std::optional<int> OnLegacyCall(LegacyKeymasterCall call);
 
-size_t UpdateChunk();
+// How much of its input an update may pass to a device (SIZE_MAX: all of it).
+size_t UpdateLimit();
 uint32_t UpdateOverReport();
 void RecordAbort(uint64_t handle);
 

@@ -1,12 +1,15 @@
 // The built-in legacy "keystore" module (class "keystore", no instance): its device "keymaster"
 // is a keymaster1 device when module_api_version is 1.0 and a keymaster0 device otherwise. The
 // keymaster1 device runs AES-CBC without padding over the same key blobs and operation table as
-// the Keymaster 4.0 devices; like the legacy path of a real TEE it does not hold keys to their
-// block modes. Its other calls answer KM_ERROR_UNIMPLEMENTED, and all keymaster0 calls fail.
+// the Keymaster 4.0 devices. Like the legacy path of the TEE it stands for, and as the record's
+// one AES key (made for GCM) requires, it does not hold keys to their block modes; a compliant
+// standalone keymaster1 would. Its other calls answer KM_ERROR_UNIMPLEMENTED, and all
+// keymaster0 calls fail.
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -196,7 +199,7 @@ keymaster_error_t Update(const keymaster1_device*, keymaster_operation_handle_t 
   std::vector<uint8_t> out;
   size_t consumed = 0;
   ErrorCode error = UpdateOperation(operation_handle, kLegacyOwner, params, input->data,
-                                    input->data_length, &consumed, &out);
+                                    std::min(input->data_length, UpdateLimit()), &consumed, &out);
   if (error != ErrorCode::OK) return KmError(error);
   *input_consumed = consumed;
   HandOver(out, output);

@@ -147,7 +147,6 @@ class RsaOperation : public Operation {
 struct Table {
   std::mutex mutex;
   std::map<uint64_t, std::unique_ptr<Operation>> operations;
-  std::map<std::string, uint64_t> last_use_ms;
 };
 
 // Never destroyed: devices may be used from static destructors of tests.
@@ -162,6 +161,11 @@ uint64_t FreshHandle(const Table& table) {
     if (RAND_bytes(reinterpret_cast<uint8_t*>(&handle), sizeof(handle)) != 1) handle = 0;
   }
   return handle;
+}
+
+// The operation is over (finished, aborted or failed): a rate-limited key's timer starts now.
+void EndOperation(const Operation& op) {
+  if (op.min_seconds) StartRateLimit(op.key_id, op.min_seconds, NowMs());
 }
 
 }  // namespace
@@ -203,17 +207,12 @@ ErrorCode AddOperation(std::unique_ptr<Operation> op, const hw::AuthorizationSet
                        uint64_t* handle) {
   Table& table = TheTable();
   auto min_seconds = key_auths.GetTagValue(hw::TAG_MIN_SECONDS_BETWEEN_OPS);
-  uint64_t now = NowMs();
   std::lock_guard<std::mutex> lock(table.mutex);
-  if (min_seconds.isOk()) {
-    auto last = table.last_use_ms.find(op->key_id);
-    if (last != table.last_use_ms.end() &&
-        now < last->second + static_cast<uint64_t>(min_seconds.value()) * 1000) {
-      return ErrorCode::KEY_RATE_LIMIT_EXCEEDED;
-    }
+  if (min_seconds.isOk() && min_seconds.value() != 0) {
+    if (RateLimitRunning(op->key_id, NowMs())) return ErrorCode::KEY_RATE_LIMIT_EXCEEDED;
+    op->min_seconds = min_seconds.value();
   }
   if (table.operations.size() >= kKeymasterMaxOperations) return ErrorCode::TOO_MANY_OPERATIONS;
-  if (min_seconds.isOk()) table.last_use_ms[op->key_id] = now;
   *handle = FreshHandle(table);
   table.operations[*handle] = std::move(op);
   return ErrorCode::OK;
@@ -230,7 +229,10 @@ ErrorCode UpdateOperation(uint64_t handle, int64_t owner, const hw::Authorizatio
   }
   ErrorCode error = it->second->Update(params, input, size, consumed, output);
   // A failed step ends the operation on the device's side.
-  if (error != ErrorCode::OK) table.operations.erase(it);
+  if (error != ErrorCode::OK) {
+    EndOperation(*it->second);
+    table.operations.erase(it);
+  }
   return error;
 }
 
@@ -245,7 +247,9 @@ ErrorCode FinishOperation(uint64_t handle, int64_t owner, const hw::Authorizatio
   }
   std::unique_ptr<Operation> op = std::move(it->second);
   table.operations.erase(it);
-  return op->Finish(params, input, size, signature, signature_size, output);
+  ErrorCode error = op->Finish(params, input, size, signature, signature_size, output);
+  EndOperation(*op);
+  return error;
 }
 
 ErrorCode AbortOperation(uint64_t handle, int64_t owner) {
@@ -255,6 +259,7 @@ ErrorCode AbortOperation(uint64_t handle, int64_t owner) {
   if (it == table.operations.end() || it->second->owner != owner) {
     return ErrorCode::INVALID_OPERATION_HANDLE;
   }
+  EndOperation(*it->second);
   table.operations.erase(it);
   return ErrorCode::OK;
 }
@@ -263,7 +268,7 @@ void ResetOperations() {
   Table& table = TheTable();
   std::lock_guard<std::mutex> lock(table.mutex);
   table.operations.clear();
-  table.last_use_ms.clear();
+  ForgetRateLimits();
 }
 
 }  // namespace tavikm_host::km

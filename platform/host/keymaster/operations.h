@@ -1,5 +1,5 @@
 // Operations of the emulated Keymaster hardware and the one table that holds them, for the
-// Keymaster 4.0 devices and the legacy device alike, with the per-key rate-limit clock.
+// Keymaster 4.0 devices and the legacy device alike, with the per-key rate limit.
 #ifndef TAVIKM_HOST_KEYMASTER_OPERATIONS_H_
 #define TAVIKM_HOST_KEYMASTER_OPERATIONS_H_
 
@@ -34,6 +34,8 @@ class Operation {
 
   int64_t owner = 0;
   std::string key_id;
+  // The key's MIN_SECONDS_BETWEEN_OPS, whose timer starts when the operation ends; 0: none.
+  uint32_t min_seconds = 0;
 };
 
 // AES-GCM (Keymaster 4.0). Decryption holds back the last `tag_bytes` of the input: they may
@@ -48,14 +50,15 @@ std::unique_ptr<Operation> MakeCbcOperation(const SecretBytes& key, const uint8_
 std::unique_ptr<Operation> MakeRsaOperation(const SecretBytes& private_key, bool sign,
                                             hw::ErrorCode* error);
 
-// Starts using a key at begin: KEY_RATE_LIMIT_EXCEEDED while the last use of a key with
-// MIN_SECONDS_BETWEEN_OPS is less than that long ago, TOO_MANY_OPERATIONS when the table is
-// full; otherwise the operation is stored under a fresh handle and the key's use is recorded.
+// Starts using a key at begin: KEY_RATE_LIMIT_EXCEEDED while the key's MIN_SECONDS_BETWEEN_OPS
+// timer runs, TOO_MANY_OPERATIONS when the table is full; otherwise the operation is stored
+// under a fresh handle.
 hw::ErrorCode AddOperation(std::unique_ptr<Operation> op, const hw::AuthorizationSet& key_auths,
                            uint64_t* handle);
 
 // Runs `update` / `finish` / abort on the operation `handle` of `owner`; INVALID_OPERATION_HANDLE
-// when there is none. An operation leaves the table at finish, at abort and at any error.
+// when there is none. An operation leaves the table at finish, at abort and at any error, and
+// that is when the timer of a rate-limited key starts, as the HAL has it.
 hw::ErrorCode UpdateOperation(uint64_t handle, int64_t owner, const hw::AuthorizationSet& params,
                               const uint8_t* input, size_t size, size_t* consumed,
                               std::vector<uint8_t>* output);
@@ -64,7 +67,7 @@ hw::ErrorCode FinishOperation(uint64_t handle, int64_t owner, const hw::Authoriz
                               size_t signature_size, std::vector<uint8_t>* output);
 hw::ErrorCode AbortOperation(uint64_t handle, int64_t owner);
 
-// Drops every operation and the rate-limit history.
+// Drops every operation and every rate-limit timer.
 void ResetOperations();
 
 }  // namespace tavikm_host::km

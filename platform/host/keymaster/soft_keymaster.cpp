@@ -195,17 +195,47 @@ uint32_t KeyValue(const AuthorizationSet& auths, Tag tag) {
   return index < 0 ? 0 : auths[index].f.integer;
 }
 
+// What upgradeKey does to a key's binding: OK with `*changed` false when the key is current;
+// OK with the binding moved to the current system and `*changed` true when nothing of it is
+// newer than the system; INVALID_ARGUMENT when something is, except that an OS version may
+// always go down to 0.
+ErrorCode RebindToCurrentOs(KeyBlobContents* key, bool* changed) {
+  AuthorizationSet& auths = key->authorizations;
+  const uint32_t os_version = KeyValue(auths, Tag::OS_VERSION);
+  const uint32_t patchlevel = KeyValue(auths, Tag::OS_PATCHLEVEL);
+  const uint32_t current_version = CurrentOsVersion();
+  const uint32_t current_patchlevel = CurrentOsPatchlevel();
+  *changed = false;
+  // No going back to an older system; version 0 (an unreadable release) is the one exception.
+  if ((os_version > current_version && current_version != 0) || patchlevel > current_patchlevel) {
+    return ErrorCode::INVALID_ARGUMENT;
+  }
+  if (os_version == current_version && patchlevel == current_patchlevel) return ErrorCode::OK;
+  bool has_version = false, has_patchlevel = false;
+  for (size_t i = 0; i < auths.size(); ++i) {
+    KeyParameter& param = auths[static_cast<int>(i)];
+    if (param.tag == Tag::OS_VERSION) {
+      param.f.integer = current_version;
+      has_version = true;
+    }
+    if (param.tag == Tag::OS_PATCHLEVEL) {
+      param.f.integer = current_patchlevel;
+      has_patchlevel = true;
+    }
+  }
+  // A binding the blob lacks reads as 0, so it must be added, or the upgraded blob would ask
+  // for an upgrade again and a caller that upgrades until begin succeeds never ends.
+  if (!has_version) auths.push_back(hw::TAG_OS_VERSION, current_version);
+  if (!has_patchlevel) auths.push_back(hw::TAG_OS_PATCHLEVEL, current_patchlevel);
+  *changed = true;
+  return ErrorCode::OK;
+}
+
 }  // namespace
 
 ErrorCode CheckOsBinding(const KeyBlobContents& key) {
-  uint32_t os_version = KeyValue(key.authorizations, Tag::OS_VERSION);
-  uint32_t patchlevel = KeyValue(key.authorizations, Tag::OS_PATCHLEVEL);
-  uint32_t current_version = CurrentOsVersion();
-  uint32_t current_patchlevel = CurrentOsPatchlevel();
-  if (os_version > current_version || patchlevel > current_patchlevel) {
-    return ErrorCode::INVALID_KEY_BLOB;
-  }
-  if (os_version < current_version || patchlevel < current_patchlevel) {
+  if (KeyValue(key.authorizations, Tag::OS_VERSION) != CurrentOsVersion() ||
+      KeyValue(key.authorizations, Tag::OS_PATCHLEVEL) != CurrentOsPatchlevel()) {
     return ErrorCode::KEY_REQUIRES_UPGRADE;
   }
   return ErrorCode::OK;
@@ -374,36 +404,11 @@ Return<void> SoftKeymaster::upgradeKey(const hidl_vec<uint8_t>& keyBlobToUpgrade
   KeyBlobContents key;
   ErrorCode error = LoadKey(keyBlobToUpgrade, AuthorizationSet(upgradeParams), &key);
   std::vector<uint8_t> blob;
-  if (error == ErrorCode::OK) {
-    switch (CheckOsBinding(key)) {
-      case ErrorCode::OK:
-        break;  // Nothing to do: an empty blob says so.
-      case ErrorCode::KEY_REQUIRES_UPGRADE: {
-        // Only moving forward: a part that is already current stays as it is.
-        AuthorizationSet& auths = key.authorizations;
-        bool has_version = false, has_patchlevel = false;
-        for (size_t i = 0; i < auths.size(); ++i) {
-          KeyParameter& param = auths[static_cast<int>(i)];
-          if (param.tag == Tag::OS_VERSION) {
-            param.f.integer = CurrentOsVersion();
-            has_version = true;
-          }
-          if (param.tag == Tag::OS_PATCHLEVEL) {
-            param.f.integer = CurrentOsPatchlevel();
-            has_patchlevel = true;
-          }
-        }
-        // A binding the blob lacks reads as 0, so it must be added, or the upgraded blob would
-        // ask for an upgrade again and a caller that upgrades until begin succeeds never ends.
-        if (!has_version) auths.push_back(hw::TAG_OS_VERSION, CurrentOsVersion());
-        if (!has_patchlevel) auths.push_back(hw::TAG_OS_PATCHLEVEL, CurrentOsPatchlevel());
-        if (!SealKeyBlob(key, &blob)) error = ErrorCode::UNKNOWN_ERROR;
-        break;
-      }
-      default:
-        error = ErrorCode::INVALID_ARGUMENT;  // bound to a newer system: no downgrades
-        break;
-    }
+  bool changed = false;
+  if (error == ErrorCode::OK) error = RebindToCurrentOs(&key, &changed);
+  // A key that is current needs nothing: OK and no blob, as the HAL says.
+  if (error == ErrorCode::OK && changed && !SealKeyBlob(key, &blob)) {
+    error = ErrorCode::UNKNOWN_ERROR;
   }
   _hidl_cb(error, hidl_vec<uint8_t>(blob));
   return Void();

@@ -17,7 +17,7 @@ namespace tavikm_host::km {
 using ::android::hardware::Return;
 
 // OK while the key is bound to the current OS version and patch level; KEY_REQUIRES_UPGRADE
-// when bound to older ones; INVALID_KEY_BLOB when bound to newer ones (a blob from the future).
+// when bound to any other, older or newer (whether it can be upgraded is upgradeKey's call).
 hw::ErrorCode CheckOsBinding(const KeyBlobContents& key);
 
 // KEY_USER_NOT_AUTHENTICATED for a key bound to a user's authentication: this hardware has no

@@ -14,11 +14,22 @@
 // - Key characteristics: a SOFTWARE device reports everything as software-enforced; other
 //   levels report the key's use restrictions and OS binding as hardware-enforced and only its
 //   dates and user id as software-enforced.
-// - upgradeKey follows the HAL: a blob bound to the current OS version and patch level needs
-//   no upgrade and gets OK with an empty blob; one bound to a newer system gets
-//   INVALID_ARGUMENT.
-// - Operations of all devices share one table of kKeymasterMaxOperations entries, and the
-//   MIN_SECONDS_BETWEEN_OPS clock is per key (by key material) and process-wide, as in one TEE.
+// - OS binding follows the HAL: the OS version is ro.build.version.release read as MMmmss
+//   ("14.0.0-rc1" is 140000; not a number: 0), the patch level ro.build.version.security_patch
+//   as YYYYMM. A key bound to any other version or level than the current ones, older or
+//   newer, gets KEY_REQUIRES_UPGRADE at begin. upgradeKey rebinds it to the current ones,
+//   gives OK with an empty blob when it is already current, and INVALID_ARGUMENT when it would
+//   go down, except that an OS version may always go down to 0.
+// - Operations of all devices share one table of kKeymasterMaxOperations entries. A key's
+//   MIN_SECONDS_BETWEEN_OPS timer starts when an operation with it ends (finish, abort, or a
+//   failed update or finish) and is kept in the device directory's keymaster/rate_limits, so
+//   every process using that directory sees it, as every caller of one TEE does; begin while
+//   it runs gets KEY_RATE_LIMIT_EXCEEDED. ResetKeymaster() drops the timers, as a reboot does.
+// - The legacy keymaster1 device runs AES-CBC with any AES key blob, also one made for GCM
+//   only, and does not check the key's block modes: the record's one AES key serves both the
+//   Keymaster 4.0 object encryption (GCM) and the legacy messages (CBC), as the library's
+//   design requires and the legacy path of the TEE it stands for allows. A compliant
+//   standalone keymaster1 would refuse such a key with KM_ERROR_INCOMPATIBLE_BLOCK_MODE.
 #ifndef TAVIKM_HOST_KEYMASTER_H_
 #define TAVIKM_HOST_KEYMASTER_H_
 
@@ -53,8 +64,8 @@ std::string KeymasterInstanceName(uint32_t level, size_t position, bool repeated
 std::unique_ptr<android::hardware::keymaster::V4_0::support::Keymaster> MakeSoftKeymaster(
     uint32_t level, const std::string& instance_name);
 
-// Replaces the Keymaster clock (milliseconds, used for MIN_SECONDS_BETWEEN_OPS) with `now_ms`;
-// an empty function restores the monotonic clock.
+// Replaces the Keymaster clock (milliseconds, used for MIN_SECONDS_BETWEEN_OPS) with `now_ms`
+// in this process; an empty function restores the clock since boot.
 void SetKeymasterClock(std::function<uint64_t()> now_ms);
 
 // OS version (MMmmpp) and patch level (YYYYMM) that new and upgraded keys are bound to, from
@@ -65,8 +76,9 @@ uint32_t KeymasterOsPatchlevel();
 // Operations currently open, over all devices.
 size_t KeymasterOpenOperations();
 
-// Back to a fresh emulated hardware: closes every open operation, forgets the rate-limit
-// history, restores the real clock and drops every fault, counter and device-list override.
+// Back to a fresh emulated hardware: closes every open operation, drops the rate-limit timers
+// of the current device directory, restores the real clock and drops every fault, counter and
+// device-list override.
 // tests/support TempDeviceDir calls it before and after each test.
 void ResetKeymaster();
 

@@ -1,7 +1,8 @@
 // Host-only fault injection into the emulated Keymaster hardware, for tests: scripted answers
-// for the nth call of any Keymaster 4.0 or legacy keymaster1 operation, a device that takes
-// update input in small pieces or claims to take more than it got, any list of devices, and
-// counters of what the library called. Nothing in the library includes this header.
+// for the nth call of any Keymaster 4.0 or legacy keymaster1 operation, devices that take
+// update input in small pieces or not at all or claim to take more than they got, any list of
+// devices, and counters of what the library called. Nothing in the library includes this
+// header.
 //
 // Every device that support::Keymaster::enumerateAvailableDevices() returns passes its calls
 // through this layer (devices from MakeSoftKeymaster() do not). Calls are counted per kind over
@@ -60,7 +61,8 @@ inline constexpr int kEveryCall = 0;
 
 // The nth `call` delivers `error` through its callback (deleteKey and abort: as its return
 // value) with empty results and handle 0. For getHardwareInfo, which has no error code, use a
-// transport failure.
+// transport failure. ErrorCode::OK scripts a success without results: for upgradeKey that is
+// the HAL's answer for a key that needs no upgrade (OK and no new blob).
 void FailKeymasterCall(KeymasterCall call, int nth,
                        android::hardware::keymaster::V4_0::ErrorCode error);
 
@@ -70,8 +72,14 @@ void FailKeymasterCall(KeymasterCall call, int nth,
 // "Status(EX_TRANSACTION_FAILED): '<message>'".
 void FailKeymasterTransport(KeymasterCall call, int nth, const std::string& message);
 
-// Every update passes at most `bytes` of its input to the device, so the device reports at
-// most that much consumed; 0 restores whole updates.
+// Every update, on the Keymaster 4.0 devices and on the legacy keymaster1 device alike, passes
+// at most `bytes` of its input to the device, so the device takes and reports at most that much
+// consumed. 0 makes every update take nothing, as a stalled device would; kWholeUpdates
+// restores whole updates.
+inline constexpr size_t kWholeUpdates = SIZE_MAX;
+void SetKeymasterUpdateLimit(size_t bytes);
+
+// SetKeymasterUpdateLimit(bytes), except that 0 restores whole updates.
 void SetKeymasterUpdateChunk(size_t bytes);
 
 // Every successful update reports `extra` bytes more consumed than it was given; 0 stops it.
