@@ -1,5 +1,6 @@
 // Conversion between key bytes and hexadecimal key text.
 #include <ctype.h>
+#include <openssl/crypto.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -36,6 +37,7 @@ uint8_t* km_convert_hex_ascii_to_key(const char* hex, size_t* out_size) {
     if (high < 0 || low < 0) {
       // The count of bytes converted so far stays with the caller on purpose.
       KM_LOGE("Invalid hex string");
+      OPENSSL_cleanse(key, i / 2);
       free(key);
       return nullptr;
     }

@@ -10,11 +10,12 @@
 
 #include "common/flags.h"
 #include "common/log.h"
+#include "common/record_view.h"
 
 namespace {
 
 // Room for the longest key a record may hold.
-constexpr size_t kDerivedKeyCapacity = 64;
+constexpr size_t kDerivedKeyCapacity = tavikm::kMaxRecordKeysize;
 // A derived key whose first 32 bytes are zero is taken as "no key": the buffer is zeroed before
 // the KDF runs, so a KDF that failed silently leaves exactly that.
 constexpr size_t kNullCheckLength = 32;
@@ -45,9 +46,9 @@ class DerivedKey {
 class RecordName {
  public:
   explicit RecordName(const km_meta* meta) {
-    size_t n = strnlen(meta->key_name, sizeof(meta->key_name));
-    memcpy(name_, meta->key_name, n);
-    name_[n] = '\0';
+    const tavikm::RecordView view(meta);
+    memcpy(name_, view.key_name(), static_cast<size_t>(view.key_name_length()));
+    name_[view.key_name_length()] = '\0';
   }
   const char* c_str() const { return name_; }
 
@@ -68,7 +69,7 @@ bool DeriveKey(const km_kdf_table_t& kdfs, const char* op, const char* password,
   }
   // Every KDF writes keysize bytes into the key buffer; a damaged record must not make it
   // write past the end.
-  if (meta->keysize > kDerivedKeyCapacity) {
+  if (!tavikm::RecordView(meta).ok(tavikm::RecordView::kKeysize)) {
     KM_LOGE("%s::keysize %zu is too large(for %s)\n", op, static_cast<size_t>(meta->keysize),
             RecordName(meta).c_str());
     return false;

@@ -138,7 +138,7 @@ void KekSeeds() {
     size_t kek_len;
   } variants[] = {
       {"gcm_32", false, false, 32},        {"gcm_16", false, false, 16},
-      {"gcm_64", false, false, 64},        {"cbc_32", true, false, 32},
+      {"gcm_48", false, false, 48},        {"cbc_32", true, false, 32},
       {"gcm_32_upgrade", false, true, 32},
   };
   for (const Variant& v : variants) {

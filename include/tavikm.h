@@ -195,13 +195,28 @@ TAVIKM_EXPORT int km_init_km_meta(km_meta* meta, const char* key_loc, uint64_t k
 /* Sets keysize, magic, versions and key_name of `meta`, without clearing it. */
 TAVIKM_EXPORT int km_init_km_meta_enc_by_rek(km_meta* meta, const char* key_loc, uint64_t keysize);
 
-/* Stores `kek` (`kek_len` bytes) under `key_name` in secure storage, encrypted by Keymaster. */
+/*
+ * The longest KEK the store keeps whole: with Keymaster 4.0 object encryption the 64-byte XTKM
+ * value holds the KEK and its 16-byte GCM tag; in CBC-only mode the legacy path encrypts exactly
+ * 32 bytes.
+ */
+#define KM_KEK_MAX_SIZE_GCM 48
+#define KM_KEK_MAX_SIZE_CBC 32
+
+/*
+ * Stores `kek` (`kek_len` bytes) under `key_name` in secure storage, encrypted by Keymaster.
+ * A `kek_len` of 0, or above KM_KEK_MAX_SIZE_GCM (KM_KEK_MAX_SIZE_CBC in CBC-only mode), is
+ * refused with -1 before any key is made or anything written. Returns 0, -1, or a failing
+ * step's negative result. When the Keymaster key needs an upgrade on the way, the upgraded
+ * record goes back to the same secure-storage entry.
+ */
 TAVIKM_EXPORT int km_put_kek_enc_by_rek(const char* key_name, const uint8_t* kek, uint64_t kek_len);
 
 /*
  * Reads the KEK stored under `key_name` into `kek_out` (room for 64 bytes). Returns 0 with the
- * length in `*kek_len_out` (0 after the Keymaster key was upgraded on the way: ask again),
- * 1 when there is no such entry (outputs untouched), or -1.
+ * length in `*kek_len_out` (0 after the Keymaster key was upgraded on the way and the upgraded
+ * record stored back under `key_name`: ask again), 1 when there is no such entry (outputs
+ * untouched), or -1.
  */
 TAVIKM_EXPORT int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out,
                                         uint64_t* kek_len_out);
@@ -269,7 +284,12 @@ TAVIKM_EXPORT int crypto_scrypt(const uint8_t* password, size_t password_len, co
                                 size_t salt_len, uint64_t N, uint32_t r, uint32_t p, uint8_t* out,
                                 size_t out_len);
 
-/* The KDF of kdf_type 4: PBKDF2 combined with the record's KEK. `ikey` holds 64 bytes. */
+/*
+ * The KDF of kdf_type 4: PBKDF2 combined with the record's KEK. `ikey` holds 64 bytes. When the
+ * record's Keymaster key needs an upgrade, the upgraded `params` record is written back to its
+ * key location at offset 0; in a metadata file only if offset 0 holds this same record (same
+ * salt and wrapped master key), otherwise the caller stores the changed record where it read it.
+ */
 TAVIKM_EXPORT int km_pbkdf2_rek(const char* password, unsigned long password_len,
                                 const unsigned char* salt, unsigned char* ikey, void* params);
 

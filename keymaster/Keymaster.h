@@ -1,7 +1,9 @@
 // The library's client of the Keymaster 4.0 HAL: Keymaster picks one device and generates,
 // upgrades and deletes keys and begins operations on it; KeymasterOperation carries one begun
 // operation through update and finish, and aborts it when it is dropped unfinished. Key blobs
-// are byte strings (std::string holding raw bytes). Both classes live for one library call.
+// are byte strings (std::string holding raw bytes). Both classes live for one library call, and
+// both are part of the library's interface: their out-of-line members are exported (inline ones
+// are compiled into the caller).
 #ifndef TAVIKM_KEYMASTER_KEYMASTER_H_
 #define TAVIKM_KEYMASTER_KEYMASTER_H_
 
@@ -15,6 +17,8 @@
 #include <memory>
 #include <string>
 
+#include "tavikm.h"
+
 namespace android {
 namespace mdfpp {
 
@@ -24,7 +28,7 @@ class Keymaster;
 
 // One operation on a Keymaster device. Live while `device` is set: then it has to be finished,
 // or it is aborted on destruction. Only Keymaster::begin makes one.
-class KeymasterOperation {
+class TAVIKM_EXPORT KeymasterOperation {
  public:
   ~KeymasterOperation();
   // The target takes over the operation; the source is left failed with UNKNOWN_ERROR, so the
@@ -77,7 +81,7 @@ class KeymasterOperation {
 
 // A session with the first Keymaster 4.0 device that is not StrongBox. Without one the object
 // converts to false, and no other member may be called.
-class Keymaster {
+class TAVIKM_EXPORT Keymaster {
  public:
   Keymaster();
   Keymaster(const Keymaster&) = delete;

@@ -15,6 +15,7 @@
 #include <string.h>
 
 #include "common/log.h"
+#include "common/record_view.h"
 
 namespace {
 
@@ -23,8 +24,9 @@ constexpr size_t kMessageSize = 32;
 constexpr size_t kMacKeySize = 32;
 // The local buffers MAC keys live in.
 constexpr size_t kKeyBufferSize = 64;
-// The MACed bytes start at xtkm_value and may run on, but never past the record's end.
-constexpr size_t kMaxXtkmValueSize = sizeof(km_meta) - offsetof(km_meta, xtkm_value);
+static_assert(kKeyBufferSize >= tavikm::kMaxRecordMacKeySize, "a stored MAC key must fit");
+
+using tavikm::RecordView;
 
 struct CipherMessages {
   const char* begin;
@@ -137,25 +139,26 @@ done:
 
 // The record's key blob, or false when its stored length overruns the blob field.
 bool RecordKey(const km_meta* meta, keymaster_key_blob_t* key) {
-  if (meta->km_key_blob_size > sizeof(meta->km_key_blob)) return false;
+  const RecordView view(meta);
+  if (!view.ok(RecordView::kKeyBlob)) return false;
   key->key_material = meta->km_key_blob;
-  key->key_material_size = static_cast<size_t>(meta->km_key_blob_size);
+  key->key_material_size = view.key_blob_size();
   return true;
 }
 
-// HMAC-SHA256 over the record's XTKM value into `mac` (room for EVP_MAX_MD_SIZE). False when the
-// MAC cannot be made, also when a stored length would take it outside the record or the key.
-bool XtkmMac(const km_meta* meta, const unsigned char* mac_key, uint64_t mac_key_size,
-             unsigned char* mac, unsigned int* mac_len) {
-  if (meta->xtkm_value_size > kMaxXtkmValueSize || mac_key_size > kKeyBufferSize) return false;
-  return HMAC(EVP_sha256(), mac_key, static_cast<size_t>(mac_key_size), meta->xtkm_value,
-              static_cast<size_t>(meta->xtkm_value_size), mac, mac_len) != nullptr;
+// HMAC-SHA256 over the record's XTKM value with the record's MAC key length into `mac` (room
+// for EVP_MAX_MD_SIZE). False when the MAC cannot be made, also when a stored length would take
+// it outside the record or the key.
+bool XtkmMac(const km_meta* meta, const unsigned char* mac_key, unsigned char* mac,
+             unsigned int* mac_len) {
+  const RecordView view(meta);
+  if (!view.ok(RecordView::kXtkmValue | RecordView::kMacKey)) return false;
+  return HMAC(EVP_sha256(), mac_key, view.mac_key_size(), meta->xtkm_value, view.xtkm_value_size(),
+              mac, mac_len) != nullptr;
 }
 
 // key_name for messages, never read past its field.
-int NameLength(const km_meta* meta) {
-  return static_cast<int>(strnlen(meta->key_name, sizeof(meta->key_name)));
-}
+int NameLength(const km_meta* meta) { return RecordView(meta).key_name_length(); }
 
 }  // namespace
 
@@ -217,7 +220,7 @@ int km_generate_HMAC(km_meta* meta) {
 
   unsigned char mac[EVP_MAX_MD_SIZE];
   unsigned int mac_len = 0;
-  bool made = XtkmMac(meta, mac_key, meta->mac_key_size, mac, &mac_len);
+  bool made = XtkmMac(meta, mac_key, mac, &mac_len);
   OPENSSL_cleanse(mac_key, sizeof(mac_key));
   if (!made) {
     KM_LOGE("Failed to create %.*s_mac\n", NameLength(meta), meta->key_name);
@@ -241,7 +244,7 @@ int km_verify_HMAC(km_meta* meta) {
 
   unsigned char mac[EVP_MAX_MD_SIZE];
   unsigned int mac_len = 0;
-  bool made = XtkmMac(meta, mac_key, meta->mac_key_size, mac, &mac_len);
+  bool made = XtkmMac(meta, mac_key, mac, &mac_len);
   OPENSSL_cleanse(mac_key, sizeof(mac_key));
   if (!made) {
     KM_LOGE("Failed to create %.*s_mac for verify\n", NameLength(meta), meta->key_name);

@@ -69,6 +69,23 @@ void WipeAndFree(unsigned char* buffer, size_t size) {
   free(buffer);
 }
 
+// Wipes the call's copies of the key, the object and the result on every way out: one of them
+// holds the plaintext.
+class WipeOnReturn {
+ public:
+  WipeOnReturn(std::string* a, std::string* b, std::string* c) : strings_{a, b, c} {}
+  ~WipeOnReturn() {
+    for (std::string* s : strings_) {
+      if (!s->empty()) OPENSSL_cleanse(&(*s)[0], s->size());
+    }
+  }
+  WipeOnReturn(const WipeOnReturn&) = delete;
+  WipeOnReturn& operator=(const WipeOnReturn&) = delete;
+
+ private:
+  std::string* strings_[3];
+};
+
 int RunObject(const Direction& direction, const unsigned char* key_blob,
               unsigned long key_blob_size, const unsigned char* nonce, unsigned long nonce_size,
               unsigned int ratelimit, const unsigned char* object, unsigned long object_size,
@@ -85,6 +102,10 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
   std::string key = Bytes(key_blob, key_blob_size);
   std::string input = Bytes(object, object_size);
   std::string nonce_bytes = Bytes(nonce, nonce_size);
+  std::string output;
+  // Room for the result and its tag up front, so appending leaves no unwiped copy behind.
+  output.reserve(input.size() + 16);
+  WipeOnReturn wipe(&key, &input, &output);
 
   // Same parameters both ways; only NONCE and MAC_LENGTH trade places.
   km::AuthorizationSetBuilder params;
@@ -111,7 +132,6 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
     return -1;
   }
 
-  std::string output;
   if (!op.updateCompletely(input.data(), input.size(), [&output](const char* piece, size_t n) {
         if (n) output.append(piece, n);
       })) {
@@ -155,8 +175,8 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
              : nullptr;
   if (!*out) {
     KM_STREAM_LOG(ERROR) << direction.allocation;
-    free(first);
-    free(second);
+    WipeAndFree(first, update_length);
+    WipeAndFree(second, finish_length);
     return -1;
   }
   if (update_length) memcpy(*out, first, update_length);

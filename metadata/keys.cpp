@@ -1,10 +1,10 @@
 // The record's Keymaster AES key.
 #include "metadata/keys.h"
 
-#include <algorithm>
 #include <type_traits>
 
 #include "common/log.h"
+#include "common/record_view.h"
 #include "tavikm_keymaster.h"
 
 // The record's 64-bit sizes are handed to the services as their unsigned long outputs.
@@ -17,8 +17,8 @@ constexpr unsigned long kNonceLength = 12;
 }  // namespace
 
 unsigned long km_key_blob_length(const km_meta* meta) {
-  return static_cast<unsigned long>(
-      std::min<uint64_t>(meta->km_key_blob_size, KM_KEY_BLOB_CAPACITY));
+  const tavikm::RecordView view(meta);
+  return view.ok(tavikm::RecordView::kKeyBlob) ? view.key_blob_size() : 0;
 }
 
 keymaster_key_blob_t km_legacy_key_blob(const km_meta* meta) {

@@ -9,8 +9,9 @@
 
 #include "tavikm.h"
 
-// The used length of the record's key blob, never more than the field holds: a corrupt size
-// must not make a Keymaster call read past the record.
+// The used length of the record's key blob; 0 (no key, which every Keymaster call refuses) when
+// the stored size is more than the field holds, so a corrupt size never makes a Keymaster call
+// read past the record.
 unsigned long km_key_blob_length(const km_meta* meta);
 
 // The record's key blob in the legacy Keymaster's terms.

@@ -12,20 +12,22 @@
 
 #include "common/flags.h"
 #include "common/log.h"
+#include "common/record_view.h"
 #include "keymaster/legacy_keymaster.h"
 #include "metadata/keys.h"
 #include "metadata/kmstore.h"
 #include "metadata/record.h"
+#include "metadata/store.h"
 #include "tavikm.h"
 #include "tavikm_keymaster.h"
 
 namespace {
 
+using tavikm::RecordView;
+
 constexpr unsigned kSaltLength = 16;
 constexpr unsigned kPbkdf2Iterations = 8192;
 constexpr size_t kKekBuffer = 64;
-// Bytes from xtkm_value to the end of the record.
-constexpr size_t kXtkmRoom = KM_META_SIZE - offsetof(km_meta, xtkm_value);
 
 void InitKekRecord(km_meta* meta) {
   memset(meta, 0, sizeof(*meta));
@@ -53,7 +55,9 @@ int PutKekByKeymaster4(km_meta* rec, const char* key_name, const uint8_t* kek, u
       return rc;
     }
     if (km_upgrade_aes_key(rec) != 0) return -1;
-    rc = km_put_km_meta(key_name, 0, rec);
+    // Back to the entry the record is for, whatever the MDFPP flag says: KEK records live
+    // nowhere else.
+    rc = km_put_km_meta_to_secure_storage(key_name, rec);
     if (rc < 0) {
       KM_LOGE("Failed to write upgraded km_meta\n");
       return rc;
@@ -96,6 +100,19 @@ int PutKekByLegacyKeymaster(km_meta* rec, const char* key_name, const uint8_t* k
   return 0;
 }
 
+// Whether the upgraded `meta` may be written back over offset 0 of `key_loc`: always in secure
+// storage; in a metadata file only over this same record, since the caller may have read it
+// from another offset and offset 0 may hold another record.
+bool MayWriteBackAtZero(const char* key_loc, const km_meta* meta) {
+  if (km_place_is_secure_storage(key_loc)) return true;
+  km_meta at_zero;
+  bool same = km_peek_file_record(key_loc, 0, &at_zero) &&
+              memcmp(at_zero.salt, meta->salt, sizeof(meta->salt)) == 0 &&
+              memcmp(at_zero.master_key, meta->master_key, sizeof(meta->master_key)) == 0;
+  OPENSSL_cleanse(&at_zero, sizeof(at_zero));
+  return same;
+}
+
 }  // namespace
 
 int km_init_km_meta_enc_by_rek(km_meta* meta, const char* key_loc, uint64_t keysize) {
@@ -118,12 +135,20 @@ int km_put_kek_enc_by_rek(const char* key_name, const uint8_t* kek, uint64_t kek
     KM_LOGE("%s::Failed, key_name is NULL! \n", "km_put_kek_enc_by_rek");
     return -1;
   }
+  // A longer KEK would be stored and never come back whole: the GCM tag would run past
+  // xtkm_value, and the legacy path encrypts 32 bytes only.
+  const bool cbc_only = km_flag_is_set(supportCBConly);
+  if (kek_len == 0 || kek_len > (cbc_only ? KM_KEK_MAX_SIZE_CBC : KM_KEK_MAX_SIZE_GCM)) {
+    KM_LOGE("%s::kek_len %zu is too large(for %s)\n", "km_put_kek_enc_by_rek",
+            static_cast<size_t>(kek_len), cbc_only ? "CBC" : "GCM");
+    return -1;
+  }
   rec.keysize = kek_len;
   km_copy_into_record(&rec, rec.key_name, key_name, strlen(key_name));
 
   if (km_ensure_aes_key(&rec) != 0) return -1;
-  int rc = km_flag_is_set(supportCBConly) ? PutKekByLegacyKeymaster(&rec, key_name, kek, kek_len)
-                                          : PutKekByKeymaster4(&rec, key_name, kek, kek_len);
+  int rc = cbc_only ? PutKekByLegacyKeymaster(&rec, key_name, kek, kek_len)
+                    : PutKekByKeymaster4(&rec, key_name, kek, kek_len);
   if (rc != 0) return rc;
 
   kmstore_device* device = nullptr;
@@ -180,17 +205,17 @@ int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_
             key_name);
   }
 
+  // Nothing of a record that no put can have written reaches the Keymaster.
+  const RecordView view(rec);
+  if (!view.ok()) {
+    KM_LOGE("Failed to decrypt KEK by keymaster");
+    return finish(-1);
+  }
   if (!km_flag_is_set(supportCBConly)) {
-    // A stored size that reaches past the record, or that would decrypt to more than the
-    // caller's 64 bytes, cannot come from a put.
-    if (rec->xtkm_value_size > kXtkmRoom) {
-      KM_LOGE("Failed to decrypt KEK by keymaster");
-      return finish(-1);
-    }
     unsigned long ignored = rec->km_key_blob_size;
     rc = keymaster_decrypt_object_for_mdfpp(
-        rec->km_key_blob, km_key_blob_length(rec), rec->object_iv, 12, 1, rec->xtkm_value,
-        rec->xtkm_value_size, &out, &out_len, rec->km_key_blob, KM_KEY_BLOB_CAPACITY, &ignored);
+        rec->km_key_blob, view.key_blob_size(), rec->object_iv, 12, 1, rec->xtkm_value,
+        view.xtkm_value_size(), &out, &out_len, rec->km_key_blob, KM_KEY_BLOB_CAPACITY, &ignored);
     if (rc < 0) {
       KM_LOGE("Failed to decrypt KEK by keymaster");
       if (rc != -2) return finish(-1);
@@ -200,7 +225,8 @@ int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_
         OPENSSL_cleanse(kek, sizeof(kek));
         return -1;
       }
-      rc = km_put_km_meta(rec->key_name, 0, rec);
+      // Back to the entry it was read from, whatever the MDFPP flag says.
+      rc = km_put_km_meta_to_secure_storage(key_name, rec);
       if (rc < 0) {
         KM_LOGE("Failed to write upgraded km_meta\n");
         OPENSSL_cleanse(kek, sizeof(kek));
@@ -219,18 +245,19 @@ int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_
   }
 
   if (km_verify_HMAC(rec) < 0) {
-    KM_LOGE("Failed to verify %s_mac", rec->key_name);
+    KM_LOGE("Failed to verify %.*s_mac", view.key_name_length(), view.key_name());
     return finish(-1);
   }
-  KM_LOGI("success to verify %s_mac", rec->key_name);
+  KM_LOGI("success to verify %.*s_mac", view.key_name_length(), view.key_name());
   keymaster_key_blob_t key = km_legacy_key_blob(rec);
   rc = km_keymaster_decrypt_message(rec, &key, rec->xtkm_value, kek);
-  if (rc < 0 || rec->xtkm_value_size > kKekBuffer) {
+  // The plain KEK is copied out of the 64-byte buffer: no more than that.
+  if (rc < 0 || view.xtkm_value_size() > kKekBuffer) {
     KM_LOGE("Failed to decrypt KEK by keymaster");
     return finish(-1);
   }
-  memcpy(kek_out, kek, rec->xtkm_value_size);
-  *kek_len_out = rec->xtkm_value_size;
+  memcpy(kek_out, kek, view.xtkm_value_size());
+  *kek_len_out = view.xtkm_value_size();
   return finish(rc);
 }
 
@@ -262,26 +289,30 @@ int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsign
     OPENSSL_cleanse(kek, sizeof(kek));
     return result;
   };
-  if (meta->keysize > sizeof(derived)) {
+  const RecordView view(meta);
+  if (!view.ok(RecordView::kKeysize)) {
     KM_LOGE("Unsupported keysize %llu", static_cast<unsigned long long>(meta->keysize));
     return finish(-1);
   }
+  // The key location, bounded to its field.
+  char key_loc[sizeof(meta->key_name) + 1] = {};
+  memcpy(key_loc, view.key_name(), static_cast<size_t>(view.key_name_length()));
   PKCS5_PBKDF2_HMAC(password, password_len, salt, kSaltLength, kPbkdf2Iterations, EVP_sha256(),
-                    meta->keysize, derived);
+                    view.keysize(), derived);
 
   keymaster_key_blob_t key = km_legacy_key_blob(meta);
   if (km_flag_is_set(supportRekKek)) {
     if (km_verify_HMAC(meta) < 0) {
-      KM_LOGE("Failed to verify %s_mac by keymaster", meta->key_name);
+      KM_LOGE("Failed to verify %s_mac by keymaster", key_loc);
       return finish(-1);
     }
-    KM_LOGI("success to verify %s_mac by keymaster", meta->key_name);
+    KM_LOGI("success to verify %s_mac by keymaster", key_loc);
     if (km_keymaster_decrypt_message(meta, &key, meta->xtkm_value, kek) < 0) {
       KM_LOGE("(%s)Failed to decrypt KEK by keymaster", "km_pbkdf2_rek");
       return finish(-1);
     }
     // The wrapping key: the password-derived key encrypted under the KEK.
-    if (km_aes_encrypt(derived, static_cast<int>(meta->keysize), kek, meta->keysize,
+    if (km_aes_encrypt(derived, static_cast<int>(view.keysize()), kek, view.keysize(),
                        meta->object_iv, ikey, 0) < 0) {
       KM_LOGE("(%s)Failed to encrypt KEK by REK to generate DEKEK\n", "km_pbkdf2_rek");
       return finish(-1);
@@ -302,14 +333,18 @@ int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsign
     unsigned int out_len = 0;
     // The output length lands in the low half of xtkm_value_size, as it always has.
     int rc = km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
-      int r = km_encrypt_with_record_key(meta, derived, meta->keysize, &out, size);
+      int r = km_encrypt_with_record_key(meta, derived, view.keysize(), &out, size);
       out_len = *size;
       return r;
     });
     if (rc == -2) {
       KM_LOGI("NEED TO UPGRADE KEY\n");
       if (km_upgrade_aes_key(meta) != 0) return finish(-1);
-      if (km_put_km_meta(meta->key_name, 0, meta) < 0) {
+      if (!MayWriteBackAtZero(key_loc, meta)) {
+        KM_LOGI("Upgraded key of %s not stored: another record at offset 0", key_loc);
+        continue;
+      }
+      if (km_put_km_meta(key_loc, 0, meta) < 0) {
         KM_LOGE("Failed to write upgraded km_meta\n");
         return finish(-1);
       }

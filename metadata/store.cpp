@@ -1,5 +1,7 @@
 // Moving a km_meta record between the caller's memory and its place: an entry in secure
 // storage, or a metadata file (regular file or block device) at an offset.
+#include "metadata/store.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -13,11 +15,6 @@
 #include "tavikm.h"
 
 namespace {
-
-// Secure storage when the MDFPP flag is set and `key_loc` is not an absolute path.
-bool InSecureStorage(const char* key_loc) {
-  return km_flag_is_set(supportMdfpp) && key_loc[0] != '/';
-}
 
 // read()/write() until `n` bytes moved, EOF or an error; returns the bytes moved.
 template <typename Io, typename Ptr>
@@ -139,7 +136,7 @@ int km_get_km_meta(const char* key_loc, uint64_t offset, km_meta* meta) {
     return -1;
   }
   KM_LOGE("key_loc=%s, %llu\n", key_loc, static_cast<unsigned long long>(offset));
-  if (InSecureStorage(key_loc)) return GetFromSecureStorage(key_loc, meta);
+  if (km_place_is_secure_storage(key_loc)) return GetFromSecureStorage(key_loc, meta);
   return GetFromFile(key_loc, offset, meta);
 }
 
@@ -148,8 +145,15 @@ int km_put_km_meta(const char* key_loc, int64_t offset, const km_meta* meta) {
     KM_LOGE("%s::Failed, key_loc is NULL! \n", "km_put_km_meta");
     return -1;
   }
-  if (!InSecureStorage(key_loc)) return WriteToFile(key_loc, offset, meta);
+  if (!km_place_is_secure_storage(key_loc)) return WriteToFile(key_loc, offset, meta);
+  return km_put_km_meta_to_secure_storage(key_loc, meta);
+}
 
+bool km_place_is_secure_storage(const char* key_loc) {
+  return km_flag_is_set(supportMdfpp) && key_loc[0] != '/';
+}
+
+int km_put_km_meta_to_secure_storage(const char* key_loc, const km_meta* meta) {
   kmstore_device* device = nullptr;
   int rc = km_open_kmstore(kKmstoreInitFailed, "put_km_meta", &device);
   if (rc < 0) return rc;
@@ -160,12 +164,22 @@ int km_put_km_meta(const char* key_loc, int64_t offset, const km_meta* meta) {
   return 0;
 }
 
+bool km_peek_file_record(const char* key_loc, int64_t offset, km_meta* meta) {
+  int fd = open(key_loc, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool read_all =
+      lseek64(fd, offset, SEEK_SET) != -1 &&
+      TransferAll(read, fd, reinterpret_cast<uint8_t*>(meta), KM_META_SIZE) == KM_META_SIZE;
+  close(fd);
+  return read_all;
+}
+
 int km_delete_meta(const char* key_loc, int64_t offset) {
   if (!key_loc) {
     KM_LOGE("%s::Failed, key_loc is NULL! \n", "km_delete_meta");
     return -1;
   }
-  if (!InSecureStorage(key_loc)) {
+  if (!km_place_is_secure_storage(key_loc)) {
     static const uint8_t kZeros[KM_META_SIZE] = {};
     return WriteToFile(key_loc, offset, kZeros);
   }

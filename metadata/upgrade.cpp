@@ -15,6 +15,7 @@
 
 #include "common/flags.h"
 #include "common/log.h"
+#include "common/record_view.h"
 #include "keymaster/legacy_keymaster.h"
 #include "metadata/keys.h"
 #include "tavikm.h"
@@ -35,9 +36,9 @@ int WriteBack(const char* key_loc, const km_meta* meta) {
 // "<key_name>_kek" in a 256-byte buffer. A name too long for it is a broken record that must
 // not be formatted past the buffer: the process aborts, as bounds-checked formatting would.
 void KekEntryName(const km_meta* meta, char (&name)[256]) {
-  const size_t room = KM_META_SIZE - offsetof(km_meta, key_name);
-  const size_t length = strnlen(meta->key_name, room);
-  if (length + sizeof("_kek") > sizeof(name)) {
+  const tavikm::RecordView view(meta);
+  const size_t length = static_cast<size_t>(view.key_name_length());
+  if (!view.ok(tavikm::RecordView::kKeyName) || length + sizeof("_kek") > sizeof(name)) {
     KM_LOGE("key name of %zu bytes is too long for its kek entry", length);
     abort();
   }
@@ -107,7 +108,9 @@ int km_meta_upgrade_size(const char* key_loc, km_meta* meta, uint64_t stored_len
     case 2592:
       KM_LOGI("This meta data should be upgrade from XTKM value to kek mac km_meta_t");
       if (km_flag_is_set(supportCBConly) && km_generate_HMAC(meta) < 0) {
-        KM_LOGE("Failed to generate %s_mac by keymaster", meta->key_name);
+        const tavikm::RecordView view(meta);
+        KM_LOGE("Failed to generate %.*s_mac by keymaster", view.key_name_length(),
+                view.key_name());
         return -1;
       }
       // Current from here on, so the version test does not also give it the KEK upgrade.

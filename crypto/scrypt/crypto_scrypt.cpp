@@ -4,6 +4,7 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -102,22 +103,34 @@ int km_crypto_scrypt_with(const km_scrypt_backend* backend, const uint8_t* passw
   // Chosen only now, so that refused arguments never run the back ends' self-test.
   if (backend == nullptr) backend = km_scrypt_selected_backend();
 
-  WorkArea B, XY, V;
+  // The result goes to its own area first: a PBKDF2 that fails half-way leaves the caller's
+  // output untouched.
+  WorkArea B, XY, V, result;
   if ((errno = B.Allocate(b_size)) != 0) return -1;
   if ((errno = XY.Allocate(xy_size)) != 0) return -1;
   if ((errno = V.Allocate(v_size)) != 0) return -1;
+  if ((errno = result.Allocate(out_len ? static_cast<size_t>(out_len) : 1)) != 0) return -1;
   if (v_size >= (2u << 20)) V.PreferHugePages();
   B.MarkDirty();
   XY.MarkDirty();
   V.MarkDirty();
+  result.MarkDirty();
 
-  PKCS5_PBKDF2_HMAC(reinterpret_cast<const char*>(password), password_len, salt, salt_len, 1,
-                    EVP_sha256(), b_size, B.get());
+  // libcrypto fails PBKDF2 only when it cannot allocate.
+  if (!PKCS5_PBKDF2_HMAC(reinterpret_cast<const char*>(password), password_len, salt, salt_len, 1,
+                         EVP_sha256(), b_size, B.get())) {
+    errno = ENOMEM;
+    return -1;
+  }
   for (uint32_t i = 0; i < p; i++) {
     backend->smix(B.get() + static_cast<size_t>(v_entry) * i, r, N, V.get(), XY.get());
   }
-  PKCS5_PBKDF2_HMAC(reinterpret_cast<const char*>(password), password_len, B.get(), b_size, 1,
-                    EVP_sha256(), out_len, out);
+  if (!PKCS5_PBKDF2_HMAC(reinterpret_cast<const char*>(password), password_len, B.get(), b_size, 1,
+                         EVP_sha256(), out_len, result.get())) {
+    errno = ENOMEM;
+    return -1;
+  }
+  memcpy(out, result.get(), static_cast<size_t>(out_len));
   return 0;
 }
 
