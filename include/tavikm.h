@@ -269,6 +269,14 @@ TAVIKM_EXPORT int crypto_scrypt(const uint8_t* password, size_t password_len, co
                                 size_t salt_len, uint64_t N, uint32_t r, uint32_t p, uint8_t* out,
                                 size_t out_len);
 
+/*
+ * The name of the Salsa20/8 back end crypto_scrypt runs in this process ("avx512vl", "sse2",
+ * "neon", "scalar" or "portable"): a static string. The first call (or crypto_scrypt's) makes
+ * the choice: each back end the CPU can run is checked against a known answer and timed, and
+ * the fastest is kept.
+ */
+TAVIKM_EXPORT const char* km_scrypt_backend_name(void);
+
 /* The KDF of kdf_type 4: PBKDF2 combined with the record's KEK. `ikey` holds 64 bytes. */
 TAVIKM_EXPORT int km_pbkdf2_rek(const char* password, unsigned long password_len,
                                 const unsigned char* salt, unsigned char* ikey, void* params);
