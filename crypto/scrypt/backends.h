@@ -32,7 +32,7 @@ extern const km_scrypt_backend km_scrypt_avx512vl;
 extern const km_scrypt_backend km_scrypt_neon;
 #endif
 
-// Every back end built into the library, the portable one last.
+// Every back end built into the library, the default first and the portable one last.
 std::vector<const km_scrypt_backend*> km_scrypt_all_backends();
 
 // The back ends this CPU supports and that pass the known-answer test, in the order above.
