@@ -12,8 +12,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -146,19 +144,32 @@ void PrintTable(const std::vector<std::string>& order, const std::vector<std::st
   for (const std::string& line : targets) printf("  %s\n", line.c_str());
 }
 
-long MaxRssKiB() {
-  struct rusage usage;
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
+// A field of /proc/self/status in KiB ("VmRSS", "VmHWM"), or -1.
+long StatusKiB(const char* field) {
+  FILE* f = fopen("/proc/self/status", "r");
+  if (f == nullptr) return -1;
+  char line[256];
+  long kib = -1;
+  const size_t n = strlen(field);
+  while (fgets(line, sizeof(line), f) != nullptr) {
+    if (strncmp(line, field, n) == 0 && line[n] == ':') kib = atol(line + n + 1);
+  }
+  fclose(f);
+  return kib;
 }
 
-long CurrentRssKiB() {
-  FILE* f = fopen("/proc/self/statm", "r");
-  if (f == nullptr) return 0;
-  long size = 0, resident = 0;
-  const int got = fscanf(f, "%ld %ld", &size, &resident);
-  fclose(f);
-  return got == 2 ? resident * (sysconf(_SC_PAGESIZE) / 1024) : 0;
+// How far `run` raises the resident set above where it stood: the kernel's high-water mark is
+// first reset to the current size (clear_refs 5), so earlier peaks do not count.
+template <typename Fn>
+long PeakRssIncreaseKiB(Fn run) {
+  FILE* f = fopen("/proc/self/clear_refs", "w");
+  if (f != nullptr) {
+    fputs("5", f);
+    fclose(f);
+  }
+  const long before = StatusKiB("VmRSS");
+  run();
+  return StatusKiB("VmHWM") - before;
 }
 
 // The first derivations of the process: a small one, which also picks the back end and pages
@@ -166,13 +177,11 @@ long CurrentRssKiB() {
 // high-water mark of the resident set is theirs.
 void ReportFirstDerivations() {
   std::vector<uint8_t> key(32);
-  long before = CurrentRssKiB();
-  crypto_scrypt(Pw(), strlen(kPassword), kSalt, sizeof(kSalt), 16, 8, 1, key.data(), key.size());
-  const long first_increase = MaxRssKiB() - before;
+  const long first_increase = PeakRssIncreaseKiB([&] {
+    crypto_scrypt(Pw(), strlen(kPassword), kSalt, sizeof(kSalt), 16, 8, 1, key.data(), key.size());
+  });
   const Params& q = kParams[sizeof(kParams) / sizeof(kParams[0]) - 1];
-  before = CurrentRssKiB();
-  Ours(q, key.data());
-  const long increase = MaxRssKiB() - before;
+  const long increase = PeakRssIncreaseKiB([&] { Ours(q, key.data()); });
 
   const km_scrypt_calibration& c = km_scrypt_startup_calibration();
   printf(
