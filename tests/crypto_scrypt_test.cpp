@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -96,12 +97,13 @@ bool CpuClaims(const km_scrypt_backend* backend) {
 #if defined(__aarch64__)
   if (name == "neon") return true;
 #endif
-  return name == "portable";
+  return name == "portable" || name == "scalar";
 }
 
 // A back end the CPU can run but that fails its known-answer test would silently fall back to
-// a slower one; every back end this CPU supports must pass.
-TEST(ScryptBackendChoice, EverySupportedBackEndPassesAndTheBestIsSelected) {
+// a slower one; every back end this CPU supports must pass, and the one crypto_scrypt runs is
+// the fastest of them as timed at startup.
+TEST(ScryptBackendChoice, EverySupportedBackEndPassesAndTheFastestIsSelected) {
   const std::vector<const km_scrypt_backend*> all = km_scrypt_all_backends();
   ASSERT_FALSE(all.empty());
   EXPECT_EQ(all.back(), &km_scrypt_portable);
@@ -111,10 +113,22 @@ TEST(ScryptBackendChoice, EverySupportedBackEndPassesAndTheBestIsSelected) {
     if (CpuClaims(backend)) expected.push_back(backend);
   }
   EXPECT_EQ(km_scrypt_usable_backends(), expected);
-  EXPECT_EQ(km_scrypt_selected_backend(), expected.front());
-#if defined(__aarch64__)
-  EXPECT_STREQ(km_scrypt_selected_backend()->name, "neon");
-#endif
+
+  const km_scrypt_calibration& startup = km_scrypt_startup_calibration();
+  ASSERT_EQ(startup.timings.size(), expected.size());
+  uint64_t best = UINT64_MAX;
+  for (size_t i = 0; i < expected.size(); i++) {
+    EXPECT_EQ(startup.timings[i].first, expected[i]);
+    EXPECT_GT(startup.timings[i].second, 0u);
+    best = std::min(best, startup.timings[i].second);
+  }
+  EXPECT_EQ(km_scrypt_selected_backend(), startup.fastest);
+  EXPECT_STREQ(km_scrypt_backend_name(), startup.fastest->name);
+  for (const auto& timing : startup.timings) {
+    if (timing.first == startup.fastest) {
+      EXPECT_EQ(timing.second, best);
+    }
+  }
 }
 
 bool Supported() { return true; }
@@ -126,6 +140,8 @@ void WrongSmix(uint8_t* B, size_t r, uint64_t N, void* V, void* XY) {
 void PortableSmix(uint8_t* B, size_t r, uint64_t N, void* V, void* XY) {
   km_scrypt_portable.smix(B, r, N, V, XY);
 }
+// Faster than any real back end, and wrong.
+void NoSmix(uint8_t*, size_t, uint64_t, void*, void*) {}
 
 TEST(ScryptBackendChoice, SelfTestRejectsWrongAnswersAndMissingInstructions) {
   const km_scrypt_backend wrong = {"wrong", Supported, WrongSmix};
@@ -137,6 +153,22 @@ TEST(ScryptBackendChoice, SelfTestRejectsWrongAnswersAndMissingInstructions) {
   EXPECT_TRUE(km_scrypt_self_test(&good));
   // The self-test runs inside a caller's crypto_scrypt and must not disturb its errno.
   EXPECT_EQ(errno, EIO);
+}
+
+// The calibration with each back end in turn as its only sound candidate: that one is chosen,
+// never a faster one that fails its test or that the CPU cannot run.
+TEST(ScryptBackendChoice, CalibrationKeepsOnlyBackEndsThatPass) {
+  const km_scrypt_backend fast_wrong = {"fast_wrong", Supported, NoSmix};
+  const km_scrypt_backend absent = {"absent", Unsupported, NoSmix};
+  for (const km_scrypt_backend* backend : km_scrypt_usable_backends()) {
+    SCOPED_TRACE(backend->name);
+    const km_scrypt_calibration c = km_scrypt_calibrate({&fast_wrong, &absent, backend});
+    EXPECT_EQ(c.fastest, backend);
+    ASSERT_EQ(c.timings.size(), 1u);
+    EXPECT_EQ(c.timings[0].first, backend);
+  }
+  // With nothing sound to choose from, the portable code runs.
+  EXPECT_EQ(km_scrypt_calibrate({&fast_wrong, &absent}).fastest, &km_scrypt_portable);
 }
 
 TEST(CryptoScrypt, ExportedFunctionGivesTheKnownAnswers) {

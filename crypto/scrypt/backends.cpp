@@ -1,18 +1,52 @@
 // The table of Salsa20/8 back ends and the run-time choice among them: a back end is used only
-// when the CPU has its instructions and it reproduces a known answer on this CPU.
+// when the CPU has its instructions and it reproduces a known answer on this CPU, and of those
+// the one that runs fastest here is kept. Which one that is cannot be told from the CPU's
+// features: on some cores every vector operation takes two cycles and plain 32-bit code wins.
 #include "crypto/scrypt/backends.h"
 
 #include <errno.h>
 #include <openssl/crypto.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
 
+#include <algorithm>
+
+#include "tavikm.h"
+
+namespace {
+
+uint64_t NowNs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// r = 8 as in every derivation the library makes; N = 8 keeps the table in L1, so the
+// timing is the core and BlockMix alone, without the memory system of the moment.
+constexpr size_t kCalibrationR = 8;
+constexpr uint64_t kCalibrationN = 8;
+static_assert(2 * kCalibrationN * 2 * kCalibrationR == kKmScryptCalibrationBlocks,
+              "one SMix of the calibration is kKmScryptCalibrationBlocks blocks");
+// Timed runs per back end; the best counts, so a run cut by preemption does not.
+constexpr int kCalibrationRounds = 3;
+
+}  // namespace
+
+// The order is the default where the calibration cannot time (ties, no memory for its area).
+// On AArch64 the scalar core comes first: its XOR takes the rotate as a shifted operand, so a
+// step is two instructions against NEON's four (see the README's estimates).
 std::vector<const km_scrypt_backend*> km_scrypt_all_backends() {
   std::vector<const km_scrypt_backend*> all;
 #if defined(__x86_64__)
   all.push_back(&km_scrypt_avx512vl);
   all.push_back(&km_scrypt_sse2);
-#endif
-#if defined(__aarch64__)
+  all.push_back(&km_scrypt_scalar);
+#elif defined(__aarch64__)
+  all.push_back(&km_scrypt_scalar);
   all.push_back(&km_scrypt_neon);
+#else
+  all.push_back(&km_scrypt_scalar);
 #endif
   all.push_back(&km_scrypt_portable);
   return all;
@@ -46,14 +80,56 @@ std::vector<const km_scrypt_backend*> km_scrypt_usable_backends() {
   return usable;
 }
 
-const km_scrypt_backend* km_scrypt_selected_backend() {
-  static const km_scrypt_backend* selected = [] {
-    for (const km_scrypt_backend* backend : km_scrypt_all_backends()) {
-      if (km_scrypt_self_test(backend)) return backend;
+km_scrypt_calibration km_scrypt_calibrate(const std::vector<const km_scrypt_backend*>& candidates) {
+  const uint64_t start = NowNs();
+  km_scrypt_calibration result;
+  for (const km_scrypt_backend* backend : candidates) {
+    if (km_scrypt_self_test(backend)) result.timings.push_back({backend, UINT64_MAX});
+  }
+  // One area for B, the table and XY. The input is constant, so nothing in it is secret.
+  const size_t b_size = 128 * kCalibrationR;
+  const size_t v_size = 128 * kCalibrationR * kCalibrationN;
+  const size_t xy_size = 256 * kCalibrationR + 64;
+  void* area = nullptr;
+  if (!result.timings.empty() && posix_memalign(&area, 64, b_size + v_size + xy_size) == 0) {
+    uint8_t* b = static_cast<uint8_t*>(area);
+    uint8_t* v = b + b_size;
+    uint8_t* xy = v + v_size;
+    // Touched once beforehand, so that no back end's run pays the first page faults.
+    memset(area, 0x5c, b_size + v_size + xy_size);
+    for (int round = 0; round < kCalibrationRounds; round++) {
+      for (auto& timing : result.timings) {
+        const uint64_t t0 = NowNs();
+        timing.first->smix(b, kCalibrationR, kCalibrationN, v, xy);
+        timing.second = std::min(timing.second, NowNs() - t0);
+      }
     }
-    // The portable code has no CPU requirement; if even it fails, the answers are wrong
-    // whichever back end runs, and the callers' own checks are all that is left.
-    return &km_scrypt_portable;
-  }();
-  return selected;
+    free(area);
+  }
+  // Ties, and a failed allocation (every time left at UINT64_MAX), go to the earlier candidate.
+  const std::pair<const km_scrypt_backend*, uint64_t>* best = nullptr;
+  for (const auto& timing : result.timings) {
+    if (best == nullptr || timing.second < best->second) best = &timing;
+  }
+  // The portable code has no CPU requirement; if even it fails, the answers are wrong
+  // whichever back end runs, and the callers' own checks are all that is left.
+  result.fastest = best != nullptr ? best->first : &km_scrypt_portable;
+  result.cost_ns = NowNs() - start;
+  return result;
 }
+
+const km_scrypt_calibration& km_scrypt_startup_calibration() {
+  static const km_scrypt_calibration calibration = [] {
+    const int saved_errno = errno;
+    km_scrypt_calibration c = km_scrypt_calibrate(km_scrypt_all_backends());
+    errno = saved_errno;
+    return c;
+  }();
+  return calibration;
+}
+
+const km_scrypt_backend* km_scrypt_selected_backend() {
+  return km_scrypt_startup_calibration().fastest;
+}
+
+const char* km_scrypt_backend_name(void) { return km_scrypt_selected_backend()->name; }

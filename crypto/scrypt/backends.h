@@ -1,5 +1,6 @@
-// The Salsa20/8 back ends behind crypto_scrypt: one SMix implementation per instruction set,
-// one of which is chosen once per process from the CPU's features and a known-answer test.
+// The Salsa20/8 back ends behind crypto_scrypt: one SMix implementation per instruction set or
+// core shape, one of which is chosen once per process: among those the CPU can run and that
+// pass a known-answer test, the one that proves fastest here.
 // White-box tests use this header to run every back end the CPU can run.
 #ifndef TAVIKM_CRYPTO_SCRYPT_BACKENDS_H_
 #define TAVIKM_CRYPTO_SCRYPT_BACKENDS_H_
@@ -7,6 +8,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <utility>
 #include <vector>
 
 struct km_scrypt_backend {
@@ -21,6 +23,7 @@ struct km_scrypt_backend {
 
 // Defined by the back-end files built for this architecture.
 extern const km_scrypt_backend km_scrypt_portable;
+extern const km_scrypt_backend km_scrypt_scalar;
 #if defined(__x86_64__)
 extern const km_scrypt_backend km_scrypt_sse2;
 extern const km_scrypt_backend km_scrypt_avx512vl;
@@ -29,13 +32,34 @@ extern const km_scrypt_backend km_scrypt_avx512vl;
 extern const km_scrypt_backend km_scrypt_neon;
 #endif
 
-// Every back end built into the library, preferred first; the portable one is last.
+// Every back end built into the library, the default first and the portable one last.
 std::vector<const km_scrypt_backend*> km_scrypt_all_backends();
 
-// The back ends this CPU supports and that pass the known-answer test, preferred first.
+// The back ends this CPU supports and that pass the known-answer test, in the order above.
 std::vector<const km_scrypt_backend*> km_scrypt_usable_backends();
 
-// The back end crypto_scrypt runs: the first usable one, chosen on first use (thread-safe).
+// SMix work of the calibration: r = 8, N = 8, that is 256 Salsa20/8 blocks in 9 KiB.
+constexpr size_t kKmScryptCalibrationBlocks = 256;
+
+struct km_scrypt_calibration {
+  // The fastest back end that passed its known-answer test; the portable one if none did.
+  const km_scrypt_backend* fastest = nullptr;
+  // Each back end that passed, in candidate order, with its best time for the calibration's
+  // blocks in nanoseconds (UINT64_MAX if its work area could not be had).
+  std::vector<std::pair<const km_scrypt_backend*, uint64_t>> timings;
+  // Wall time of the whole calibration, self-tests included, in nanoseconds.
+  uint64_t cost_ns = 0;
+};
+
+// Self-tests each of `candidates`, times the ones that pass on the same few hundred blocks in
+// an L1-resident area, and keeps the fastest. A back end that fails its test is never chosen,
+// however fast; passing a single candidate forces it.
+km_scrypt_calibration km_scrypt_calibrate(const std::vector<const km_scrypt_backend*>& candidates);
+
+// The calibration over every back end built in, run once, on first use (thread-safe).
+const km_scrypt_calibration& km_scrypt_startup_calibration();
+
+// The back end crypto_scrypt runs: the startup calibration's fastest.
 const km_scrypt_backend* km_scrypt_selected_backend();
 
 // Whether `backend` computes RFC 7914's first test vector correctly on this CPU.
