@@ -1,8 +1,10 @@
 // The built-in secure-storage module: class "tavikm", device "kmstore", one file per entry in
 // the device directory's kmstore/ folder. Writes are atomic (temporary file, fsync, rename,
-// fsync of the folder), so an entry always holds either its old or its new image.
+// fsync of the folder), so an entry always holds either its old or its new image. Failures are
+// -errno of the system call that failed.
 #include <errno.h>
 #include <fcntl.h>
+#include <openssl/sha.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,8 +12,6 @@
 #include <functional>
 #include <mutex>
 #include <string>
-
-#include <openssl/sha.h>
 
 #include "builtin_modules.h"
 #include "tavikm.h"
@@ -23,23 +23,21 @@ namespace {
 std::mutex g_hook_mutex;
 std::function<bool(const std::string&)> g_before_rename;
 
-// Folder of the entries, created on demand (the device directory may change between calls).
-std::string KmstoreDir() {
-  std::string dir = tavikm_host::DevicePath("kmstore");
-  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return "";
-  return dir;
-}
-
-std::string EntryPath(const char* name, std::string* dir_out) {
+// The entry's file in the folder of the entries, which is created on demand (the device
+// directory may change between calls). Returns 0, or -errno of what failed on the way.
+int EntryPath(const char* name, std::string* path, std::string* dir_out) {
   std::string dir;
+  errno = 0;
   try {
-    dir = KmstoreDir();
+    dir = tavikm_host::DevicePath("kmstore");
   } catch (const std::exception&) {
-    return "";
+    // Thrown right after the failing mkdir, or for a device directory that is not one.
+    return errno ? -errno : -ENOTDIR;
   }
-  if (dir.empty()) return "";
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return -errno;
   if (dir_out) *dir_out = dir;
-  return dir + "/" + tavikm_host::KmstoreEntryFileName(name);
+  *path = dir + "/" + tavikm_host::KmstoreEntryFileName(name);
+  return 0;
 }
 
 void SyncDir(const std::string& dir) {
@@ -54,6 +52,7 @@ bool WriteAll(int fd, const uint8_t* data, uint64_t length) {
   while (length > 0) {
     ssize_t n = write(fd, data, length);
     if (n < 0 && errno == EINTR) continue;
+    if (n == 0) errno = EIO;
     if (n <= 0) return false;
     data += n;
     length -= static_cast<uint64_t>(n);
@@ -63,8 +62,8 @@ bool WriteAll(int fd, const uint8_t* data, uint64_t length) {
 
 int KmstoreRead(const char* name, uint8_t* buffer, uint64_t* size) {
   if (!name || !size || (!buffer && *size)) return -EINVAL;
-  std::string path = EntryPath(name, nullptr);
-  if (path.empty()) return -EIO;
+  std::string path;
+  if (int rc = EntryPath(name, &path, nullptr); rc != 0) return rc;
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return errno == ENOENT ? 1 : -errno;
   struct stat st;
@@ -80,8 +79,9 @@ int KmstoreRead(const char* name, uint8_t* buffer, uint64_t* size) {
     ssize_t n = read(fd, buffer + got, want - got);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
+      int err = n < 0 ? errno : EIO;
       close(fd);
-      return -EIO;
+      return -err;
     }
     got += static_cast<uint64_t>(n);
   }
@@ -92,27 +92,28 @@ int KmstoreRead(const char* name, uint8_t* buffer, uint64_t* size) {
 
 int KmstoreWrite(const char* name, const uint8_t* buffer, uint64_t length) {
   if (!name || (!buffer && length)) return -EINVAL;
-  std::string dir;
-  std::string path = EntryPath(name, &dir);
-  if (path.empty()) return -EIO;
+  std::string dir, path;
+  if (int rc = EntryPath(name, &path, &dir); rc != 0) return rc;
   std::string file = tavikm_host::KmstoreEntryFileName(name);
   // Entry file names never start with '.', so a temporary file cannot shadow an entry.
   std::string tmp = dir + "/.tmp-" + std::to_string(getpid()) + "-" + file;
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return -errno;
-  bool ok = WriteAll(fd, buffer, length) && fsync(fd) == 0;
-  ok = (close(fd) == 0) && ok;
-  if (ok) {
+  int err = WriteAll(fd, buffer, length) && fsync(fd) == 0 ? 0 : errno;
+  if (close(fd) != 0 && !err) err = errno;
+  if (!err) {
     std::function<bool(const std::string&)> hook;
     {
       std::lock_guard<std::mutex> lock(g_hook_mutex);
       hook = g_before_rename;
     }
-    if (hook && !hook(name)) ok = false;
+    if (hook && !hook(name)) err = EIO;
   }
-  if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
+  if (!err && rename(tmp.c_str(), path.c_str()) != 0) err = errno;
+  if (err) {
     unlink(tmp.c_str());
-    return -EIO;
+    errno = err;  // for the caller's message
+    return -err;
   }
   SyncDir(dir);
   return 0;
@@ -120,9 +121,8 @@ int KmstoreWrite(const char* name, const uint8_t* buffer, uint64_t length) {
 
 int KmstoreRemove(const char* name) {
   if (!name) return -EINVAL;
-  std::string dir;
-  std::string path = EntryPath(name, &dir);
-  if (path.empty()) return -EIO;
+  std::string dir, path;
+  if (int rc = EntryPath(name, &path, &dir); rc != 0) return rc;
   if (unlink(path.c_str()) != 0) return errno == ENOENT ? 1 : -errno;
   SyncDir(dir);
   return 0;

@@ -6,6 +6,7 @@
 
 #include "cli.h"
 #include "log_sink.h"
+#include "progress.h"
 
 namespace tavikm_tool {
 namespace {
@@ -29,6 +30,13 @@ ToolError NotFound(const Place& place, const RawRecord& raw) {
                    "no record in " + place.loc + " at offset " + std::to_string(place.offset));
 }
 
+ToolError KekNotRecord(const Place& place) {
+  return ToolError(kExitFailure, place.Describe() +
+                                     " holds a KEK, not the record of a master key (tavikm kek "
+                                     "get " +
+                                     place.loc + " reads it)");
+}
+
 // Why km_get_km_meta refused a file record, from the raw bytes.
 ToolError UnreadableRecord(const Place& place, const RawRecord& raw) {
   if (!place.secure_storage) {
@@ -42,7 +50,7 @@ ToolError UnreadableRecord(const Place& place, const RawRecord& raw) {
                        place.Describe() + " holds no record (magic " + Hex32(raw.meta.magic) + ")");
     }
   }
-  return ToolError(kExitFailure, "cannot read the record at " + place.Describe() + LogHint());
+  return ToolError(kExitFailure, "cannot read the record at " + place.Describe() + Why());
 }
 
 bool CbcOnly() { return mdfpp_property_get(supportCBConly); }
@@ -58,8 +66,9 @@ size_t KeyLength(const km_meta& meta) {
 }
 
 void Store(const Place& place, const km_meta& meta, const std::string& what) {
+  ForgetSeen();
   if (km_put_km_meta(place.loc.c_str(), static_cast<int64_t>(place.offset), &meta) != 0) {
-    throw ToolError(kExitFailure, "cannot store " + what + " at " + place.Describe() + LogHint());
+    throw ToolError(kExitFailure, "cannot store " + what + " at " + place.Describe() + Why());
   }
 }
 
@@ -111,28 +120,41 @@ SetupResult Setup(const Place& place, const Password& password, uint64_t keysize
     if (!occupied.empty()) throw ToolError(kExitFailure, occupied + "; --force replaces it");
   }
   SetupResult result;
-  int rc = km_initial_setup(place.loc.c_str(), password.c_str(), password.size(),
-                            result.master_key.data(), keysize, kdf_type, &result.meta);
+  ForgetSeen();
+  int rc;
+  {
+    Progress progress(SetupDeriving(kdf_type));
+    rc = km_initial_setup(place.loc.c_str(), password.c_str(), password.size(),
+                          result.master_key.data(), keysize, kdf_type, &result.meta);
+  }
   if (rc != 0) {
-    throw ToolError(kExitFailure, "cannot set up " + place.Describe() + " (km_initial_setup " +
-                                      std::to_string(rc) + ")" + LogHint());
+    throw ToolError(kExitFailure, "cannot set up " + place.Describe() + Why());
   }
   result.master_key.set_size(static_cast<size_t>(keysize));
   if (!place.secure_storage && place.offset != 0) {
     Store(place, result.meta, "the new record");
     // The copy km_initial_setup left at offset 0 would keep opening with this password after
     // a later password change; only the record at the offset may remain.
+    ForgetSeen();
     if (km_delete_meta(place.loc.c_str(), 0) != 0) {
-      throw ToolError(kExitFailure, "cannot clear offset 0 of " + place.loc + LogHint());
+      throw ToolError(kExitFailure, "cannot clear offset 0 of " + place.loc + Why());
     }
   }
   return result;
 }
 
+void RequireRecord(const Place& place) {
+  RawRecord raw = ReadRaw(place);
+  if (raw.Empty()) throw NotFound(place, raw);
+  if (raw.Kek()) throw KekNotRecord(place);
+}
+
 UnlockResult Unlock(const Place& place, const Password& password) {
   RawRecord raw = ReadRaw(place);
   if (raw.Empty()) throw NotFound(place, raw);
+  if (raw.Kek()) throw KekNotRecord(place);
   UnlockResult result;
+  ForgetSeen();
   int rc = km_get_km_meta(place.loc.c_str(), place.offset, &result.meta);
   if (rc == 1) throw NotFound(place, raw);
   if (rc != 0) throw UnreadableRecord(place, raw);
@@ -159,11 +181,14 @@ UnlockResult Unlock(const Place& place, const Password& password) {
 
   if (CbcOnly()) {
     uint8_t mac[32];
-    rc = km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
-                                    password.size(), mac, &result.meta);
+    ForgetSeen();
+    {
+      Progress progress(Deriving(result.meta));
+      rc = km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
+                                      password.size(), mac, &result.meta);
+    }
     if (rc != 0) {
-      throw ToolError(kExitFailure,
-                      "cannot check the password of " + place.loc + " (password MAC)" + LogHint());
+      throw ToolError(kExitFailure, "cannot check the password of " + place.loc + Why());
     }
     store_if_changed();
     before = result.meta;
@@ -171,8 +196,11 @@ UnlockResult Unlock(const Place& place, const Password& password) {
   }
 
   ForgetSeen();
-  rc = km_decrypt_key(password.c_str(), password.size(), result.meta.salt, result.meta.master_key,
-                      result.master_key.data(), &result.meta);
+  {
+    Progress progress(Deriving(result.meta));
+    rc = km_decrypt_key(password.c_str(), password.size(), result.meta.salt, result.meta.master_key,
+                        result.master_key.data(), &result.meta);
+  }
   if (rc == 0 || rc == 9) {
     result.master_key.set_size(keysize);
     result.zero_key = rc == 9;
@@ -183,8 +211,7 @@ UnlockResult Unlock(const Place& place, const Password& password) {
     store_if_changed();
     throw wrong_password;
   }
-  throw ToolError(kExitFailure, "cannot unlock " + place.loc + ": the key derivation failed (" +
-                                    std::to_string(rc) + ")" + LogHint());
+  throw ToolError(kExitFailure, "cannot unlock " + place.loc + Why());
 }
 
 PasswdResult ChangePassword(const Place& place, const Password& old_password,
@@ -206,16 +233,25 @@ PasswdResult ChangePassword(const Place& place, const Password& old_password,
   uint8_t salt[sizeof(copy.salt)];
   km_generate_drbg_bytes(nullptr, salt, sizeof(salt));
   uint8_t wrapped[sizeof(copy.master_key)] = {};
-  std::string unchanged = "; the record is unchanged" + LogHint();
-  if (km_encrypt_key(new_password.c_str(), new_password.size(), salt, wrapped,
-                     result.unlocked.master_key.data(), &copy) != 0) {
-    throw ToolError(kExitFailure, "cannot wrap the master key under the new password" + unchanged);
-  }
   uint8_t mac[32];
   bool cbc = CbcOnly();
-  if (cbc && km_get_key_mac_by_password(wrapped, salt, new_password.c_str(), new_password.size(),
-                                        mac, &copy) != 0) {
-    throw ToolError(kExitFailure, "cannot make the new password MAC" + unchanged);
+  bool wrapped_ok = false, mac_ok = false;
+  ForgetSeen();
+  {
+    Progress progress(Deriving(copy));
+    wrapped_ok = km_encrypt_key(new_password.c_str(), new_password.size(), salt, wrapped,
+                                result.unlocked.master_key.data(), &copy) == 0;
+    mac_ok =
+        !cbc || (wrapped_ok && km_get_key_mac_by_password(wrapped, salt, new_password.c_str(),
+                                                          new_password.size(), mac, &copy) == 0);
+  }
+  if (!wrapped_ok) {
+    throw ToolError(kExitFailure, "cannot wrap the master key of " + place.loc +
+                                      " under the new password (the record is unchanged)" + Why());
+  }
+  if (!mac_ok) {
+    throw ToolError(kExitFailure, "cannot make the new password MAC of " + place.loc +
+                                      " (the record is unchanged)" + Why());
   }
   memcpy(copy.master_key, wrapped, keysize);
   memcpy(copy.salt, salt, sizeof(salt));
@@ -233,10 +269,10 @@ void PutKek(const std::string& name, const KeyBytes& kek, bool force) {
                                         "\"; --force replaces it");
     }
   }
+  ForgetSeen();
   int rc = km_put_kek_enc_by_rek(name.c_str(), kek.data(), kek.size());
   if (rc != 0) {
-    throw ToolError(kExitFailure, "cannot store the KEK \"" + name + "\" (km_put_kek_enc_by_rek " +
-                                      std::to_string(rc) + ")" + LogHint());
+    throw ToolError(kExitFailure, "cannot store the KEK \"" + name + "\"" + Why());
   }
 }
 
@@ -245,11 +281,11 @@ KeyBytes GetKek(const std::string& name, bool* asked_twice) {
   *asked_twice = false;
   for (int attempt = 0; attempt < 2; ++attempt) {
     uint64_t length = 0;
+    ForgetSeen();
     int rc = km_get_kek_enc_by_rek(name.c_str(), kek.data(), &length);
     if (rc == 1) throw ToolError(kExitNotFound, "no KEK named \"" + name + "\"");
     if (rc != 0) {
-      throw ToolError(kExitFailure, "cannot read the KEK \"" + name + "\" (km_get_kek_enc_by_rek " +
-                                        std::to_string(rc) + ")" + LogHint());
+      throw ToolError(kExitFailure, "cannot read the KEK \"" + name + "\"" + Why());
     }
     if (length > kek.capacity()) {
       throw ToolError(kExitFailure, "the KEK \"" + name + "\" came back with a length of " +
@@ -268,11 +304,10 @@ KeyBytes GetKek(const std::string& name, bool* asked_twice) {
 void DeleteKek(const std::string& name) {
   Place place{true, name, 0};
   if (!ReadRaw(place).found) throw ToolError(kExitNotFound, "no KEK named \"" + name + "\"");
+  ForgetSeen();
   int rc = km_delete_kek_enc_by_rek(name.c_str());
   if (rc != 0) {
-    throw ToolError(kExitFailure, "cannot delete the KEK \"" + name +
-                                      "\" (km_delete_kek_enc_by_rek " + std::to_string(rc) + ")" +
-                                      LogHint());
+    throw ToolError(kExitFailure, "cannot delete the KEK \"" + name + "\"" + Why());
   }
 }
 

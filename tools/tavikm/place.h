@@ -42,6 +42,8 @@ struct RawRecord {
 
   // No record there: no entry, no file, or only zeros at the offset (a deleted record).
   bool Empty() const;
+  // A KEK of the REK/KEK store: a record image without a KDF, holding the encrypted KEK.
+  bool Kek() const;
 };
 
 // Reads the stored bytes. Throws a failure when the place cannot be read at all.
