@@ -4,7 +4,6 @@
 // -errno of the system call that failed.
 #include <errno.h>
 #include <fcntl.h>
-#include <openssl/sha.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,6 +11,8 @@
 #include <functional>
 #include <mutex>
 #include <string>
+
+#include <openssl/sha.h>
 
 #include "builtin_modules.h"
 #include "tavikm.h"

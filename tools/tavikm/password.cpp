@@ -89,10 +89,12 @@ Password Prompt(const std::string& prompt) {
   struct sigaction old_int, old_term;
   sigaction(SIGINT, &action, &old_int);
   sigaction(SIGTERM, &action, &old_term);
-  fprintf(stderr, "%s", prompt.c_str());
-  fflush(stderr);
+  // Echo goes off (and earlier typing is dropped) before the prompt shows, so nothing typed
+  // after it is lost.
   g_echo_off = 1;
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+  fprintf(stderr, "%s", prompt.c_str());
+  fflush(stderr);
   Password password;
   bool any = false;
   std::optional<ToolError> error;
