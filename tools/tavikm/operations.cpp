@@ -31,10 +31,10 @@ ToolError NotFound(const Place& place, const RawRecord& raw) {
 }
 
 ToolError KekNotRecord(const Place& place) {
-  return ToolError(kExitFailure, place.Describe() +
-                                     " holds a KEK, not the record of a master key (tavikm kek "
-                                     "get " +
-                                     place.loc + " reads it)");
+  std::string reader = "tavikm kek get " + place.loc;
+  return ToolError(
+      kExitFailure,
+      place.Describe() + " holds a KEK, not the record of a master key (" + reader + " reads it)");
 }
 
 // Why km_get_km_meta refused a file record, from the raw bytes.
