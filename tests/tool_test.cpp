@@ -3,12 +3,17 @@
 // in this process through the library where the tool cannot make them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <regex>
 #include <sstream>
@@ -64,6 +69,10 @@ class ToolTest : public ::testing::Test {
   // Runs the tool with the device directory, fast scrypt and `props_` as global options, then
   // `args`; standard input holds `input`.
   Result Tool(const std::vector<std::string>& args, const std::string& input = "") {
+    return Exec(ToolArgv(args), input);
+  }
+
+  std::vector<std::string> ToolArgv(const std::vector<std::string>& args) {
     std::vector<std::string> argv = {TAVIKM_TOOL_PATH, "--device-dir", device_.path(), "--prop",
                                      kFastScrypt};
     for (const std::string& prop : props_) {
@@ -71,14 +80,24 @@ class ToolTest : public ::testing::Test {
       argv.push_back(prop);
     }
     argv.insert(argv.end(), args.begin(), args.end());
-    return Exec(argv, input);
+    return argv;
   }
 
-  Result Exec(std::vector<std::string> argv, const std::string& input = "") {
+  // Runs `in_child_` when set, then the program, in the child process.
+  [[noreturn]] void ExecInChild(std::vector<std::string> argv) {
+    if (in_child_) in_child_();
     // A cross build runs the tool under the same emulator as this test.
     std::istringstream emulator(TAVIKM_TOOL_EMULATOR);
     std::vector<std::string> prefix{std::istream_iterator<std::string>(emulator), {}};
     argv.insert(argv.begin(), prefix.begin(), prefix.end());
+    std::vector<char*> cargv;
+    for (const std::string& arg : argv) cargv.push_back(const_cast<char*>(arg.c_str()));
+    cargv.push_back(nullptr);
+    execvp(cargv[0], cargv.data());
+    _exit(127);
+  }
+
+  Result Exec(std::vector<std::string> argv, const std::string& input = "") {
     std::string in = Scratch("stdin"), out = Scratch("stdout"), err = Scratch("stderr");
     std::ofstream(in, std::ios::binary) << input;
     pid_t pid = fork();
@@ -87,11 +106,7 @@ class ToolTest : public ::testing::Test {
                     open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
                     open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
       for (int i = 0; i < 3; ++i) dup2(fds[i], i);
-      std::vector<char*> cargv;
-      for (const std::string& arg : argv) cargv.push_back(const_cast<char*>(arg.c_str()));
-      cargv.push_back(nullptr);
-      execvp(cargv[0], cargv.data());
-      _exit(127);
+      ExecInChild(argv);
     }
     Result result;
     int status = 0;
@@ -146,8 +161,43 @@ class ToolTest : public ::testing::Test {
     return bytes;
   }
 
+  // The tool with a pseudo-terminal as standard input, output and error: `out` gets all it
+  // wrote there. `answers` are typed in turn, each once the text before it has appeared.
+  Result OnTerminal(const std::vector<std::string>& args,
+                    const std::vector<std::pair<std::string, std::string>>& answers = {}) {
+    int master = -1;
+    pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+    if (pid == 0) ExecInChild(ToolArgv(args));
+    Result result;
+    size_t next = 0;
+    char buffer[4096];
+    for (;;) {
+      // A tool stuck waiting for input would hang the suite: a minute of silence ends it.
+      struct pollfd ready = {master, POLLIN, 0};
+      if (poll(&ready, 1, 60000) == 0) {
+        ADD_FAILURE() << "the tool wrote nothing for a minute; output so far: " << result.out;
+        kill(pid, SIGKILL);
+        break;
+      }
+      ssize_t n = read(master, buffer, sizeof(buffer));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;  // EIO once the terminal's last user is gone
+      result.out.append(buffer, static_cast<size_t>(n));
+      if (next < answers.size() && result.out.find(answers[next].first) != std::string::npos) {
+        std::string line = answers[next++].second + "\n";
+        EXPECT_EQ(write(master, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+      }
+    }
+    close(master);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return result;
+  }
+
   TempDeviceDir device_;
   std::vector<std::string> props_;
+  std::function<void()> in_child_;
   int files_ = 0;
 };
 
@@ -415,8 +465,9 @@ TEST_F(ToolTest, AFailedPasswdLeavesTheRecordByteIdentical) {
   std::ofstream(empty).flush();
   const std::vector<Case> cases = {
       {"wrong old password", PasswordFile("wrong"), PasswordFile("new"), 2},
-      {"missing new password file", PasswordFile("old"), Scratch("absent"), 3},
-      {"empty new password file", PasswordFile("old"), empty, 4},
+      {"missing new password file", PasswordFile("old"), Scratch("absent"), 1},
+      {"empty new password file", PasswordFile("old"), empty, 1},
+      {"empty new password", PasswordFile("old"), PasswordFile(""), 1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.why);
@@ -470,11 +521,17 @@ TEST_F(ToolTest, BadUsageExitsOneWithTheUsageLine) {
       {{"setup", "/f", "--offset", "14000"},
        "--offset 14000 leaves no room for a record in a 16384-byte metadata file"},
       {{"unlock", "/f", "--offset", "12x"}, "--offset must be a decimal number"},
+      {{"unlock", "/f", "--offset", "99999999999999999999"}, "--offset is too large"},
+      {{"unlock", "/f", "-v"}, "-v is a global option: put it before the command"},
+      {{"list", "--prop", "a=b"}, "--prop is a global option: put it before the command"},
+      {{"benchmark", "--unlock-time", "5"}, "--unlock-time must be from 10 to 60000 ms"},
+      {{"inspect", "--entry", "e", "--offset", "0"}, "--offset applies to metadata files only"},
+      {{"restore", "userdata"}, "missing argument"},
       {{"unlock", "userdata", "--offset", "4096"},
        "--offset applies to metadata files only; userdata is a secure-storage entry"},
       {{"unlock", "/f", "--password-file"}, "--password-file needs a value"},
-      {{"inspect"}, "give either KEY_LOC or --file PATH"},
-      {{"inspect", "x", "--file", "/f"}, "give either KEY_LOC or --file PATH"},
+      {{"inspect"}, "give one of KEY_LOC, --entry NAME and --file PATH"},
+      {{"inspect", "x", "--file", "/f"}, "give one of KEY_LOC, --entry NAME and --file PATH"},
       {{"kek"}, "missing kek command"},
       {{"kek", "put", "k"}, "give exactly one of --hex, --key-file and --random"},
       {{"kek", "put", "k", "--hex", "0011"}, "--hex holds 2 bytes; a KEK has 16 or 32"},
@@ -493,6 +550,7 @@ TEST_F(ToolTest, BadUsageExitsOneWithTheUsageLine) {
     EXPECT_EQ(result.err.rfind("tavikm: " + c.sentence + "\n", 0), 0u) << result.err;
   }
   // No terminal to ask and no --password-file.
+  ASSERT_EQ(Setup("userdata", "pw", {"--kdf", "1"}).status, 0);
   Result result = Tool({"unlock", "userdata"});
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("tavikm: no terminal to ask for the password"), std::string::npos);
@@ -500,7 +558,8 @@ TEST_F(ToolTest, BadUsageExitsOneWithTheUsageLine) {
 
 TEST_F(ToolTest, EveryCommandHasHelpAndHelpTouchesNoDevice) {
   std::string fresh = device_.Path("never-made");
-  for (std::string command : {"setup", "unlock", "passwd", "inspect", "kek", "demo"}) {
+  for (std::string command : {"setup", "unlock", "passwd", "inspect", "list", "backup", "restore",
+                              "kek", "benchmark", "demo"}) {
     SCOPED_TRACE(command);
     Result result = Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, command, "--help"});
     EXPECT_EQ(result.status, 0);
@@ -509,8 +568,9 @@ TEST_F(ToolTest, EveryCommandHasHelpAndHelpTouchesNoDevice) {
   EXPECT_FALSE(std::filesystem::exists(fresh));
   Result result = Exec({TAVIKM_TOOL_PATH, "--help"});
   EXPECT_EQ(result.status, 0);
-  EXPECT_NE(result.out.find("Exit status: 0 success, 1 usage, 2 wrong password"),
+  EXPECT_NE(result.out.find("Exit status: 0 success, 1 usage or unusable input, 2 wrong password"),
             std::string::npos);
+  EXPECT_EQ(Exec({TAVIKM_TOOL_PATH, "help"}).out, result.out);
 }
 
 TEST_F(ToolTest, AKeyThatOpensUnderTheZeroKeyIsAWarningNotSuccess) {
@@ -657,6 +717,281 @@ TEST_F(ToolTest, DemoEndsWithItsSuccessLineAndCleansUp) {
   ASSERT_TRUE(std::regex_search(demo.out, last, std::regex("demo: all (\\d+) steps passed\n$")));
   // Every step announced itself before the last line.
   EXPECT_NE(demo.out.find("[" + last[1].str() + "/" + last[1].str() + "] "), std::string::npos);
+}
+
+TEST_F(ToolTest, EachExitStatusHasOneMeaning) {
+  props_ = {kMdfpp};
+  ASSERT_EQ(Setup("userdata", "pw", {"--kdf", "1"}).status, 0);
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  std::string empty = Scratch("empty");
+  std::ofstream(empty).flush();
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string err;  // the whole of stderr
+  };
+  const std::vector<Case> cases = {
+      {{"unlock", "userdata", "--password-file", Scratch("absent")},
+       1,
+       "cannot open password file " + Scratch("absent") + ": No such file or directory"},
+      {{"unlock", "userdata", "--password-file", empty}, 1, "password file " + empty + " is empty"},
+      {{"setup", "new", "--password-file", PasswordFile("")},
+       1,
+       "an empty password is refused; --allow-empty-password accepts it"},
+      {{"unlock", "userdata", "--password-file", PasswordFile("wrong")},
+       2,
+       "wrong password for userdata"},
+      // Missing records are found before a password is asked for: no terminal is needed.
+      {{"unlock", "nosuch"}, 3, "no record named \"nosuch\" in secure storage"},
+      {{"passwd", "nosuch"}, 3, "no record named \"nosuch\" in secure storage"},
+      {{"kek", "get", "nosuch"}, 3, "no KEK named \"nosuch\""},
+      {{"inspect", "--file", MetadataFile()}, 3, "no metadata file " + MetadataFile()},
+      {{"unlock", "vold"},
+       4,
+       "secure-storage entry \"vold\" holds a KEK, not the record of a master key (tavikm kek get "
+       "vold reads it)"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args[0] + " " + c.args[1]);
+    Result result = Tool(c.args);
+    EXPECT_EQ(result.status, c.status);
+    EXPECT_EQ(result.err, "tavikm: " + c.err + "\n");
+  }
+  Result allowed = Setup("new", "", {"--kdf", "1", "--allow-empty-password"});
+  ASSERT_EQ(allowed.status, 0) << allowed.err;
+  EXPECT_EQ(Unlock("new", "").status, 0);
+
+  // inspect reads a KEK as one, and an all-zero slot or a read past the end as empty.
+  Result kek = Tool({"inspect", "--entry", "vold"});
+  EXPECT_EQ(kek.status, 0);
+  EXPECT_NE(kek.out.find("kdf_type           0 (none: a KEK)\n"), std::string::npos) << kek.out;
+  props_ = {};
+  ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1"}).status, 0);
+  for (std::string offset : {"8192", "20000"}) {
+    Result slot = Tool({"inspect", MetadataFile(), "--offset", offset});
+    EXPECT_EQ(slot.status, 3);
+    EXPECT_EQ(slot.err, "tavikm: " + MetadataFile() + " at offset " + offset + " is empty\n");
+  }
+}
+
+TEST_F(ToolTest, FailuresNameThePlaceAndTheCause) {
+  // Each case runs the tool in its own mount namespace where it needs a read-only or a full
+  // file system, and as an unprivileged user where permissions must count (root passes them).
+  const bool root = geteuid() == 0;
+  auto private_mounts = [] {
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) {
+      _exit(125);
+    }
+  };
+  std::string missing = Scratch("missing") + "/meta";
+  std::string ro = Scratch("ro"), full = Scratch("full"), locked = Scratch("locked");
+  for (const std::string& dir : {ro, full, locked}) std::filesystem::create_directories(dir);
+  // The unprivileged user may enter the device directory but not write in `locked`.
+  for (const std::string& dir : {device_.path(), Scratch("")}) chmod(dir.c_str(), 0755);
+  chmod(locked.c_str(), 0555);
+  struct Case {
+    std::string why;
+    std::string loc;
+    std::function<void()> in_child;
+    std::string cause;
+  };
+  std::vector<Case> cases = {
+      {"missing directory", missing, nullptr, "No such file or directory"},
+      {"permission denied", locked + "/meta",
+       [] {
+         if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(125);
+       },
+       "Permission denied"},
+      // 1 TiB: the request fails as malloc fails, also under AddressSanitizer (whose warning
+      // line is dropped below).
+      {"scrypt beyond memory", MetadataFile(),
+       [] { setenv("ASAN_OPTIONS", "allocator_may_return_null=1", 1); },
+       "the key derivation failed: Cannot allocate memory"},
+  };
+  if (root) {
+    cases.push_back({"read-only file system", ro + "/meta",
+                     [&] {
+                       private_mounts();
+                       if (mount(ro.c_str(), ro.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+                           mount(nullptr, ro.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY,
+                                 nullptr) != 0) {
+                         _exit(125);
+                       }
+                     },
+                     "Read-only file system"});
+    cases.push_back({"full file system", full + "/meta",
+                     [&] {
+                       private_mounts();
+                       if (mount("tmpfs", full.c_str(), "tmpfs", 0, "size=16k") != 0) _exit(125);
+                       int fd = open((full + "/filler").c_str(), O_WRONLY | O_CREAT, 0600);
+                       char block[4096] = {};
+                       while (write(fd, block, sizeof(block)) > 0) {
+                       }
+                       close(fd);
+                     },
+                     "No space left on device"});
+  }
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    in_child_ = c.in_child;
+    props_ = {};
+    if (c.why == "scrypt beyond memory") props_ = {"ro.crypto.scrypt_params=30:3:1"};
+    Result setup = Tool({"setup", c.loc, "--kdf", "2", "--password-file", "-"}, "pw\n");
+    setup.err = std::regex_replace(setup.err, std::regex("==[0-9]+==WARNING: [^\n]*\n"), "");
+    ASSERT_NE(setup.status, 125) << "the case could not be arranged";
+    EXPECT_EQ(setup.status, 4);
+    EXPECT_EQ(setup.err.rfind("tavikm: cannot set up " + c.loc + " at offset 0: " + c.cause, 0), 0u)
+        << setup.err;
+    EXPECT_EQ(std::count(setup.err.begin(), setup.err.end(), '\n'), 1) << setup.err;
+  }
+  in_child_ = nullptr;
+
+  // Secure storage gives the system's cause too: here the device directory cannot be made.
+  std::ofstream(device_.Path("kmstore-blocker")).flush();
+  Result put = Exec({TAVIKM_TOOL_PATH, "--device-dir", device_.Path("kmstore-blocker/dev"), "kek",
+                     "put", "x", "--random"});
+  EXPECT_EQ(put.status, 4);
+  EXPECT_NE(put.err.find(": Not a directory"), std::string::npos) << put.err;
+}
+
+TEST_F(ToolTest, ListShowsEntriesAndTheRecordsOfMetadataFiles) {
+  props_ = {kMdfpp};
+  ASSERT_EQ(Setup("user/data", "pw", {"--kdf", "2"}).status, 0);
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random", "--keysize", "16"}).status, 0);
+  props_ = {};
+  // Setup passes through offset 0 on the way to another offset: that one comes first.
+  ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "5", "--offset", "5000"}).status, 0);
+  ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1", "--keysize", "16"}).status, 0);
+
+  Result list = Tool({"list", "--json", MetadataFile()});
+  ASSERT_EQ(list.status, 0) << list.err;
+  Json json = JsonParser(list.out).Parse();
+  const std::vector<Json>& entries = json["secure_storage"]["entries"].array;
+  ASSERT_EQ(entries.size(), 2u) << list.out;
+  EXPECT_EQ(entries[0]["name"].string, "user/data");
+  EXPECT_EQ(entries[0]["kind"].string, "record");
+  EXPECT_EQ(entries[0]["kdf_type"].Int(), 2);
+  EXPECT_EQ(entries[0]["N_factor"].Int(), 10);
+  EXPECT_EQ(entries[0]["keysize"].Int(), 32);
+  EXPECT_EQ(entries[1]["name"].string, "vold");
+  EXPECT_EQ(entries[1]["kind"].string, "kek");
+  EXPECT_EQ(entries[1]["keysize"].Int(), 16);
+  const std::vector<Json>& records = json["files"].array[0]["records"].array;
+  ASSERT_EQ(records.size(), 2u) << list.out;
+  EXPECT_EQ(records[0]["offset"].Int(), 0);
+  EXPECT_EQ(records[0]["kdf_type"].Int(), 1);
+  EXPECT_EQ(records[0]["keysize"].Int(), 16);
+  EXPECT_EQ(records[1]["offset"].Int(), 5000);
+  EXPECT_EQ(records[1]["kdf_type"].Int(), 5);
+
+  Result text = Tool({"list", MetadataFile()});
+  EXPECT_TRUE(std::regex_search(text.out, std::regex("\n  vold +KEK +- +16 +current\n")))
+      << text.out;
+  EXPECT_NE(text.out.find(MetadataFile() + ": 2 records\n"), std::string::npos);
+}
+
+TEST_F(ToolTest, RestoreBringsBackTheRecordAsItWasBackedUp) {
+  struct Case {
+    std::vector<std::string> props;
+    std::string loc;
+    std::vector<std::string> place;
+  };
+  const std::vector<Case> cases = {
+      {{}, MetadataFile(), {"--offset", "4096"}},
+      {{kMdfpp}, "userdata", {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.loc);
+    props_ = c.props;
+    std::vector<std::string> options = {"--kdf", "2"};
+    options.insert(options.end(), c.place.begin(), c.place.end());
+    Result setup = Setup(c.loc, "old", options);
+    ASSERT_EQ(setup.status, 0) << setup.err;
+    const std::vector<uint8_t> before = Stored(c.loc);
+    std::string backup = Scratch("backup-" + std::to_string(++files_));
+    std::vector<std::string> args = {"backup", c.loc, backup};
+    args.insert(args.end(), c.place.begin(), c.place.end());
+    Result saved = Tool(args);
+    ASSERT_EQ(saved.status, 0) << saved.err;
+    EXPECT_EQ(Tool(args).status, 4) << "a backup replaced a file";
+
+    std::vector<std::string> passwd = {
+        "passwd", c.loc, "--password-file", "-", "--new-password-file", "-"};
+    passwd.insert(passwd.end(), c.place.begin(), c.place.end());
+    ASSERT_EQ(Tool(passwd, "old\nnew\n").status, 0);
+    const std::vector<uint8_t> changed = Stored(c.loc);
+
+    // A damaged copy is refused and changes nothing.
+    std::vector<uint8_t> bytes = ReadFile(backup);
+    bytes[bytes.size() / 2] ^= 1;
+    std::string damaged = backup + "-damaged";
+    WriteFile(damaged, bytes);
+    Result refused = Tool({"restore", c.loc, damaged});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_EQ(refused.err, "tavikm: " + damaged + " is damaged: its SHA-256 does not match\n");
+    EXPECT_EQ(Stored(c.loc), changed);
+
+    Result restored = Tool({"restore", c.loc, backup});
+    ASSERT_EQ(restored.status, 0) << restored.err;
+    EXPECT_EQ(Stored(c.loc), before);
+    Result unlock = Unlock(c.loc, "old", c.place);
+    EXPECT_EQ(unlock.status, 0) << unlock.err;
+    EXPECT_EQ(FingerprintIn(unlock.out), FingerprintIn(setup.out));
+    EXPECT_EQ(Unlock(c.loc, "new", c.place).status, 2);
+  }
+  // A secure-storage entry of an older generation comes back at its own length.
+  kmstore_device* device = nullptr;
+  ASSERT_EQ(kmstore_device_init(&device), 0);
+  std::vector<uint8_t> entry = Entry("userdata");
+  ASSERT_EQ(device->write("userdata", entry.data(), 2592), 0);
+  ASSERT_EQ(Tool({"backup", "userdata", Scratch("older")}).status, 0);
+  ASSERT_EQ(device->remove("userdata"), 0);
+  EXPECT_EQ(Tool({"backup", "userdata", Scratch("none")}).status, 3);
+  ASSERT_EQ(Tool({"restore", "userdata", Scratch("older")}).status, 0);
+  EXPECT_EQ(Entry("userdata"), std::vector<uint8_t>(entry.begin(), entry.begin() + 2592));
+}
+
+TEST_F(ToolTest, BenchmarkTimesTheKdfsAndProposesAScryptCost) {
+  Result bench = Tool({"benchmark", "--unlock-time", "10"});
+  ASSERT_EQ(bench.status, 0) << bench.err;
+  EXPECT_EQ(bench.err, "");
+  EXPECT_TRUE(std::regex_match(
+      bench.out, std::regex("PBKDF2-HMAC-SHA256, 8192 iterations \\(kdf 1 and 4\\) +[0-9.]+ ms\n"
+                            "scrypt, r=8 p=2 \\(kdf 2 and 5\\):\n"
+                            "  N +memory +time\n"
+                            "(  N=2\\^[0-9]+ +[0-9]+ [KM]iB [ ~] *[0-9.]+ ms\n)+"
+                            "(For an unlock of at most 10 ms: ro.crypto.scrypt_params=[0-9]+:3:1\n|"
+                            "Even N=2\\^10 takes longer than 10 ms here.\n)")))
+      << bench.out;
+}
+
+TEST_F(ToolTest, ProgressAndPromptsShowOnlyOnATerminal) {
+  // kdf 5 signs once to unlock and once to wrap again: the second signature waits out the
+  // Keymaster's one-a-second limit, inside the derivation, so both the status and the note show.
+  ASSERT_EQ(Setup(MetadataFile(), "old", {"--kdf", "5"}).status, 0);
+  std::vector<std::string> passwd = {"passwd", MetadataFile(), "--password-file",
+                                     PasswordFile("old"), "--new-password-file"};
+  Result terminal =
+      OnTerminal({passwd[0], passwd[1], passwd[2], passwd[3], passwd[4], PasswordFile("new")});
+  ASSERT_EQ(terminal.status, 0) << terminal.out;
+  const std::string status =
+      "\rderiving the key: scrypt N=2^10 r=1 p=1 bound to the Keymaster: waiting for the "
+      "Keymaster (one signature a second) ... ";
+  EXPECT_NE(terminal.out.find(status), std::string::npos) << terminal.out;
+  EXPECT_NE(terminal.out.find("\r\033[K"), std::string::npos) << "the status line was not erased";
+
+  passwd.push_back(PasswordFile("old"));
+  passwd[3] = PasswordFile("new");
+  Result pipe = Tool(passwd);
+  ASSERT_EQ(pipe.status, 0) << pipe.err;
+  EXPECT_EQ(pipe.err, "");
+
+  // Asked on the terminal, a new password is typed twice and must match.
+  Result mismatch = OnTerminal({"passwd", MetadataFile(), "--password-file", PasswordFile("old")},
+                               {{"New password", "one"}, {"Repeat", "two"}});
+  EXPECT_EQ(mismatch.status, 1);
+  EXPECT_NE(mismatch.out.find("tavikm: the two passwords do not match"), std::string::npos)
+      << mismatch.out;
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 // the device directory's kmstore/ folder. Writes are atomic (temporary file, fsync, rename,
 // fsync of the folder), so an entry always holds either its old or its new image; a write that
 // creates an entry links the temporary file to the entry's name, which fails when another writer
-// created it meanwhile, so two writers never both create one entry.
+// created it meanwhile, so two writers never both create one entry. Failures are -errno of the
+// system call that failed.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
@@ -26,23 +27,21 @@ namespace {
 std::mutex g_hook_mutex;
 std::function<bool(const std::string&)> g_before_rename;
 
-// Folder of the entries, created on demand (the device directory may change between calls).
-std::string KmstoreDir() {
-  std::string dir = tavikm_host::DevicePath("kmstore");
-  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return "";
-  return dir;
-}
-
-std::string EntryPath(const char* name, std::string* dir_out) {
+// The entry's file in the folder of the entries, which is created on demand (the device
+// directory may change between calls). Returns 0, or -errno of what failed on the way.
+int EntryPath(const char* name, std::string* path, std::string* dir_out) {
   std::string dir;
+  errno = 0;
   try {
-    dir = KmstoreDir();
+    dir = tavikm_host::DevicePath("kmstore");
   } catch (const std::exception&) {
-    return "";
+    // Thrown right after the failing mkdir, or for a device directory that is not one.
+    return errno ? -errno : -ENOTDIR;
   }
-  if (dir.empty()) return "";
+  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return -errno;
   if (dir_out) *dir_out = dir;
-  return dir + "/" + tavikm_host::KmstoreEntryFileName(name);
+  *path = dir + "/" + tavikm_host::KmstoreEntryFileName(name);
+  return 0;
 }
 
 void SyncDir(const std::string& dir) {
@@ -57,6 +56,7 @@ bool WriteAll(int fd, const uint8_t* data, uint64_t length) {
   while (length > 0) {
     ssize_t n = write(fd, data, length);
     if (n < 0 && errno == EINTR) continue;
+    if (n == 0) errno = EIO;
     if (n <= 0) return false;
     data += n;
     length -= static_cast<uint64_t>(n);
@@ -66,8 +66,8 @@ bool WriteAll(int fd, const uint8_t* data, uint64_t length) {
 
 int KmstoreRead(const char* name, uint8_t* buffer, uint64_t* size) {
   if (!name || !size || (!buffer && *size)) return -EINVAL;
-  std::string path = EntryPath(name, nullptr);
-  if (path.empty()) return -EIO;
+  std::string path;
+  if (int rc = EntryPath(name, &path, nullptr); rc != 0) return rc;
   // Without O_NONBLOCK a FIFO put in the folder would block the read forever.
   int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return errno == ENOENT ? 1 : -errno;
@@ -88,8 +88,9 @@ int KmstoreRead(const char* name, uint8_t* buffer, uint64_t* size) {
     ssize_t n = read(fd, buffer + got, want - got);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
+      int err = n < 0 ? errno : EIO;
       close(fd);
-      return -EIO;
+      return -err;
     }
     got += static_cast<uint64_t>(n);
   }
@@ -100,9 +101,8 @@ int KmstoreRead(const char* name, uint8_t* buffer, uint64_t* size) {
 
 int KmstoreWrite(const char* name, const uint8_t* buffer, uint64_t length) {
   if (!name || (!buffer && length)) return -EINVAL;
-  std::string dir;
-  std::string path = EntryPath(name, &dir);
-  if (path.empty()) return -EIO;
+  std::string dir, path;
+  if (int rc = EntryPath(name, &path, &dir); rc != 0) return rc;
   std::string file = tavikm_host::KmstoreEntryFileName(name);
   // Entry file names never start with '.', so a temporary file cannot shadow an entry; the
   // counter keeps two writes of one process (two threads) apart.
@@ -115,33 +115,37 @@ int KmstoreWrite(const char* name, const uint8_t* buffer, uint64_t length) {
   bool creates = lstat(path.c_str(), &st) != 0;
   int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) return -errno;
-  bool ok = WriteAll(fd, buffer, length) && fsync(fd) == 0;
-  ok = (close(fd) == 0) && ok;
-  if (ok) {
+  int err = WriteAll(fd, buffer, length) && fsync(fd) == 0 ? 0 : errno;
+  if (close(fd) != 0 && !err) err = errno;
+  if (!err) {
     std::function<bool(const std::string&)> hook;
     {
       std::lock_guard<std::mutex> lock(g_hook_mutex);
       hook = g_before_rename;
     }
-    if (hook && !hook(name)) ok = false;
+    if (hook && !hook(name)) err = EIO;
   }
-  if (!ok) {
+  if (err) {
     unlink(tmp.c_str());
-    return -EIO;
+    errno = err;  // for the caller's message
+    return -err;
   }
-  int rc = creates ? link(tmp.c_str(), path.c_str()) : rename(tmp.c_str(), path.c_str());
-  int err = errno;
+  if ((creates ? link(tmp.c_str(), path.c_str()) : rename(tmp.c_str(), path.c_str())) != 0) {
+    err = errno;
+  }
   unlink(tmp.c_str());  // after a link, the entry keeps its own name for the data
-  if (rc != 0) return creates && err == EEXIST ? -EEXIST : -EIO;
+  if (err) {
+    errno = err;
+    return -err;
+  }
   SyncDir(dir);
   return 0;
 }
 
 int KmstoreRemove(const char* name) {
   if (!name) return -EINVAL;
-  std::string dir;
-  std::string path = EntryPath(name, &dir);
-  if (path.empty()) return -EIO;
+  std::string dir, path;
+  if (int rc = EntryPath(name, &path, &dir); rc != 0) return rc;
   if (unlink(path.c_str()) != 0) return errno == ENOENT ? 1 : -errno;
   SyncDir(dir);
   return 0;

@@ -10,6 +10,10 @@ namespace {
 
 std::string g_current_usage;
 
+bool IsGlobalOption(const std::string& name) {
+  return name == "-v" || name == "--verbose" || name == "--device-dir" || name == "--prop";
+}
+
 }  // namespace
 
 ArgParser::ArgParser(std::string usage, std::string help)
@@ -59,6 +63,9 @@ bool ArgParser::Parse(const std::vector<std::string>& args, size_t min_positiona
       inline_value = arg.substr(eq + 1);
     }
     const Option* option = Find(name);
+    if (!option && IsGlobalOption(name)) {
+      throw UsageError(name + " is a global option: put it before the command");
+    }
     if (!option) throw UsageError("unknown option " + name);
     if (!option->takes_value) {
       if (inline_value) throw UsageError(name + " takes no value");
@@ -83,12 +90,16 @@ void SetCurrentUsage(const std::string& usage) { g_current_usage = usage; }
 const std::string& CurrentUsage() { return g_current_usage; }
 
 uint64_t ParseUnsigned(const std::string& text, const std::string& what) {
-  if (text.empty() || text.size() > 19) throw UsageError(what + " must be a decimal number");
+  if (text.empty()) throw UsageError(what + " must be a decimal number");
   uint64_t value = 0;
+  bool overflow = false;
   for (char c : text) {
     if (c < '0' || c > '9') throw UsageError(what + " must be a decimal number");
-    value = value * 10 + static_cast<uint64_t>(c - '0');
+    unsigned digit = static_cast<unsigned>(c - '0');
+    if (value > (UINT64_MAX - digit) / 10) overflow = true;
+    if (!overflow) value = value * 10 + digit;
   }
+  if (overflow) throw UsageError(what + " is too large");
   return value;
 }
 

@@ -25,15 +25,23 @@ enum ExitCode : int {
 // prints the usage line of the command that was running.
 class ToolError : public std::runtime_error {
  public:
-  ToolError(ExitCode code, const std::string& sentence)
-      : std::runtime_error(sentence), code_(code) {}
+  ToolError(ExitCode code, const std::string& sentence, bool show_usage = false)
+      : std::runtime_error(sentence), code_(code), show_usage_(show_usage) {}
   ExitCode code() const { return code_; }
+  bool show_usage() const { return show_usage_; }
 
  private:
   ExitCode code_;
+  bool show_usage_;
 };
 
-inline ToolError UsageError(const std::string& sentence) { return ToolError(kExitUsage, sentence); }
+inline ToolError UsageError(const std::string& sentence) {
+  return ToolError(kExitUsage, sentence, true);
+}
+
+// Input the command cannot use (a missing or empty password file, passwords that differ): exit
+// status 1 like a usage error, without the usage line, which would not help.
+inline ToolError InputError(const std::string& sentence) { return ToolError(kExitUsage, sentence); }
 
 // Options of one command. Options may come before, between or after the positional arguments;
 // "--name value" and "--name=value" are both accepted, "--" ends the options.

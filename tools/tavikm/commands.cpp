@@ -24,8 +24,18 @@ namespace tavikm_tool {
 namespace {
 
 const char kPasswordHelp[] =
-    "  --password-file FILE  read the password from the first line of FILE (- for standard\n"
-    "                        input) instead of asking on the terminal\n";
+    "  --password-file FILE     read the password from the first line of FILE (- for\n"
+    "                           standard input) instead of asking on the terminal\n";
+
+const char kEmptyPasswordHelp[] =
+    "  --allow-empty-password   accept an empty new password (anyone can then unlock)\n";
+
+// An empty password protects nothing; it is taken only when asked for by name.
+void RefuseEmpty(const Password& password, bool allow_empty) {
+  if (password.size() == 0 && !allow_empty) {
+    throw InputError("an empty password is refused; --allow-empty-password accepts it");
+  }
+}
 
 const char kPlaceHelp[] =
     "KEY_LOC is a secure-storage entry when ro.product.tavi.support_mdfpp is \"true\" and it does\n"
@@ -102,10 +112,7 @@ KeyBytes KeyFromHex(std::string hex, const std::string& source) {
 
 std::string ReadKeyFile(const std::string& file) {
   int fd = file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    throw ToolError(errno == ENOENT ? kExitNotFound : kExitFailure,
-                    "cannot open key file " + file + ": " + strerror(errno));
-  }
+  if (fd < 0) throw InputError("cannot open key file " + file + ": " + strerror(errno));
   std::string text;
   text.reserve(4096);
   char buffer[4096];
@@ -139,24 +146,26 @@ void ApplyProps(const std::vector<std::string>& props) {
 int RunSetup(const std::vector<std::string>& args) {
   ArgParser parser(
       "usage: tavikm setup KEY_LOC [--kdf default|1|2|4|5] [--keysize 16|32] [--offset N] "
-      "[--password-file FILE] [--show-key] [--force]",
+      "[--password-file FILE] [--allow-empty-password] [--show-key] [--force]",
       std::string(
           "Creates a record for KEY_LOC with a new random master key wrapped under a new\n"
           "password, and prints where it is, its KDF and the master key's fingerprint.\n\n") +
           kPlaceHelp +
           "\n"
-          "  --kdf K        1 PBKDF2, 2 scrypt, 4 PBKDF2 with REK, 5 scrypt bound to Keymaster;\n"
-          "                 default lets the library choose (4 in MDFPP mode, else 5 or 2)\n"
-          "  --keysize B    master key length in bytes, 16 or 32 (default 32)\n"
-          "  --offset N     for a metadata file: where the record goes; no byte outside it\n"
-          "                 changes, and it may not overlap another record\n"
-          "  --show-key     also print the master key itself\n"
-          "  --force        replace whatever the record's place holds (the old key is lost)\n"
-          "  --allow-cost   derive even when the record asks for scrypt beyond\n"
-          "                 N·r·p·128 = 1 GiB\n" +
-          kPasswordHelp);
+          "  --kdf K                  1 PBKDF2, 2 scrypt, 4 PBKDF2 with REK, 5 scrypt bound to\n"
+          "                           Keymaster; default lets the library choose (4 in MDFPP\n"
+          "                           mode, else 5 or 2)\n"
+          "  --keysize B              master key length in bytes, 16 or 32 (default 32)\n"
+          "  --offset N               for a metadata file: where the record goes; no byte outside\n"
+          "                           it changes, and it may not overlap another record\n"
+          "  --show-key               also print the master key itself\n"
+          "  --force                  replace whatever the record's place holds (the old key is\n"
+          "                           lost)\n"
+          "  --allow-cost             derive even when the record asks for scrypt beyond\n"
+          "                           N·r·p·128 = 1 GiB\n" +
+          kPasswordHelp + kEmptyPasswordHelp);
   std::optional<std::string> kdf, keysize, offset, password_file;
-  bool show_key = false, force = false;
+  bool show_key = false, force = false, allow_empty = false;
   parser.Value("--kdf", &kdf);
   parser.Value("--keysize", &keysize);
   parser.Value("--offset", &offset);
@@ -165,6 +174,7 @@ int RunSetup(const std::vector<std::string>& args) {
   parser.Flag("--force", &force);
   bool allow_cost = false;
   parser.Flag("--allow-cost", &allow_cost);
+  parser.Flag("--allow-empty-password", &allow_empty);
   if (!parser.Parse(args, 1, 1)) return kExitOk;
   AllowAnyCost(allow_cost);
   uint32_t kdf_type = ParseKdf(kdf);
@@ -172,6 +182,7 @@ int RunSetup(const std::vector<std::string>& args) {
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
   Password password = ReadNewPassword(password_file, "New password for " + place.loc + ": ");
+  RefuseEmpty(password, allow_empty);
   SetupResult result = Setup(place, password, size, kdf_type, force);
   printf("Created the record of %s\n", place.loc.c_str());
   PrintRow("place", place.Describe());
@@ -190,10 +201,10 @@ int RunUnlock(const std::vector<std::string>& args) {
           "generation, a Keymaster key bound to an older patch level) is stored again.\n\n") +
           kPlaceHelp +
           "\n"
-          "  --offset N     where the record lies in a metadata file (default 0)\n"
-          "  --show-key     also print the master key itself\n"
-          "  --allow-cost   derive even when the record asks for scrypt beyond\n"
-          "                 N·r·p·128 = 1 GiB\n" +
+          "  --offset N               where the record lies in a metadata file (default 0)\n"
+          "  --show-key               also print the master key itself\n"
+          "  --allow-cost             derive even when the record asks for scrypt beyond\n"
+          "                           N·r·p·128 = 1 GiB\n" +
           kPasswordHelp +
           "\nExit status 2 means a wrong password. A key that opens only under the all-zero key\n"
           "(whatever the password) is reported with a warning and exit status 4.\n");
@@ -207,6 +218,7 @@ int RunUnlock(const std::vector<std::string>& args) {
   if (!parser.Parse(args, 1, 1)) return kExitOk;
   AllowAnyCost(allow_cost);
   Place place = ResolvePlace(parser.positional()[0], offset);
+  RequireRecord(place);
   Password password = ReadPassword(password_file, "Password for " + place.loc + ": ");
   UnlockResult result = Unlock(place, password);
   printf("Unlocked %s\n", place.loc.c_str());
@@ -227,31 +239,36 @@ int RunUnlock(const std::vector<std::string>& args) {
 int RunPasswd(const std::vector<std::string>& args) {
   ArgParser parser(
       "usage: tavikm passwd KEY_LOC [--offset N] [--password-file FILE] "
-      "[--new-password-file FILE]",
+      "[--new-password-file FILE] [--allow-empty-password]",
       std::string("Changes the password of KEY_LOC: unwraps the master key with the old password,\n"
                   "wraps the same key under the new one with a new salt, and stores the record\n"
                   "only when that succeeded; on any failure the old record stays as it was.\n\n") +
           kPlaceHelp +
           "\n"
-          "  --offset N                where the record lies in a metadata file (default 0)\n"
-          "  --allow-cost              derive even when the record asks for scrypt beyond\n"
-          "                            N·r·p·128 = 1 GiB\n" +
+          "  --offset N               where the record lies in a metadata file (default 0)\n"
+          "  --allow-cost             derive even when the record asks for scrypt beyond\n"
+          "                           N·r·p·128 = 1 GiB\n" +
           kPasswordHelp +
-          "  --new-password-file FILE  read the new password from FILE (- for standard input:\n"
-          "                            the line after the old password when both are -)\n");
+          "  --new-password-file FILE read the new password from FILE (- for standard input: the\n"
+          "                           line after the old password when both are -)\n" +
+          kEmptyPasswordHelp);
   std::optional<std::string> offset, password_file, new_password_file;
   parser.Value("--offset", &offset);
   parser.Value("--password-file", &password_file);
   parser.Value("--new-password-file", &new_password_file);
   bool allow_cost = false;
   parser.Flag("--allow-cost", &allow_cost);
+  bool allow_empty = false;
+  parser.Flag("--allow-empty-password", &allow_empty);
   if (!parser.Parse(args, 1, 1)) return kExitOk;
   AllowAnyCost(allow_cost);
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
+  RequireRecord(place);
   Password old_password = ReadPassword(password_file, "Old password for " + place.loc + ": ");
   Password new_password =
       ReadNewPassword(new_password_file, "New password for " + place.loc + ": ");
+  RefuseEmpty(new_password, allow_empty);
   PasswdResult result = ChangePassword(place, old_password, new_password);
   printf("Changed the password of %s\n", place.loc.c_str());
   PrintRow("place", place.Describe());
@@ -263,33 +280,47 @@ int RunPasswd(const std::vector<std::string>& args) {
 
 int RunInspect(const std::vector<std::string>& args) {
   ArgParser parser(
-      "usage: tavikm inspect KEY_LOC|--file PATH [--offset N] [--json]",
+      "usage: tavikm inspect KEY_LOC|--entry NAME|--file PATH [--offset N] [--json]",
       std::string(
-          "Decodes every field of a stored record without a password and without the\n"
+          "Decodes every field of a stored record or KEK without a password and without the\n"
           "library's checks: a secure-storage entry is read as stored (an older generation\n"
           "shows its real length and is not upgraded), a file's 2704 bytes at the offset\n"
-          "are shown whatever they hold.\n\n") +
+          "are shown whatever they hold. An all-zero slot is reported as empty (exit status "
+          "3).\n\n") +
           kPlaceHelp +
           "\n"
-          "  --file PATH    read PATH as a metadata file, whatever the MDFPP flag says\n"
-          "  --offset N     where the record lies in the file (default 0)\n"
-          "  --json         print one JSON object instead of text\n");
-  std::optional<std::string> file, offset;
+          "  --entry NAME             read the secure-storage entry NAME, whatever the MDFPP flag\n"
+          "                           says\n"
+          "  --file PATH              read PATH as a metadata file, whatever the MDFPP flag says\n"
+          "  --offset N               where the record lies in the file (default 0)\n"
+          "  --json                   print one JSON object instead of text\n");
+  std::optional<std::string> entry, file, offset;
   bool json = false;
+  parser.Value("--entry", &entry);
   parser.Value("--file", &file);
   parser.Value("--offset", &offset);
   parser.Flag("--json", &json);
   if (!parser.Parse(args, 0, 1)) return kExitOk;
-  if (file.has_value() == !parser.positional().empty()) {
-    throw UsageError("give either KEY_LOC or --file PATH");
+  if (entry.has_value() + file.has_value() + !parser.positional().empty() != 1) {
+    throw UsageError("give one of KEY_LOC, --entry NAME and --file PATH");
   }
-  Place place = ResolvePlace(file ? *file : parser.positional()[0], offset, file.has_value());
+  Place place;
+  if (entry) {
+    if (offset) throw UsageError("--offset applies to metadata files only");
+    if (entry->empty()) throw UsageError("the entry name is empty");
+    place = Place{true, *entry, 0};
+  } else {
+    place = ResolvePlace(file ? *file : parser.positional()[0], offset, file.has_value());
+  }
   OpenedPlace opened(place);  // shows the record as an interrupted change left it to stand
   RawRecord raw = ReadRaw(place);
   if (!raw.found) {
     throw ToolError(kExitNotFound, place.secure_storage
                                        ? "no record named \"" + place.loc + "\" in secure storage"
                                        : "no metadata file " + place.loc);
+  }
+  if (raw.Empty()) {
+    throw ToolError(kExitNotFound, place.Describe() + " is empty");
   }
   std::string text = json ? RecordJson(place, raw) : RecordText(place, raw);
   fputs(text.c_str(), stdout);
@@ -307,8 +338,9 @@ int RunKek(const std::vector<std::string>& args) {
       "location is a name in the same store).\n";
   if (verb == "--help" || verb == "-h") {
     printf(
-        "%s\n%s  put     store a KEK\n  get     print a KEK's fingerprint\n"
-        "  delete  remove a KEK\nSee tavikm kek put|get|delete --help.\n",
+        "%s\n%s\n  put NAME                 store a KEK\n  get NAME                 print a KEK's "
+        "fingerprint\n"
+        "  delete NAME              remove a KEK\nSee tavikm kek put|get|delete --help.\n",
         usage.c_str(), store_help.c_str());
     return kExitOk;
   }
@@ -318,12 +350,14 @@ int RunKek(const std::vector<std::string>& args) {
         "[--show-key] [--force]",
         store_help +
             "\n"
-            "  --hex HEX        the KEK as hexadecimal text (16 or 32 bytes; visible to other\n"
-            "                   users in the process list, prefer --key-file)\n"
-            "  --key-file FILE  read the KEK as hexadecimal text from FILE (- for standard input)\n"
-            "  --random         a new random KEK of --keysize bytes (default 32)\n"
-            "  --show-key       print the KEK itself, not only its fingerprint\n"
-            "  --force          replace an existing entry of that name\n");
+            "  --hex HEX                the KEK as hexadecimal text (16 or 32 bytes; visible to\n"
+            "                           other users in the process list, prefer --key-file)\n"
+            "  --key-file FILE          read the KEK as hexadecimal text from FILE (- for "
+            "standard\n"
+            "                           input)\n"
+            "  --random                 a new random KEK of --keysize bytes (default 32)\n"
+            "  --show-key               print the KEK itself, not only its fingerprint\n"
+            "  --force                  replace an existing entry of that name\n");
     std::optional<std::string> hex, key_file, keysize;
     bool random = false, show_key = false, force = false;
     parser.Value("--hex", &hex);
@@ -362,7 +396,7 @@ int RunKek(const std::vector<std::string>& args) {
             "library stores the upgraded entry through the record store, which\n"
             "reaches secure storage only in MDFPP mode; elsewhere it writes a file\n"
             "named NAME in the current directory and the entry stays as it was.\n\n"
-            "  --show-key     print the KEK itself too\n");
+            "  --show-key               print the KEK itself too\n");
     bool show_key = false;
     parser.Flag("--show-key", &show_key);
     if (!parser.Parse(rest, 1, 1)) return kExitOk;

@@ -23,6 +23,10 @@ int RunUnlock(const std::vector<std::string>& args);
 int RunPasswd(const std::vector<std::string>& args);
 int RunInspect(const std::vector<std::string>& args);
 int RunKek(const std::vector<std::string>& args);
+int RunList(const std::vector<std::string>& args);
+int RunBackup(const std::vector<std::string>& args);
+int RunRestore(const std::vector<std::string>& args);
+int RunBenchmark(const std::vector<std::string>& args);
 int RunDemo(const std::vector<std::string>& args, const Globals& globals);
 
 }  // namespace tavikm_tool

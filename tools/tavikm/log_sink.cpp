@@ -2,7 +2,9 @@
 #include "log_sink.h"
 
 #include <android/log.h>
+#include <errno.h>
 #include <stdio.h>
+#include <string.h>
 #include <time.h>
 
 #include <exception>
@@ -16,7 +18,12 @@ bool g_to_stderr = false;
 std::function<std::string()> g_resolve;
 std::string g_path;
 FILE* g_file = nullptr;
-std::vector<std::string> g_seen;
+struct Seen {
+  int priority;
+  std::string text;
+  int error;  // errno as the line was logged: the cause of a failed system call just before it
+};
+std::vector<Seen> g_seen;
 
 char PriorityLetter(int priority) {
   switch (priority) {
@@ -83,9 +90,10 @@ bool Resolve() {
 }
 
 void Sink(const __android_logger_data* data, const char* message) {
+  int error = errno;
   // Only the lines of the current library call matter; keep the memory bounded regardless.
   if (g_seen.size() >= 4096) g_seen.clear();
-  g_seen.push_back(message ? message : "");
+  g_seen.push_back({data->priority, message ? message : "", error});
   std::string line = Format(data, message);
   if (g_to_stderr) {
     fprintf(stderr, "%s\n", line.c_str());
@@ -127,10 +135,52 @@ std::string LogHint() {
 void ForgetSeen() { g_seen.clear(); }
 
 bool LogSaw(const std::string& fragment) {
-  for (const std::string& text : g_seen) {
-    if (text.find(fragment) != std::string::npos) return true;
+  for (const Seen& seen : g_seen) {
+    if (seen.text.find(fragment) != std::string::npos) return true;
   }
   return false;
+}
+
+std::string LibraryCause() {
+  // Lines the library logs right after a failed system call: errno then still holds its cause.
+  static const char* const kAfterSystemCall[] = {
+      "Cannot open metadata file",
+      "Cannot seek to real block device",
+      "Cannot read real block device metadata",
+      "Cannot write real block device metadata",
+      "Cannot set metadata file size",
+      "Failed to read metadata from Secure Storage",
+      "Filed to store metadata to TZ Secure Storage",
+      "Filed to store a key encrypted by rek in Secure Storage",
+      "Failed to Remove Key file",
+  };
+  for (const Seen& seen : g_seen) {
+    for (const char* fragment : kAfterSystemCall) {
+      if (seen.error != 0 && seen.text.find(fragment) != std::string::npos) {
+        return strerror(seen.error);
+      }
+    }
+  }
+  // A KDF that failed leaves the key all zero, and errno says why (scrypt's memory, say).
+  for (const Seen& seen : g_seen) {
+    if (seen.text.find("::key is null") != std::string::npos) {
+      return std::string("the key derivation failed") +
+             (seen.error ? std::string(": ") + strerror(seen.error) : "");
+    }
+  }
+  // Otherwise the library's own words: its first error line, less the trace of the record's
+  // place that km_get_km_meta logs as an error at every read.
+  for (const Seen& seen : g_seen) {
+    if (seen.priority < ANDROID_LOG_ERROR || seen.text.rfind("key_loc=", 0) == 0) continue;
+    std::string text = Flatten(seen.text.c_str());
+    if (!text.empty()) return "the library says \"" + text + "\"";
+  }
+  return "";
+}
+
+std::string Why() {
+  std::string cause = LibraryCause();
+  return (cause.empty() ? "" : ": " + cause) + LogHint();
 }
 
 }  // namespace tavikm_tool

@@ -24,6 +24,14 @@ void ForgetSeen();
 // True when a line logged since the last ForgetSeen() contains `fragment`.
 bool LogSaw(const std::string& fragment);
 
+// The cause of a library failure, from the lines logged since the last ForgetSeen(): the
+// strerror text of a failed system call the library reported, else the library's first error
+// line as "the library says "..."", else "".
+std::string LibraryCause();
+
+// ": <cause>" (when there is one) and LogHint(), to end a failure sentence.
+std::string Why();
+
 }  // namespace tavikm_tool
 
 #endif  // TAVIKM_TOOLS_LOG_SINK_H_

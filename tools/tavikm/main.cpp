@@ -11,6 +11,7 @@
 #include "commands.h"
 #include "lock.h"
 #include "log_sink.h"
+#include "progress.h"
 #include "secure_memory.h"
 #include "tavikm_host/device.h"
 
@@ -25,24 +26,33 @@ const char kHelp[] =
     "Key management for storage encryption, on the host platform's emulated device.\n"
     "\n"
     "Commands:\n"
-    "  setup KEY_LOC      create a record: new master key wrapped under a new password\n"
-    "  unlock KEY_LOC     unwrap the master key with the password, print its fingerprint\n"
-    "  passwd KEY_LOC     wrap the same master key under a new password\n"
-    "  inspect KEY_LOC    decode a stored record field by field, without a password\n"
-    "  kek put|get|delete NAME   the store of key-encryption keys\n"
-    "  demo               a narrated tour in a throwaway device directory\n"
+    "  setup KEY_LOC            create a record: a new master key under a new password\n"
+    "  unlock KEY_LOC           unwrap the master key with the password, show its fingerprint\n"
+    "  passwd KEY_LOC           wrap the same master key under a new password\n"
+    "  inspect KEY_LOC          decode a stored record field by field, without a password\n"
+    "  list [FILE]...           the entries of secure storage, the records in metadata files\n"
+    "  backup KEY_LOC FILE      save a record to FILE, with a SHA-256\n"
+    "  restore KEY_LOC FILE     write a saved record back\n"
+    "  kek put|get|delete NAME  the store of key-encryption keys\n"
+    "  benchmark                KDF timings here, and the scrypt cost for an unlock time\n"
+    "  demo                     a narrated tour in a throwaway device directory\n"
+    "  help                     this text\n"
     "Each command explains itself with --help.\n"
     "\n"
-    "Options:\n"
-    "  --device-dir DIR   the emulated device's state (default $TAVIKM_DEVICE_DIR, else\n"
-    "                     $XDG_STATE_HOME/tavikm/device, else ~/.local/state/tavikm/device)\n"
-    "  --prop KEY=VALUE   set a system property for this run (repeatable), e.g.\n"
-    "                     ro.product.tavi.support_mdfpp=true, ro.crypto.scrypt_params=12:3:1\n"
-    "  --wait SECONDS     how long to wait for another command using the same record\n"
-    "                     (default 10), then give up with \"... is busy\"\n"
-    "  -v                 library log lines to stderr instead of log.txt in the device directory\n"
+    "Options (before the command):\n"
+    "  --device-dir DIR         the emulated device's state (default $TAVIKM_DEVICE_DIR,\n"
+    "                           else $XDG_STATE_HOME/tavikm/device, else\n"
+    "                           ~/.local/state/tavikm/device)\n"
+    "  --prop KEY=VALUE         set a system property for this run (repeatable), e.g.\n"
+    "                           ro.product.tavi.support_mdfpp=true,\n"
+    "                           ro.crypto.scrypt_params=12:3:1\n"
+    "  --wait SECONDS           how long to wait for another command using the same record\n"
+    "                           (default 10), then give up with \"... is busy\"\n"
+    "  -v                       library log lines to stderr, not to log.txt in the device\n"
+    "                           directory\n"
     "\n"
-    "Exit status: 0 success, 1 usage, 2 wrong password, 3 not found, 4 other failure.\n";
+    "Exit status: 0 success, 1 usage or unusable input, 2 wrong password, 3 no such record\n"
+    "or KEK, 4 any other failure.\n";
 
 bool TakeValue(const std::vector<std::string>& args, size_t* i, const std::string& name,
                std::string* value) {
@@ -91,6 +101,7 @@ int Run(const std::vector<std::string>& args) {
   std::vector<std::string> rest(args.begin() + static_cast<long>(i) + 1, args.end());
 
   InstallLogSink(globals.verbose);
+  EnableProgress(!globals.verbose);
   if (command == "demo") return RunDemo(rest, globals);
   if (!device_dir.empty()) setenv("TAVIKM_DEVICE_DIR", device_dir.c_str(), 1);
   tavikm_host::ResetProperties();
@@ -103,6 +114,10 @@ int Run(const std::vector<std::string>& args) {
   if (command == "passwd") return RunPasswd(rest);
   if (command == "inspect") return RunInspect(rest);
   if (command == "kek") return RunKek(rest);
+  if (command == "list") return RunList(rest);
+  if (command == "backup") return RunBackup(rest);
+  if (command == "restore") return RunRestore(rest);
+  if (command == "benchmark") return RunBenchmark(rest);
   if (command == "help") {
     printf("%s\n%s", kUsage, kHelp);
     return kExitOk;
@@ -119,7 +134,7 @@ int main(int argc, char** argv) {
     return Run(args);
   } catch (const ToolError& e) {
     fprintf(stderr, "tavikm: %s\n", e.what());
-    if (e.code() == kExitUsage) fprintf(stderr, "%s\n", CurrentUsage().c_str());
+    if (e.show_usage()) fprintf(stderr, "%s\n", CurrentUsage().c_str());
     return e.code();
   } catch (const std::exception& e) {
     fprintf(stderr, "tavikm: %s\n", e.what());

@@ -12,6 +12,7 @@
 #include "cli.h"
 #include "library_stores.h"
 #include "log_sink.h"
+#include "progress.h"
 #include "record_checks.h"
 #include "record_store.h"
 
@@ -37,6 +38,13 @@ ToolError NotFound(const Place& place, const RawRecord& raw) {
                    "no record in " + place.loc + " at offset " + std::to_string(place.offset));
 }
 
+ToolError KekNotRecord(const Place& place) {
+  std::string reader = "tavikm kek get " + place.loc;
+  return ToolError(
+      kExitFailure,
+      place.Describe() + " holds a KEK, not the record of a master key (" + reader + " reads it)");
+}
+
 // Why km_get_km_meta refused a file record, from the raw bytes.
 ToolError UnreadableRecord(const Place& place, const RawRecord& raw) {
   if (!place.secure_storage) {
@@ -50,7 +58,7 @@ ToolError UnreadableRecord(const Place& place, const RawRecord& raw) {
                        place.Describe() + " holds no record (magic " + Hex32(raw.meta.magic) + ")");
     }
   }
-  return ToolError(kExitFailure, "cannot read the record at " + place.Describe() + LogHint());
+  return ToolError(kExitFailure, "cannot read the record at " + place.Describe() + Why());
 }
 
 bool CbcOnly() { return mdfpp_property_get(supportCBConly); }
@@ -136,11 +144,9 @@ SetupResult Setup(const Place& place, const Password& password, uint64_t keysize
   // at its own place, by StoreRecord.
   SetupResult result;
   std::string failed = "cannot set up " + place.Describe();
+  ForgetSeen();
   int rc = km_init_km_meta(&result.meta, place.loc.c_str(), keysize, kdf_type);
-  if (rc != 0) {
-    throw ToolError(kExitFailure,
-                    failed + " (km_init_km_meta " + std::to_string(rc) + ")" + LogHint());
-  }
+  if (rc != 0) throw ToolError(kExitFailure, failed + Why());
   if (!CostAllowed(result.meta)) {
     throw ToolError(kExitFailure, "ro.crypto.scrypt_params asks for scrypt with " +
                                       ScryptCost(result.meta) +
@@ -148,23 +154,29 @@ SetupResult Setup(const Place& place, const Password& password, uint64_t keysize
   }
   km_generate_drbg_bytes(nullptr, result.master_key.data(), static_cast<size_t>(keysize));
   km_generate_drbg_bytes(nullptr, result.meta.salt, sizeof(result.meta.salt));
-  rc = km_encrypt_key(password.c_str(), password.size(), result.meta.salt, result.meta.master_key,
-                      result.master_key.data(), &result.meta);
-  if (rc != 0) {
-    throw ToolError(kExitFailure,
-                    failed + " (km_encrypt_key " + std::to_string(rc) + ")" + LogHint());
-  }
-  if (CbcOnly()) {
-    rc = km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
-                                    password.size(), result.meta.key_mac, &result.meta);
-    if (rc != 0) {
-      throw ToolError(kExitFailure, failed + " (km_get_key_mac_by_password " + std::to_string(rc) +
-                                        ")" + LogHint());
+  {
+    Progress progress(SetupDeriving(kdf_type));
+    ForgetSeen();
+    rc = km_encrypt_key(password.c_str(), password.size(), result.meta.salt,
+                        result.meta.master_key, result.master_key.data(), &result.meta);
+    if (rc == 0 && CbcOnly()) {
+      rc = km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
+                                      password.size(), result.meta.key_mac, &result.meta);
     }
   }
+  if (rc != 0) throw ToolError(kExitFailure, failed + Why());
   result.master_key.set_size(static_cast<size_t>(keysize));
   StoreRecord(opened, result.meta, "the new record");
   return result;
+}
+
+void RequireRecord(const Place& place) {
+  // Under the lock and after any replay, so a record an interrupted change left torn is judged
+  // as it will stand.
+  OpenedPlace opened(place);
+  RawRecord raw = ReadRaw(place);
+  if (raw.Empty()) throw NotFound(place, raw);
+  if (raw.Kek()) throw KekNotRecord(place);
 }
 
 namespace {
@@ -173,7 +185,9 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
   const Place& place = opened.place();
   RawRecord raw = ReadRaw(place);
   if (raw.Empty()) throw NotFound(place, raw);
+  if (raw.Kek()) throw KekNotRecord(place);
   UnlockResult result;
+  ForgetSeen();
   int rc = km_get_km_meta(place.loc.c_str(), place.offset, &result.meta);
   if (rc == 1) throw NotFound(place, raw);
   if (rc != 0) throw UnreadableRecord(place, raw);
@@ -201,14 +215,13 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
 
   if (CbcOnly()) {
     uint8_t mac[32];
+    ForgetSeen();
     rc = UndoLibraryStores(opened, result.meta, [&] {
+      Progress progress(Deriving(result.meta));
       return km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
                                         password.size(), mac, &result.meta);
     });
-    if (rc != 0) {
-      throw ToolError(kExitFailure,
-                      "cannot check the password of " + place.loc + " (password MAC)" + LogHint());
-    }
+    if (rc != 0) throw ToolError(kExitFailure, "cannot check the password of " + place.loc + Why());
     store_if_changed();
     before = result.meta;
     if (km_verify_key_mac(result.meta.key_mac, mac) != 0) throw wrong_password;
@@ -216,6 +229,7 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
 
   ForgetSeen();
   rc = UndoLibraryStores(opened, result.meta, [&] {
+    Progress progress(Deriving(result.meta));
     return km_decrypt_key(password.c_str(), password.size(), result.meta.salt,
                           result.meta.master_key, result.master_key.data(), &result.meta);
   });
@@ -229,8 +243,7 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
     store_if_changed();
     throw wrong_password;
   }
-  throw ToolError(kExitFailure, "cannot unlock " + place.loc + ": the key derivation failed (" +
-                                    std::to_string(rc) + ")" + LogHint());
+  throw ToolError(kExitFailure, "cannot unlock " + place.loc + Why());
 }
 
 }  // namespace
@@ -260,20 +273,24 @@ PasswdResult ChangePassword(const Place& place, const Password& old_password,
   uint8_t salt[sizeof(copy.salt)];
   km_generate_drbg_bytes(nullptr, salt, sizeof(salt));
   uint8_t wrapped[sizeof(copy.master_key)] = {};
-  std::string unchanged = "; the record is unchanged" + LogHint();
+  uint8_t mac[32];
+  bool cbc = CbcOnly();
+  ForgetSeen();
   if (UndoLibraryStores(opened, copy, [&] {
+        Progress progress(Deriving(copy));
         return km_encrypt_key(new_password.c_str(), new_password.size(), salt, wrapped,
                               result.unlocked.master_key.data(), &copy);
       }) != 0) {
-    throw ToolError(kExitFailure, "cannot wrap the master key under the new password" + unchanged);
+    throw ToolError(kExitFailure, "cannot wrap the master key of " + place.loc +
+                                      " under the new password (the record is unchanged)" + Why());
   }
-  uint8_t mac[32];
-  bool cbc = CbcOnly();
   if (cbc && UndoLibraryStores(opened, copy, [&] {
+               Progress progress(Deriving(copy));
                return km_get_key_mac_by_password(wrapped, salt, new_password.c_str(),
                                                  new_password.size(), mac, &copy);
              }) != 0) {
-    throw ToolError(kExitFailure, "cannot make the new password MAC" + unchanged);
+    throw ToolError(kExitFailure, "cannot make the new password MAC of " + place.loc +
+                                      " (the record is unchanged)" + Why());
   }
   memcpy(copy.master_key, wrapped, keysize);
   memcpy(copy.salt, salt, sizeof(salt));
@@ -308,10 +325,9 @@ void PutKek(const std::string& name, const KeyBytes& kek, bool force) {
     }
     RefuseMasterKeyRecord(name, raw, "put");
   }
-  int rc = km_put_kek_enc_by_rek(name.c_str(), kek.data(), kek.size());
-  if (rc != 0) {
-    throw ToolError(kExitFailure, "cannot store the KEK \"" + name + "\" (km_put_kek_enc_by_rek " +
-                                      std::to_string(rc) + ")" + LogHint());
+  ForgetSeen();
+  if (km_put_kek_enc_by_rek(name.c_str(), kek.data(), kek.size()) != 0) {
+    throw ToolError(kExitFailure, "cannot store the KEK \"" + name + "\"" + Why());
   }
   // Read back before anyone is told it was stored.
   KeyBytes back;
@@ -330,12 +346,10 @@ KeyBytes GetKek(const std::string& name, bool* asked_twice) {
   *asked_twice = false;
   for (int attempt = 0; attempt < 2; ++attempt) {
     uint64_t length = 0;
+    ForgetSeen();
     int rc = km_get_kek_enc_by_rek(name.c_str(), kek.data(), &length);
     if (rc == 1) throw ToolError(kExitNotFound, "no KEK named \"" + name + "\"");
-    if (rc != 0) {
-      throw ToolError(kExitFailure, "cannot read the KEK \"" + name + "\" (km_get_kek_enc_by_rek " +
-                                        std::to_string(rc) + ")" + LogHint());
-    }
+    if (rc != 0) throw ToolError(kExitFailure, "cannot read the KEK \"" + name + "\"" + Why());
     if (length > kek.capacity()) {
       throw ToolError(kExitFailure, "the KEK \"" + name + "\" came back with a length of " +
                                         std::to_string(length) + " bytes");
@@ -357,11 +371,9 @@ void DeleteKek(const std::string& name) {
   RawRecord raw = ReadRaw(place);
   if (!raw.found) throw ToolError(kExitNotFound, "no KEK named \"" + name + "\"");
   RefuseMasterKeyRecord(name, raw, "delete");
-  int rc = km_delete_kek_enc_by_rek(name.c_str());
-  if (rc != 0) {
-    throw ToolError(kExitFailure, "cannot delete the KEK \"" + name +
-                                      "\" (km_delete_kek_enc_by_rek " + std::to_string(rc) + ")" +
-                                      LogHint());
+  ForgetSeen();
+  if (km_delete_kek_enc_by_rek(name.c_str()) != 0) {
+    throw ToolError(kExitFailure, "cannot delete the KEK \"" + name + "\"" + Why());
   }
 }
 

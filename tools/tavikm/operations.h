@@ -40,6 +40,10 @@ struct UnlockResult {
   unsigned old_major_version = 0;
 };
 
+// Throws kExitNotFound when `place` holds no record, and a failure when it holds a KEK: checked
+// before a password is asked for.
+void RequireRecord(const Place& place);
+
 // km_get_km_meta, the password MAC check in CBC-only mode, km_decrypt_key. A wrong password is
 // kExitWrongPassword, a missing record kExitNotFound.
 UnlockResult Unlock(const Place& place, const Password& password);

@@ -31,8 +31,8 @@ bool ReadLine(int fd, Password* out, const std::string& source) {
     }
     any = true;
     if (length + 1 >= Password::capacity()) {
-      throw ToolError(kExitFailure, "the password in " + source + " is longer than " +
-                                        std::to_string(Password::capacity() - 1) + " bytes");
+      throw InputError("the password in " + source + " is longer than " +
+                       std::to_string(Password::capacity() - 1) + " bytes");
     }
     out->data()[length++] = static_cast<uint8_t>(c);
   }
@@ -45,15 +45,12 @@ Password FromFile(const std::string& file) {
   Password password;
   if (file == "-") {
     if (!ReadLine(STDIN_FILENO, &password, "standard input")) {
-      throw ToolError(kExitFailure, "standard input holds no password");
+      throw InputError("standard input holds no password");
     }
     return password;
   }
   int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    throw ToolError(errno == ENOENT ? kExitNotFound : kExitFailure,
-                    "cannot open password file " + file + ": " + strerror(errno));
-  }
+  if (fd < 0) throw InputError("cannot open password file " + file + ": " + strerror(errno));
   bool any;
   try {
     any = ReadLine(fd, &password, file);
@@ -62,7 +59,7 @@ Password FromFile(const std::string& file) {
     throw;
   }
   close(fd);
-  if (!any) throw ToolError(kExitFailure, "password file " + file + " is empty");
+  if (!any) throw InputError("password file " + file + " is empty");
   return password;
 }
 
@@ -92,24 +89,26 @@ Password Prompt(const std::string& prompt) {
   struct sigaction old_int, old_term;
   sigaction(SIGINT, &action, &old_int);
   sigaction(SIGTERM, &action, &old_term);
-  fprintf(stderr, "%s", prompt.c_str());
-  fflush(stderr);
+  // Echo goes off (and earlier typing is dropped) before the prompt shows, so nothing typed
+  // after it is lost.
   g_echo_off = 1;
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+  fprintf(stderr, "%s", prompt.c_str());
+  fflush(stderr);
   Password password;
   bool any = false;
-  std::string error;
+  std::optional<ToolError> error;
   try {
     any = ReadLine(STDIN_FILENO, &password, "the terminal");
   } catch (const ToolError& e) {
-    error = e.what();
+    error = e;
   }
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_saved_termios);
   g_echo_off = 0;
   sigaction(SIGINT, &old_int, nullptr);
   sigaction(SIGTERM, &old_term, nullptr);
-  if (!error.empty()) throw ToolError(kExitFailure, error);
-  if (!any) throw ToolError(kExitFailure, "no password given");
+  if (error) throw *error;
+  if (!any) throw InputError("no password given");
   return password;
 }
 
@@ -123,7 +122,7 @@ Password ReadNewPassword(const std::optional<std::string>& file, const std::stri
   if (file) return FromFile(*file);
   Password first = Prompt(prompt);
   Password second = Prompt("Repeat the new password: ");
-  if (first != second) throw ToolError(kExitFailure, "the two passwords do not match");
+  if (first != second) throw InputError("the two passwords do not match");
   return first;
 }
 

@@ -12,7 +12,8 @@ namespace tavikm_tool {
 
 // Reads a password from `file` when given, else prompts with `prompt` on the terminal. Several
 // reads from "-" take successive lines of standard input. Throws a usage error when there is
-// neither a file nor a terminal, and a failure when the file cannot be read or is empty.
+// neither a file nor a terminal, and an input error (exit status 1) when the file cannot be
+// opened or is empty.
 Password ReadPassword(const std::optional<std::string>& file, const std::string& prompt);
 
 // As ReadPassword, for a password being chosen: a prompt asks twice and the answers must match.

@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stddef.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -90,6 +91,11 @@ int OpenMetadataFile(const std::string& path, struct stat* st) {
   return fd;
 }
 
+bool RawRecord::Kek() const {
+  return stored_length >= offsetof(km_meta, kek_mac) && meta.magic == KM_META_MAGIC &&
+         meta.kdf_type == 0 && meta.xtkm_value_size != 0;
+}
+
 bool RawRecord::Empty() const {
   if (!found || stored_length == 0) return true;
   const uint8_t* bytes = reinterpret_cast<const uint8_t*>(&meta);
@@ -101,8 +107,9 @@ bool RawRecord::Empty() const {
 
 kmstore_device* SecureStorage() {
   kmstore_device* device = nullptr;
+  ForgetSeen();
   if (kmstore_device_init(&device) != 0 || !device) {
-    throw ToolError(kExitFailure, "cannot open the secure-storage device" + LogHint());
+    throw ToolError(kExitFailure, "cannot open the secure-storage device" + Why());
   }
   return device;
 }

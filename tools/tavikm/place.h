@@ -47,6 +47,8 @@ struct RawRecord {
 
   // No record there: no entry, no file, or only zeros at the offset (a deleted record).
   bool Empty() const;
+  // A KEK of the REK/KEK store: a record image without a KDF, holding the encrypted KEK.
+  bool Kek() const;
 };
 
 // Opens `path` without blocking (a FIFO would otherwise hang the open) and refuses anything that

@@ -43,7 +43,7 @@ bool WriteAll(int fd, const uint8_t* data, size_t size) {
 }
 
 ToolError StoreFailed(const Place& place, const std::string& what) {
-  return ToolError(kExitFailure, "cannot store " + what + " at " + place.Describe() + LogHint());
+  return ToolError(kExitFailure, "cannot store " + what + " at " + place.Describe() + Why());
 }
 
 // A new metadata file appears whole or not at all, and never over one that another command
@@ -82,6 +82,7 @@ void UpdateFileInPlace(const OpenedPlace& opened, const km_meta& image, const st
   RawRecord raw = ReadRaw(place);
   old = raw.meta;
   WriteJournal(opened.canonical_path(), place.offset, old, image);
+  ForgetSeen();
   if (km_put_km_meta(place.loc.c_str(), static_cast<int64_t>(place.offset), &image) != 0 ||
       fsync(opened.fd()) != 0) {
     // Part of the record may have landed: put the old one back now rather than at the next run.

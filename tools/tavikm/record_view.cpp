@@ -123,23 +123,6 @@ std::string Printable(const std::string& text) {
   return out;
 }
 
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c >= 0x20 && c < 0x7f) {
-      out += static_cast<char>(c);
-    } else {
-      char escaped[8];
-      snprintf(escaped, sizeof(escaped), "\\u%04x", c);  // bytes shown as Latin-1
-      out += escaped;
-    }
-  }
-  return out + "\"";
-}
-
 std::string BlobSummary(const RawRecord& raw) {
   uint64_t size = raw.meta.km_key_blob_size;
   if (size == 0) return "empty";
@@ -159,7 +142,9 @@ std::string TextValue(const RawRecord& raw, const Field& field) {
         snprintf(hex, sizeof(hex), "0x%08x", static_cast<unsigned>(value));
         text = std::string(hex) + (value == KM_META_MAGIC ? " (valid)" : " (bad magic)");
       } else if (field.offset == offsetof(km_meta, kdf_type)) {
-        text += " (" + KdfName(static_cast<unsigned>(value)) + ")";
+        text += raw.Kek() ? " (none: a KEK)" : " (" + KdfName(static_cast<unsigned>(value)) + ")";
+      } else if (field.offset == offsetof(km_meta, keysize) && raw.Kek()) {
+        text += " (the KEK's length)";
       } else if (field.offset == offsetof(km_meta, major_version) && value <= 2) {
         text += " (still needs the KEK upgrade)";
       }
@@ -212,6 +197,23 @@ std::string JsonValue(const RawRecord& raw, const Field& field) {
 
 }  // namespace
 
+std::string JsonString(const std::string& text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c >= 0x20 && c < 0x7f) {
+      out += static_cast<char>(c);
+    } else {
+      char escaped[8];
+      snprintf(escaped, sizeof(escaped), "\\u%04x", c);  // bytes shown as Latin-1
+      out += escaped;
+    }
+  }
+  return out + "\"";
+}
+
 std::string RecordText(const Place& place, const RawRecord& raw) {
   std::vector<std::pair<std::string, std::string>> lines;
   if (place.secure_storage) {
@@ -223,6 +225,8 @@ std::string RecordText(const Place& place, const RawRecord& raw) {
   }
   lines.push_back(
       {"stored length", std::to_string(raw.stored_length) + " bytes, " + Generation(place, raw)});
+  lines.push_back({"kind", raw.Kek() ? "KEK of the REK/KEK store (tavikm kek get reads it)"
+                                     : "record of a master key"});
   for (const Field& field : kFields) {
     std::string value =
         Present(raw, field)
@@ -267,6 +271,7 @@ std::string RecordJson(const Place& place, const RawRecord& raw) {
   }
   members.push_back({"stored_length", std::to_string(raw.stored_length)});
   members.push_back({"generation", JsonString(Generation(place, raw))});
+  members.push_back({"kind", JsonString(raw.Kek() ? "kek" : "record")});
   members.push_back(
       {"magic_valid", raw.stored_length >= sizeof(raw.meta.magic) && raw.meta.magic == KM_META_MAGIC
                           ? "true"

@@ -1,0 +1,274 @@
+// `tavikm backup` and `tavikm restore`: a record's stored bytes (for secure storage, the entry
+// as stored, whatever its generation) in a file with a small header and a SHA-256 over both.
+//
+// The file, all numbers little-endian:
+//   "TAVIKMBK" | u32 version (1) | u32 place (1 secure-storage entry, 2 metadata file)
+//   | u64 offset | u32 key location length | u32 image length | key location | image
+//   | SHA-256 of everything before it
+#include <errno.h>
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "commands.h"
+#include "log_sink.h"
+#include "operations.h"
+#include "place.h"
+#include "record_store.h"
+
+namespace tavikm_tool {
+namespace {
+
+constexpr char kMagic[8] = {'T', 'A', 'V', 'I', 'K', 'M', 'B', 'K'};
+constexpr uint32_t kVersion = 1;
+constexpr uint32_t kEntry = 1, kFile = 2;
+constexpr size_t kHeaderSize = 8 + 4 + 4 + 8 + 4 + 4;
+constexpr size_t kDigestSize = 32;
+constexpr size_t kMaxKeyLoc = 4096;
+
+const char kPlaceHelp[] =
+    "KEY_LOC is a secure-storage entry when ro.product.tavi.support_mdfpp is \"true\" and it does\n"
+    "not begin with '/'; otherwise it is the path of a metadata file, and the record lies at\n"
+    "--offset N in it.\n";
+
+void Put(std::vector<uint8_t>* out, uint64_t value, int bytes) {
+  for (int i = 0; i < bytes; ++i) out->push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+uint64_t Get(const uint8_t* in, int bytes) {
+  uint64_t value = 0;
+  for (int i = bytes; i-- > 0;) value = value << 8 | in[i];
+  return value;
+}
+
+struct Backup {
+  bool secure_storage = false;
+  uint64_t offset = 0;
+  std::string loc;
+  std::vector<uint8_t> image;
+};
+
+std::vector<uint8_t> Encode(const Backup& backup) {
+  std::vector<uint8_t> out(kMagic, kMagic + sizeof(kMagic));
+  Put(&out, kVersion, 4);
+  Put(&out, backup.secure_storage ? kEntry : kFile, 4);
+  Put(&out, backup.offset, 8);
+  Put(&out, backup.loc.size(), 4);
+  Put(&out, backup.image.size(), 4);
+  out.insert(out.end(), backup.loc.begin(), backup.loc.end());
+  out.insert(out.end(), backup.image.begin(), backup.image.end());
+  uint8_t digest[kDigestSize];
+  if (km_sha256(out.data(), out.size(), digest) != 0) {
+    throw ToolError(kExitFailure, "SHA-256 failed");
+  }
+  out.insert(out.end(), digest, digest + sizeof(digest));
+  return out;
+}
+
+// The backup in `bytes`, or an input error naming `file` and what is wrong with it.
+Backup Decode(const std::vector<uint8_t>& bytes, const std::string& file) {
+  if (bytes.size() < kHeaderSize + kDigestSize || memcmp(bytes.data(), kMagic, 8) != 0) {
+    throw InputError(file + " is not a tavikm backup");
+  }
+  const uint8_t* p = bytes.data();
+  uint64_t version = Get(p + 8, 4), kind = Get(p + 12, 4), loc_size = Get(p + 24, 4),
+           image_size = Get(p + 28, 4);
+  if (version != kVersion) {
+    throw InputError(file + " is a backup of version " + std::to_string(version) +
+                     ", which this tavikm does not read");
+  }
+  if (bytes.size() != kHeaderSize + loc_size + image_size + kDigestSize) {
+    throw InputError(file + " is damaged: its length does not match its header");
+  }
+  uint8_t digest[kDigestSize];
+  size_t body = bytes.size() - kDigestSize;
+  if (km_sha256(p, body, digest) != 0) throw ToolError(kExitFailure, "SHA-256 failed");
+  if (CRYPTO_memcmp(digest, p + body, kDigestSize) != 0) {
+    throw InputError(file + " is damaged: its SHA-256 does not match");
+  }
+  if ((kind != kEntry && kind != kFile) || loc_size == 0 || loc_size > kMaxKeyLoc ||
+      image_size == 0 || image_size > KM_META_SIZE ||
+      (kind == kFile && image_size != KM_META_SIZE)) {
+    throw InputError(file + " is not a tavikm backup");
+  }
+  Backup backup;
+  backup.secure_storage = kind == kEntry;
+  backup.offset = Get(p + 16, 8);
+  backup.loc.assign(reinterpret_cast<const char*>(p + kHeaderSize), loc_size);
+  backup.image.assign(p + kHeaderSize + loc_size, p + body);
+  return backup;
+}
+
+std::vector<uint8_t> ReadBackupFile(const std::string& file) {
+  int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw InputError("cannot open " + file + ": " + strerror(errno));
+  std::vector<uint8_t> bytes;
+  uint8_t buffer[4096];
+  const size_t limit = kHeaderSize + kMaxKeyLoc + KM_META_SIZE + kDigestSize;
+  for (;;) {
+    ssize_t n = read(fd, buffer, sizeof(buffer));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      int err = errno;
+      close(fd);
+      throw InputError("cannot read " + file + ": " + strerror(err));
+    }
+    if (n == 0) break;
+    bytes.insert(bytes.end(), buffer, buffer + n);
+    if (bytes.size() > limit) break;  // longer than any backup; Decode refuses it
+  }
+  close(fd);
+  return bytes;
+}
+
+// Writes a new file `file` (never replacing one), synchronised before it is reported written.
+void WriteNewFile(const std::string& file, const std::vector<uint8_t>& bytes) {
+  int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    if (errno == EEXIST) {
+      throw ToolError(kExitFailure, file + " already exists; a backup never replaces a file");
+    }
+    throw ToolError(kExitFailure, "cannot create " + file + ": " + strerror(errno));
+  }
+  size_t done = 0;
+  int err = 0;
+  while (done < bytes.size()) {
+    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      err = n < 0 ? errno : EIO;
+      break;
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (!err && fsync(fd) != 0) err = errno;
+  if (close(fd) != 0 && !err) err = errno;
+  if (err) {
+    unlink(file.c_str());
+    throw ToolError(kExitFailure, "cannot write " + file + ": " + strerror(err));
+  }
+}
+
+// Every byte restore writes goes through here, under the place's lock: a whole record through
+// the same locked, journaled and read-back store as every other change; an older, shorter
+// secure-storage entry as the stored image it was (the host writes entries atomically).
+void WriteImage(const OpenedPlace& opened, const std::vector<uint8_t>& image) {
+  const Place& place = opened.place();
+  if (image.size() == KM_META_SIZE) {
+    km_meta meta;
+    memcpy(&meta, image.data(), sizeof(meta));
+    try {
+      StoreRecord(opened, meta, "the restored record");
+    } catch (...) {
+      OPENSSL_cleanse(&meta, sizeof(meta));
+      throw;
+    }
+    OPENSSL_cleanse(&meta, sizeof(meta));
+    return;
+  }
+  int rc = SecureStorage()->write(place.loc.c_str(), image.data(), image.size());
+  if (rc < 0) {
+    throw ToolError(kExitFailure, "cannot write " + place.Describe() + ": " + strerror(-rc));
+  }
+}
+
+std::string Summary(const Place& place, const std::vector<uint8_t>& image) {
+  RawRecord raw;
+  memcpy(&raw.meta, image.data(), image.size());
+  raw.stored_length = image.size();
+  std::string kind = raw.Kek() ? "a KEK" : "kdf " + KdfName(raw.meta.kdf_type);
+  return place.Describe() + " (" + std::to_string(image.size()) + " bytes, " + kind + ")";
+}
+
+}  // namespace
+
+int RunBackup(const std::vector<std::string>& args) {
+  ArgParser parser(
+      "usage: tavikm backup KEY_LOC FILE [--offset N]",
+      std::string("Copies the stored record of KEY_LOC into a new FILE, with a "
+                  "header and a SHA-256\nthat restore checks. The record holds "
+                  "the wrapped master key: keep FILE as safe\nas the disk.\n\n") +
+          kPlaceHelp +
+          "\n"
+          "  --offset N               where the record lies in a metadata file (default 0)\n");
+  std::optional<std::string> offset;
+  parser.Value("--offset", &offset);
+  if (!parser.Parse(args, 2, 2)) return kExitOk;
+  Place place = ResolvePlace(parser.positional()[0], offset);
+  const std::string& file = parser.positional()[1];
+  OpenedPlace opened(place);  // a consistent copy, as an interrupted change left it to stand
+  RawRecord raw = ReadRaw(place);
+  if (raw.Empty()) {
+    throw ToolError(kExitNotFound, place.secure_storage
+                                       ? "no entry named \"" + place.loc + "\" in secure storage"
+                                       : place.Describe() + " holds no record");
+  }
+  if (raw.stored_length > KM_META_SIZE ||
+      (!place.secure_storage && raw.stored_length != KM_META_SIZE)) {
+    throw ToolError(kExitFailure, place.Describe() + " does not hold a whole record");
+  }
+  Backup backup;
+  backup.secure_storage = place.secure_storage;
+  backup.offset = place.offset;
+  backup.loc = place.loc;
+  const uint8_t* bytes = reinterpret_cast<const uint8_t*>(&raw.meta);
+  backup.image.assign(bytes, bytes + raw.stored_length);
+  std::vector<uint8_t> encoded = Encode(backup);
+  WriteNewFile(file, encoded);
+  OPENSSL_cleanse(encoded.data(), encoded.size());
+  OPENSSL_cleanse(backup.image.data(), backup.image.size());
+  printf("Backed up %s to %s\n",
+         Summary(place, std::vector<uint8_t>(bytes, bytes + raw.stored_length)).c_str(),
+         file.c_str());
+  return kExitOk;
+}
+
+int RunRestore(const std::vector<std::string>& args) {
+  ArgParser parser(
+      "usage: tavikm restore KEY_LOC FILE [--offset N] [--force]",
+      std::string("Writes the record saved in FILE by tavikm backup back to KEY_LOC, replacing\n"
+                  "what is stored there. A FILE whose SHA-256 does not match is refused and\n"
+                  "nothing is written.\n\n") +
+          kPlaceHelp +
+          "\n"
+          "  --offset N               where to write it in a metadata file (default: where\n"
+          "                           it was taken)\n"
+          "  --force                  restore a backup taken of another key location\n");
+  std::optional<std::string> offset;
+  bool force = false;
+  parser.Value("--offset", &offset);
+  parser.Flag("--force", &force);
+  if (!parser.Parse(args, 2, 2)) return kExitOk;
+  Place place = ResolvePlace(parser.positional()[0], offset);
+  const std::string& file = parser.positional()[1];
+  std::vector<uint8_t> bytes = ReadBackupFile(file);
+  Backup backup = Decode(bytes, file);
+  OPENSSL_cleanse(bytes.data(), bytes.size());
+  if (backup.secure_storage != place.secure_storage) {
+    throw InputError(file + " holds " +
+                     (backup.secure_storage ? "a secure-storage entry" : "a metadata file record") +
+                     "; " + place.loc + " is " +
+                     (place.secure_storage ? "a secure-storage entry" : "a metadata file"));
+  }
+  if (backup.loc != place.loc && !force) {
+    throw InputError(file + " is the backup of " + backup.loc + ", not of " + place.loc +
+                     "; --force restores it there");
+  }
+  if (!place.secure_storage && !offset) place.offset = backup.offset;
+  CheckRoom(place);
+  OpenedPlace opened(place);
+  WriteImage(opened, backup.image);
+  printf("Restored %s from %s\n", Summary(place, backup.image).c_str(), file.c_str());
+  OPENSSL_cleanse(backup.image.data(), backup.image.size());
+  return kExitOk;
+}
+
+}  // namespace tavikm_tool
