@@ -835,13 +835,19 @@ TEST_F(ToolTest, FailuresNameThePlaceAndTheCause) {
     SCOPED_TRACE(c.why);
     in_child_ = c.in_child;
     props_ = {};
-    if (c.why == "scrypt beyond memory") props_ = {"ro.crypto.scrypt_params=30:3:1"};
-    Result setup = Tool({"setup", c.loc, "--kdf", "2", "--password-file", "-"}, "pw\n");
+    std::vector<std::string> args = {"setup", c.loc, "--kdf", "2", "--password-file", "-"};
+    if (c.why == "scrypt beyond memory") {
+      props_ = {"ro.crypto.scrypt_params=30:3:1"};
+      args.push_back("--allow-cost");  // past the tool's own refusal, to the allocation
+    }
+    Result setup = Tool(args, "pw\n");
     setup.err = std::regex_replace(setup.err, std::regex("==[0-9]+==WARNING: [^\n]*\n"), "");
     ASSERT_NE(setup.status, 125) << "the case could not be arranged";
     EXPECT_EQ(setup.status, 4);
-    EXPECT_EQ(setup.err.rfind("tavikm: cannot set up " + c.loc + " at offset 0: " + c.cause, 0), 0u)
-        << setup.err;
+    // One sentence: what failed, where, and the system's cause.
+    EXPECT_EQ(setup.err.rfind("tavikm: cannot ", 0), 0u) << setup.err;
+    EXPECT_NE(setup.err.find(c.loc), std::string::npos) << setup.err;
+    EXPECT_NE(setup.err.find(": " + c.cause), std::string::npos) << setup.err;
     EXPECT_EQ(std::count(setup.err.begin(), setup.err.end(), '\n'), 1) << setup.err;
   }
   in_child_ = nullptr;
@@ -957,7 +963,7 @@ TEST_F(ToolTest, BenchmarkTimesTheKdfsAndProposesAScryptCost) {
   EXPECT_EQ(bench.err, "");
   EXPECT_TRUE(std::regex_match(
       bench.out, std::regex("PBKDF2-HMAC-SHA256, 8192 iterations \\(kdf 1 and 4\\) +[0-9.]+ ms\n"
-                            "scrypt, r=8 p=2 \\(kdf 2 and 5\\):\n"
+                            "scrypt, r=8 p=2 \\(kdf 2 and 5\\), Salsa20/8 back end [a-z0-9]+:\n"
                             "  N +memory +time\n"
                             "(  N=2\\^[0-9]+ +[0-9]+ [KM]iB [ ~] *[0-9.]+ ms\n)+"
                             "(For an unlock of at most 10 ms: ro.crypto.scrypt_params=[0-9]+:3:1\n|"

@@ -84,7 +84,8 @@ int RunBenchmark(const std::vector<std::string>& args) {
   printf("PBKDF2-HMAC-SHA256, %u iterations (kdf 1 and 4)   %8.1f ms\n", kPbkdf2Iterations, pbkdf2);
 
   const uint32_t r = 1u << kRFactor, p = 1u << kPFactor;
-  printf("scrypt, r=%u p=%u (kdf 2 and 5):\n", r, p);
+  printf("scrypt, r=%u p=%u (kdf 2 and 5), Salsa20/8 back end %s:\n", r, p,
+         km_scrypt_backend_name());
   printf("  %-8s %9s %11s\n", "N", "memory", "time");
   std::optional<unsigned> chosen;
   double measured = 0;  // the last measured time, the base of the estimates

@@ -35,6 +35,7 @@ bool WriteAll(int fd, const uint8_t* data, size_t size) {
   while (size > 0) {
     ssize_t n = write(fd, data, size);
     if (n < 0 && errno == EINTR) continue;
+    if (n == 0) errno = EIO;
     if (n <= 0) return false;
     data += n;
     size -= static_cast<size_t>(n);
@@ -48,7 +49,7 @@ ToolError StoreFailed(const Place& place, const std::string& what) {
 
 // A new metadata file appears whole or not at all, and never over one that another command
 // made in the meantime.
-void CreateFile(const Place& place, const km_meta& image, const std::string& what) {
+void CreateFile(const Place& place, const km_meta& image) {
   std::vector<uint8_t> file(KM_METADATA_FILE_SIZE, 0);
   memcpy(file.data() + place.offset, &image, sizeof(image));
   std::string dir = DirOf(place.loc);
@@ -58,14 +59,14 @@ void CreateFile(const Place& place, const km_meta& image, const std::string& wha
   if (fd < 0) {
     throw ToolError(kExitFailure, "cannot create " + place.loc + ": " + strerror(errno));
   }
-  bool ok = WriteAll(fd, file.data(), file.size()) && fsync(fd) == 0;
-  ok = close(fd) == 0 && ok;
-  if (!ok) {
+  int err = WriteAll(fd, file.data(), file.size()) && fsync(fd) == 0 ? 0 : errno;
+  if (close(fd) != 0 && !err) err = errno;
+  if (err) {
     unlink(tmp.c_str());
-    throw StoreFailed(place, what);
+    throw ToolError(kExitFailure, "cannot create " + place.loc + ": " + strerror(err));
   }
   int rc = link(tmp.c_str(), place.loc.c_str());
-  int err = errno;
+  err = errno;
   unlink(tmp.c_str());
   SyncDir(dir);
   if (rc != 0 && err == EEXIST) {
@@ -119,11 +120,12 @@ OpenedPlace::OpenedPlace(const Place& place)
 void StoreRecord(const OpenedPlace& opened, const km_meta& image, const std::string& what) {
   const Place& place = opened.place();
   if (place.secure_storage) {
+    ForgetSeen();
     if (km_put_km_meta(place.loc.c_str(), 0, &image) != 0) throw StoreFailed(place, what);
   } else if (opened.file_exists()) {
     UpdateFileInPlace(opened, image, what);
   } else {
-    CreateFile(place, image, what);
+    CreateFile(place, image);
   }
   RawRecord back = ReadRaw(place);
   if (back.stored_length != KM_META_SIZE || memcmp(&back.meta, &image, sizeof(image)) != 0) {
