@@ -17,3 +17,8 @@ RecordView::RecordView(const km_meta* meta) : meta_(meta) {
 }
 
 }  // namespace tavikm
+
+unsigned long km_key_blob_length(const km_meta* meta) {
+  const tavikm::RecordView view(meta);
+  return view.ok(tavikm::RecordView::kKeyBlob) ? view.key_blob_size() : 0;
+}

@@ -59,4 +59,9 @@ class RecordView {
 
 }  // namespace tavikm
 
+// The used length of the record's key blob; 0 (no key, which every Keymaster call refuses) when
+// the stored size is more than the field holds, so a corrupt size never makes a Keymaster call
+// read past the record.
+unsigned long km_key_blob_length(const km_meta* meta);
+
 #endif  // TAVIKM_COMMON_RECORD_VIEW_H_

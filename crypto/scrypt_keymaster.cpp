@@ -11,8 +11,8 @@
 #include <openssl/crypto.h>
 
 #include "common/log.h"
+#include "common/record_view.h"
 #include "crypto/kdf.h"
-#include "metadata/keys.h"
 #include "tavikm.h"
 #include "tavikm_keymaster.h"
 

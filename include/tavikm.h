@@ -19,6 +19,8 @@
 
 #include <hardware/hardware.h>
 
+#include "tavikm_kmstore.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -125,22 +127,6 @@ TAVIKM_EXPORT extern const char* supportRekKek;  /* "ro.product.tavi.support_rek
 
 /* True exactly when the system property `key` reads "true". */
 TAVIKM_EXPORT bool mdfpp_property_get(const char* key);
-
-/*
- * The secure-storage device of the module of class "tavikm". Entry names are NUL-terminated
- * strings. read: `*size` holds the capacity on entry and the stored length on return (at most
- * the capacity is copied); 0 success, 1 no such entry, negative failure. write: stores `length`
- * bytes, replacing any earlier entry; negative on failure. remove: 0 removed, 1 nothing to
- * remove, negative failure, 2 or more unexpected (cause in errno).
- */
-typedef struct kmstore_device {
-  struct hw_device_t common;
-  int (*reserved_op1)(void);
-  int (*reserved_op2)(void);
-  int (*read)(const char* name, uint8_t* buffer, uint64_t* size);
-  int (*write)(const char* name, const uint8_t* buffer, uint64_t length);
-  int (*remove)(const char* name);
-} kmstore_device;
 
 /*
  * Opens the secure-storage device, or hands out the one opened earlier in this process (it is

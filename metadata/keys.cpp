@@ -16,11 +16,6 @@ constexpr unsigned kRateLimitSeconds = 1;
 constexpr unsigned long kNonceLength = 12;
 }  // namespace
 
-unsigned long km_key_blob_length(const km_meta* meta) {
-  const tavikm::RecordView view(meta);
-  return view.ok(tavikm::RecordView::kKeyBlob) ? view.key_blob_size() : 0;
-}
-
 keymaster_key_blob_t km_legacy_key_blob(const km_meta* meta) {
   return keymaster_key_blob_t{meta->km_key_blob, km_key_blob_length(meta)};
 }

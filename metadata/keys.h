@@ -7,12 +7,8 @@
 
 #include <hardware/keymaster_defs.h>
 
+#include "common/record_view.h"
 #include "tavikm.h"
-
-// The used length of the record's key blob; 0 (no key, which every Keymaster call refuses) when
-// the stored size is more than the field holds, so a corrupt size never makes a Keymaster call
-// read past the record.
-unsigned long km_key_blob_length(const km_meta* meta);
 
 // The record's key blob in the legacy Keymaster's terms.
 keymaster_key_blob_t km_legacy_key_blob(const km_meta* meta);

@@ -18,7 +18,7 @@
 #include <openssl/sha.h>
 
 #include "builtin_modules.h"
-#include "tavikm.h"
+#include "tavikm_kmstore.h"
 #include "tavikm_host/device.h"
 #include "tavikm_host/kmstore.h"
 
