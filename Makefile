@@ -45,7 +45,7 @@ bench:
 	build/bench/bench/scrypt_bench
 	build/bench/bench/e2e_bench
 
-.PHONY: openssl-test fuzz fuzz-ci fuzz-seeds valgrind-test coverage format format-check
+.PHONY: openssl-test fuzz fuzz-ci fuzz-seeds valgrind-test coverage format format-check check-layers
 
 # The library and its tests against the system OpenSSL 3 instead of BoringSSL.
 openssl-test:
@@ -104,8 +104,12 @@ format-check:
 	@scripts/install-deps --format
 	clang-format-14 --dry-run --Werror $(FORMAT_FILES)
 
+# The library's folders use only those below them (scripts/check-layers); run after a build.
+check-layers: build
+	scripts/check-layers build/default
+
 # Everything CI runs.
-ci: test asan-test slow-test aarch64-test openssl-test valgrind-test fuzz-ci
+ci: test check-layers format-check asan-test slow-test aarch64-test openssl-test valgrind-test fuzz-ci
 
 clean:
 	rm -rf build
