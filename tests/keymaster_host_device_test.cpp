@@ -599,37 +599,5 @@ TEST_F(KeymasterDeviceTest, DevicesFollowThePropertyAtEachEnumeration) {
   EXPECT_TRUE(hw::support::Keymaster::enumerateAvailableDevices().empty());
 }
 
-TEST_F(KeymasterDeviceTest, CharacteristicsSplitByWhoEnforces) {
-  auto tags = [](const hidl_vec<hw::KeyParameter>& list) {
-    std::vector<hw::Tag> out;
-    for (const auto& p : list) out.push_back(p.tag);
-    return out;
-  };
-  KeyResult tee = Generate(*km_, AesGcmKey());
-  EXPECT_EQ(
-      tags(tee.characteristics.hardwareEnforced),
-      (std::vector<hw::Tag>{hw::Tag::ALGORITHM, hw::Tag::KEY_SIZE, hw::Tag::PURPOSE,
-                            hw::Tag::PURPOSE, hw::Tag::BLOCK_MODE, hw::Tag::CALLER_NONCE,
-                            hw::Tag::NO_AUTH_REQUIRED, hw::Tag::MIN_MAC_LENGTH, hw::Tag::PADDING,
-                            hw::Tag::ORIGIN, hw::Tag::OS_VERSION, hw::Tag::OS_PATCHLEVEL}));
-  EXPECT_EQ(tags(tee.characteristics.softwareEnforced),
-            (std::vector<hw::Tag>{hw::Tag::CREATION_DATETIME}));
-
-  property_set("host.keymaster.devices", "SOFTWARE");
-  KeyResult soft = Generate(*FirstDevice(), AesGcmKey());
-  EXPECT_TRUE(soft.characteristics.hardwareEnforced.empty());
-  EXPECT_EQ(soft.characteristics.softwareEnforced.size(), 13u);
-
-  int calls = 0;
-  auto rc = km_->getKeyCharacteristics(
-      View(tee.blob), {}, {}, [&](ErrorCode error, const hw::KeyCharacteristics& chars) {
-        ++calls;
-        EXPECT_EQ(error, ErrorCode::OK);
-        EXPECT_EQ(tags(chars.hardwareEnforced), tags(tee.characteristics.hardwareEnforced));
-      });
-  EXPECT_TRUE(rc.isOk());
-  EXPECT_EQ(calls, 1);
-}
-
 }  // namespace
 }  // namespace tavikm_test::kmhost
