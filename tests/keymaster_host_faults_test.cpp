@@ -13,6 +13,7 @@
 #include <hardware/keymaster1.h>
 
 #include "keymaster_host_util.h"
+#include "keymaster_test_devices.h"
 #include "support/device_env.h"
 #include "tavikm_host/keymaster.h"
 #include "tavikm_host/keymaster_faults.h"
@@ -211,93 +212,19 @@ TEST_F(KeymasterFaultsTest, UpdateLimitHoldsBothDevicesToAPrefixOrNothing) {
   EXPECT_TRUE(upgraded.blob.empty());
 }
 
-TEST_F(KeymasterFaultsTest, DeviceLevelsReplaceTheProperty) {
-  auto levels = [] {
-    std::vector<uint32_t> out;
-    for (const auto& d : hw::support::Keymaster::enumerateAvailableDevices()) {
-      out.push_back(static_cast<uint32_t>(d->halVersion().securityLevel));
-    }
-    return out;
-  };
-  property_set("host.keymaster.devices", "SOFTWARE");
-  tavikm_host::SetKeymasterDeviceLevels({2, 1});
-  EXPECT_EQ(levels(), (std::vector<uint32_t>{2, 1}));
-  tavikm_host::SetKeymasterDeviceLevels({3});
-  auto devices = hw::support::Keymaster::enumerateAvailableDevices();
-  ASSERT_EQ(devices.size(), 1u);
-  EXPECT_EQ(static_cast<uint32_t>(devices[0]->halVersion().securityLevel), 3u);
-  EXPECT_EQ(std::string(devices[0]->instanceName()), "level3");
-  // A device of an unknown level still works, with its own blobs.
-  KeyResult key = Generate(*devices[0], AesGcmKey());
-  EXPECT_EQ(key.error, ErrorCode::OK);
-  EXPECT_EQ(key.characteristics.softwareEnforced.size(), 1u);
-  tavikm_host::SetKeymasterDeviceLevels({});
-  EXPECT_TRUE(levels().empty());
-  tavikm_host::ResetKeymaster();
-  EXPECT_EQ(levels(), (std::vector<uint32_t>{0}));
-}
+// SetKeymasterDeviceLevels is proven through the client's choice of device
+// (keymaster_client_test.cpp), which is what it is for.
 
-// A device a test writes itself: it wraps the software device and answers begin its own way.
-class NoBeginKeymaster : public hw::support::Keymaster {
+// A device a test writes itself: the software device, except that it refuses every begin.
+class NoBeginKeymaster : public kmdev::RecordingKeymaster {
  public:
-  NoBeginKeymaster()
-      : Keymaster("test.descriptor", "mock"),
-        inner_(tavikm_host::MakeSoftKeymaster(1, "inner")) {}
-  const VersionResult& halVersion() const override { return inner_->halVersion(); }
-  android::hardware::Return<void> getHardwareInfo(getHardwareInfo_cb cb) override {
-    return inner_->getHardwareInfo(cb);
-  }
-  android::hardware::Return<void> generateKey(const hidl_vec<hw::KeyParameter>& p,
-                                              generateKey_cb cb) override {
-    return inner_->generateKey(p, cb);
-  }
-  android::hardware::Return<void> importKey(const hidl_vec<hw::KeyParameter>& p,
-                                            hw::KeyFormat f, const hidl_vec<uint8_t>& d,
-                                            importKey_cb cb) override {
-    return inner_->importKey(p, f, d, cb);
-  }
-  android::hardware::Return<void> getKeyCharacteristics(const hidl_vec<uint8_t>& b,
-                                                        const hidl_vec<uint8_t>& c,
-                                                        const hidl_vec<uint8_t>& a,
-                                                        getKeyCharacteristics_cb cb) override {
-    return inner_->getKeyCharacteristics(b, c, a, cb);
-  }
-  android::hardware::Return<void> exportKey(hw::KeyFormat f, const hidl_vec<uint8_t>& b,
-                                            const hidl_vec<uint8_t>& c,
-                                            const hidl_vec<uint8_t>& a,
-                                            exportKey_cb cb) override {
-    return inner_->exportKey(f, b, c, a, cb);
-  }
-  android::hardware::Return<void> upgradeKey(const hidl_vec<uint8_t>& b,
-                                             const hidl_vec<hw::KeyParameter>& p,
-                                             upgradeKey_cb cb) override {
-    return inner_->upgradeKey(b, p, cb);
-  }
-  android::hardware::Return<ErrorCode> deleteKey(const hidl_vec<uint8_t>& b) override {
-    return inner_->deleteKey(b);
-  }
+  NoBeginKeymaster() : RecordingKeymaster(std::make_shared<kmdev::Received>(), 1, "mock") {}
   android::hardware::Return<void> begin(hw::KeyPurpose, const hidl_vec<uint8_t>&,
                                         const hidl_vec<hw::KeyParameter>&,
                                         const hw::HardwareAuthToken&, begin_cb cb) override {
     cb(ErrorCode::SECURE_HW_ACCESS_DENIED, {}, 0);
     return android::hardware::Void();
   }
-  android::hardware::Return<void> update(uint64_t h, const hidl_vec<hw::KeyParameter>& p,
-                                         const hidl_vec<uint8_t>& i,
-                                         const hw::HardwareAuthToken& a,
-                                         const hw::VerificationToken& v, update_cb cb) override {
-    return inner_->update(h, p, i, a, v, cb);
-  }
-  android::hardware::Return<void> finish(uint64_t h, const hidl_vec<hw::KeyParameter>& p,
-                                         const hidl_vec<uint8_t>& i, const hidl_vec<uint8_t>& s,
-                                         const hw::HardwareAuthToken& a,
-                                         const hw::VerificationToken& v, finish_cb cb) override {
-    return inner_->finish(h, p, i, s, a, v, cb);
-  }
-  android::hardware::Return<ErrorCode> abort(uint64_t h) override { return inner_->abort(h); }
-
- private:
-  KeymasterPtr inner_;
 };
 
 TEST_F(KeymasterFaultsTest, AFactoryReplacesTheDevicesAndStaysCounted) {
@@ -309,7 +236,6 @@ TEST_F(KeymasterFaultsTest, AFactoryReplacesTheDevicesAndStaysCounted) {
   KeymasterPtr mock = FirstDevice();
   ASSERT_TRUE(mock);
   EXPECT_EQ(std::string(mock->instanceName()), "mock");
-  EXPECT_EQ(std::string(mock->descriptor()), "test.descriptor");
   EXPECT_EQ(Begin(*mock, KeyPurpose::ENCRYPT, key_, GcmParams(kNonce)).error,
             ErrorCode::SECURE_HW_ACCESS_DENIED);
   tavikm_host::FailKeymasterCall(KeymasterCall::kBegin, 1, ErrorCode::OK);

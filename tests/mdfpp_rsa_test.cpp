@@ -158,37 +158,11 @@ TEST_F(MdfppRsaTest, ASecondSignatureWaitsOutTheKeysRateLimit) {
   EXPECT_EQ(first, second);  // raw RSA is deterministic
 }
 
-TEST_F(MdfppRsaTest, KeyDestinationRules) {
-  // Too small: the needed size is reported, the buffer is untouched.
-  Bytes small(100, 0xee);
-  unsigned long size = 77;
-  ASSERT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, small.data(),
-                                                          small.size(), &size),
-            -1);
-  EXPECT_GT(size, 100u);
-  EXPECT_EQ(small, Bytes(100, 0xee));
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("Buffer too small 100 < " +
-                                                                      std::to_string(size))}));
-
-  // Missing destinations are found only after the device made the key.
+TEST_F(MdfppRsaTest, NoKeyNoSize) {
   Bytes buffer(2048, 0xee);
-  log_.Clear();
-  EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer.data(),
-                                                          buffer.size(), nullptr),
-            -1);
-  size = 77;
-  EXPECT_EQ(
-      keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, nullptr, 2048, &size),
-      -1);
-  EXPECT_EQ(size, 0u);
-  EXPECT_EQ(buffer, Bytes(2048, 0xee));
-  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kGenerateKey), 3);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("Missing target pointers"),
-                                                DeviceLine(), KmError("Missing target pointers")}));
-
+  unsigned long size = 77;
   // No device, or a refused generation: the size is 0.
   tavikm_host::SetKeymasterDeviceLevels({});
-  size = 77;
   EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer.data(),
                                                           buffer.size(), &size),
             -1);
@@ -239,27 +213,12 @@ TEST_F(MdfppRsaTest, AKeyThatNeedsAnUpgradeIsUpgradedInPlaceAndSignsAgain) {
   EXPECT_EQ(Recover(new_key, signature), BindingObject());
 }
 
-TEST_F(MdfppRsaTest, UpgradeDestinationRules) {
+TEST_F(MdfppRsaTest, NoUpgradeNoSize) {
   Bytes key = CreateKey();
   property_set("ro.build.version.security_patch", "2027-04-01");
-  log_.Clear();
   unsigned long size = 77;
   Bytes buffer(2048, 0xee);
-  EXPECT_EQ(
-      keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, key.data(), key.size(),
-                                                     buffer.data(), buffer.size(), nullptr),
-      -1);
-  EXPECT_EQ(keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, key.data(),
-                                                           key.size(), nullptr, 2048, &size),
-            -1);
-  EXPECT_EQ(size, 0u);
-  EXPECT_EQ(buffer, Bytes(2048, 0xee));
-  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kUpgradeKey), 2);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("Missing target pointers"),
-                                                DeviceLine(), KmError("Missing target pointers")}));
-
   tavikm_host::SetKeymasterDeviceLevels({});
-  size = 77;
   EXPECT_EQ(
       keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, key.data(), key.size(),
                                                      buffer.data(), buffer.size(), &size),
@@ -278,6 +237,91 @@ TEST_F(MdfppRsaTest, UpgradeDestinationRules) {
             (std::vector<LogLine>{DeviceLine(), KmError("upgrade_key failed: Status("
                                                         "EX_TRANSACTION_FAILED): 'no reply'")}));
 }
+
+// ---- The caller's buffer: one rule for each service that fills one --------------------------
+
+enum class Filler { kRsaCreate, kRsaUpgrade, kAesUpgrade };
+
+class DestinationTest : public MdfppRsaTest, public ::testing::WithParamInterface<Filler> {
+ protected:
+  void SetUp() override {
+    MdfppRsaTest::SetUp();
+    if (GetParam() == Filler::kRsaUpgrade) key_ = CreateKey();
+    if (GetParam() == Filler::kAesUpgrade) {
+      key_.resize(2048);
+      unsigned int n = 0;
+      ASSERT_EQ(keymaster_create_aes_key_for_mdfpp(key_.data(), key_.size(), &n), 0);
+      key_.resize(n);
+    }
+    property_set("ro.build.version.security_patch", "2027-04-01");
+    log_.Clear();
+  }
+  int Fill(unsigned char* buffer, unsigned int buffer_size, unsigned long* size) {
+    switch (GetParam()) {
+      case Filler::kRsaCreate:
+        return keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer,
+                                                             buffer_size, size);
+      case Filler::kRsaUpgrade:
+        return keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
+            kRsaBits, kExponent, 1, key_.data(), key_.size(), buffer, buffer_size, size);
+      case Filler::kAesUpgrade:
+        return keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(key_.data(), key_.size(), buffer,
+                                                              buffer_size, size);
+    }
+    return 0;
+  }
+  Bytes key_;
+};
+
+TEST_P(DestinationTest, TheBlobMustFitAndBothPointersMustBeGiven) {
+  // The blob, then zeros to the end of the buffer.
+  Bytes buffer(2048, 0xee);
+  unsigned long size = 0;
+  ASSERT_EQ(Fill(buffer.data(), buffer.size(), &size), 0);
+  const unsigned long length = size;
+  ASSERT_GT(length, 0u);
+  EXPECT_NE(Bytes(buffer.begin(), buffer.begin() + length), Bytes(length, 0xee));
+  EXPECT_EQ(Bytes(buffer.begin() + length, buffer.end()), Bytes(buffer.size() - length, 0));
+  // An upgrade's blob has the same length each time: exactly that fits.
+  if (GetParam() != Filler::kRsaCreate) {
+    Bytes exact(length + 8, 0xee);
+    ASSERT_EQ(Fill(exact.data(), length, &size), 0);
+    EXPECT_EQ(size, length);
+    EXPECT_EQ(Bytes(exact.begin() + length, exact.end()), Bytes(8, 0xee));
+  }
+
+  // Too small: the needed size is reported, the buffer is untouched.
+  Bytes small(100, 0xee);
+  log_.Clear();
+  EXPECT_EQ(Fill(small.data(), small.size(), &size), -1);
+  EXPECT_GT(size, 100u);
+  if (GetParam() != Filler::kRsaCreate) {
+    EXPECT_EQ(size, length);
+  }
+  EXPECT_EQ(small, Bytes(100, 0xee));
+  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("Buffer too small 100 < " +
+                                                                      std::to_string(size))}));
+
+  // Missing destinations are found only after the device answered; the RSA services have
+  // cleared the size by then.
+  const auto call =
+      GetParam() == Filler::kRsaCreate ? KeymasterCall::kGenerateKey : KeymasterCall::kUpgradeKey;
+  const int calls = tavikm_host::KeymasterCallCount(call);
+  Bytes untouched(2048, 0xee);
+  log_.Clear();
+  EXPECT_EQ(Fill(untouched.data(), untouched.size(), nullptr), -1);
+  size = 77;
+  EXPECT_EQ(Fill(nullptr, 2048, &size), -1);
+  EXPECT_EQ(size, GetParam() == Filler::kAesUpgrade ? 77u : 0u);
+  EXPECT_EQ(untouched, Bytes(2048, 0xee));
+  EXPECT_EQ(tavikm_host::KeymasterCallCount(call), calls + 2);
+  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("Missing target pointers"),
+                                                DeviceLine(), KmError("Missing target pointers")}));
+}
+
+INSTANTIATE_TEST_SUITE_P(EachService, DestinationTest,
+                         ::testing::Values(Filler::kRsaCreate, Filler::kRsaUpgrade,
+                                           Filler::kAesUpgrade));
 
 // Both upgrade services, in place as the records call them, when the device does not hand back a
 // new blob: the record's blob and its length must stay as they were.

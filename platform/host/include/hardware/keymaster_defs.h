@@ -132,6 +132,16 @@ typedef enum {
   KM_PURPOSE_WRAP = 5,
 } keymaster_purpose_t;
 
+#ifdef __cplusplus
+// Where the library crosses between these and the 4.0 definitions, the numbers agree; the
+// structures keep the platform's 32-bit tag.
+static_assert(KM_TAG_NONCE == 0x900003E9u && KM_TAG_BLOCK_MODE == 0x20000004u &&
+                  KM_TAG_PADDING == 0x20000006u,
+              "legacy tags");
+static_assert(KM_MODE_CBC == 2 && KM_PAD_NONE == 1 && KM_ALGORITHM_AES == 32, "legacy enums");
+static_assert(sizeof(keymaster_tag_t) == 4, "legacy tag size");
+#endif
+
 typedef struct {
   const uint8_t* data;
   size_t data_length;

@@ -91,6 +91,24 @@ enum class Tag : uint32_t {
   CONFIRMATION_TOKEN = TAVIKM_KM_TAG(BYTES, 1005),
 };
 
+// The numbers the library logs and stores: a slip in a type or a number breaks old records.
+static_assert(static_cast<uint32_t>(Tag::PURPOSE) == 0x20000001u);
+static_assert(static_cast<uint32_t>(Tag::ALGORITHM) == 0x10000002u);
+static_assert(static_cast<uint32_t>(Tag::KEY_SIZE) == 0x30000003u);
+static_assert(static_cast<uint32_t>(Tag::BLOCK_MODE) == 0x20000004u);
+static_assert(static_cast<uint32_t>(Tag::DIGEST) == 0x20000005u);
+static_assert(static_cast<uint32_t>(Tag::PADDING) == 0x20000006u);
+static_assert(static_cast<uint32_t>(Tag::CALLER_NONCE) == 0x70000007u);
+static_assert(static_cast<uint32_t>(Tag::MIN_MAC_LENGTH) == 0x30000008u);
+static_assert(static_cast<uint32_t>(Tag::RSA_PUBLIC_EXPONENT) == 0x500000C8u);
+static_assert(static_cast<uint32_t>(Tag::BLOB_USAGE_REQUIREMENTS) == 0x1000012Du);
+static_assert(static_cast<uint32_t>(Tag::MIN_SECONDS_BETWEEN_OPS) == 0x30000193u);
+static_assert(static_cast<uint32_t>(Tag::NO_AUTH_REQUIRED) == 0x700001F7u);
+static_assert(static_cast<uint32_t>(Tag::OS_VERSION) == 0x300002C1u);
+static_assert(static_cast<uint32_t>(Tag::OS_PATCHLEVEL) == 0x300002C2u);
+static_assert(static_cast<uint32_t>(Tag::NONCE) == 0x900003E9u);
+static_assert(static_cast<uint32_t>(Tag::MAC_LENGTH) == 0x300003EBu);
+
 #undef TAVIKM_KM_TAG
 
 enum class Algorithm : uint32_t {
@@ -259,6 +277,15 @@ enum class ErrorCode : int32_t {
   VERSION_MISMATCH = -101,
   UNKNOWN_ERROR = -1000,
 };
+
+// The codes the library's callers act on (-54 alone is retried) and log.
+static_assert(static_cast<int32_t>(ErrorCode::INVALID_OPERATION_HANDLE) == -28);
+static_assert(static_cast<int32_t>(ErrorCode::TOO_MANY_OPERATIONS) == -31);
+static_assert(static_cast<int32_t>(ErrorCode::INVALID_KEY_BLOB) == -33);
+static_assert(static_cast<int32_t>(ErrorCode::CONCURRENT_ACCESS_CONFLICT) == -47);
+static_assert(static_cast<int32_t>(ErrorCode::KEY_RATE_LIMIT_EXCEEDED) == -54);
+static_assert(static_cast<int32_t>(ErrorCode::KEY_REQUIRES_UPGRADE) == -62);
+static_assert(static_cast<int32_t>(ErrorCode::UNKNOWN_ERROR) == -1000);
 
 typedef uint64_t OperationHandle;
 typedef uint64_t Timestamp;
