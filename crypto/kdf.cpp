@@ -30,8 +30,8 @@ int km_scrypt(const char* password, unsigned long password_len, const unsigned c
   KM_LOGI("Using scrypt for KDF");
   // Deliberately 0 whatever scrypt says: a failed run leaves `out` all zero, which the callers
   // refuse ("key is null").
-  crypto_scrypt(reinterpret_cast<const uint8_t*>(password), password_len, salt, kSaltLength,
-                cost.N, cost.r, cost.p, out, meta->keysize);
+  crypto_scrypt(reinterpret_cast<const uint8_t*>(password), password_len, salt, kSaltLength, cost.N,
+                cost.r, cost.p, out, meta->keysize);
   return 0;
 }
 

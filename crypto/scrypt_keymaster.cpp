@@ -27,8 +27,8 @@ constexpr unsigned kRateLimitSeconds = 1;
 
 }  // namespace
 
-int km_scrypt_keymaster(const char* password, unsigned long password_len,
-                        const unsigned char* salt, unsigned char* out, void* params) {
+int km_scrypt_keymaster(const char* password, unsigned long password_len, const unsigned char* salt,
+                        unsigned char* out, void* params) {
   auto* meta = static_cast<km_meta*>(params);
   const km_scrypt_cost cost = km_scrypt_cost_of(meta);
   KM_LOGI("Using scrypt with keymaster for KDF");
@@ -58,10 +58,10 @@ int km_scrypt_keymaster(const char* password, unsigned long password_len,
   while ((rc = keymaster_sign_object_for_cryptfs_scrypt_mdfpp(
               meta->km_key_blob, km_key_blob_length(meta), kRateLimitSeconds, object,
               sizeof(object), &signature, &signature_size)) == -2) {
-    if (keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
-            kRsaKeySize, kRsaExponent, kRateLimitSeconds, meta->km_key_blob,
-            km_key_blob_length(meta), meta->km_key_blob, KM_KEY_BLOB_CAPACITY,
-            &meta->km_key_blob_size) != 0) {
+    if (keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaKeySize, kRsaExponent, kRateLimitSeconds,
+                                                       meta->km_key_blob, km_key_blob_length(meta),
+                                                       meta->km_key_blob, KM_KEY_BLOB_CAPACITY,
+                                                       &meta->km_key_blob_size) != 0) {
       KM_LOGE("Failed to upgrade key");
       KM_LOGE("Signing failed");
       OPENSSL_cleanse(object, sizeof(object));

@@ -4,7 +4,7 @@
 
 // A KDF of the table: `params` is the record, whose key blob may be upgraded in place.
 // 0 or -1.
-int km_scrypt_keymaster(const char* password, unsigned long password_len,
-                        const unsigned char* salt, unsigned char* out, void* params);
+int km_scrypt_keymaster(const char* password, unsigned long password_len, const unsigned char* salt,
+                        unsigned char* out, void* params);
 
 #endif  // TAVIKM_CRYPTO_SCRYPT_KEYMASTER_H_

@@ -50,31 +50,31 @@ extern "C" {
  * of the stored format. A fresh record is all zeros before its fields are set.
  */
 typedef struct km_meta {
-  uint32_t magic;                                /* KM_META_MAGIC */
-  uint16_t major_version;                        /* 3; 2 or less still needs the KEK upgrade */
-  uint16_t minor_version;                        /* 0 */
+  uint32_t magic;         /* KM_META_MAGIC */
+  uint16_t major_version; /* 3; 2 or less still needs the KEK upgrade */
+  uint16_t minor_version; /* 0 */
   uint8_t reserved0[8];
-  uint64_t keysize;                              /* master key, derived key and KEK length */
-  uint8_t kdf_type;                              /* 1..5 */
-  uint8_t N_factor;                              /* scrypt: log2 N */
-  uint8_t r_factor;                              /* scrypt: log2 r */
-  uint8_t p_factor;                              /* scrypt: log2 p */
+  uint64_t keysize; /* master key, derived key and KEK length */
+  uint8_t kdf_type; /* 1..5 */
+  uint8_t N_factor; /* scrypt: log2 N */
+  uint8_t r_factor; /* scrypt: log2 r */
+  uint8_t p_factor; /* scrypt: log2 p */
   uint8_t reserved1[32];
-  uint8_t master_key[64];                        /* wrapped master key, keysize bytes used */
-  uint8_t object_iv[16];                         /* Keymaster object nonce / REK CBC IV */
-  uint8_t key_iv[16];                            /* IV of the master-key wrapping */
-  uint8_t salt[16];                              /* KDF salt */
-  uint8_t km_key_blob[KM_KEY_BLOB_CAPACITY];     /* Keymaster key blob */
+  uint8_t master_key[64];                    /* wrapped master key, keysize bytes used */
+  uint8_t object_iv[16];                     /* Keymaster object nonce / REK CBC IV */
+  uint8_t key_iv[16];                        /* IV of the master-key wrapping */
+  uint8_t salt[16];                          /* KDF salt */
+  uint8_t km_key_blob[KM_KEY_BLOB_CAPACITY]; /* Keymaster key blob */
   uint8_t pad0[4];
-  uint64_t km_key_blob_size;                     /* used length of km_key_blob; 0: no key */
-  uint8_t key_mac[32];                           /* GCM tag, or the password MAC (CBC-only) */
-  char key_name[256];                            /* key location given at creation */
-  uint8_t xtkm_value[64];                        /* the KEK encrypted by Keymaster */
+  uint64_t km_key_blob_size; /* used length of km_key_blob; 0: no key */
+  uint8_t key_mac[32];       /* GCM tag, or the password MAC (CBC-only) */
+  char key_name[256];        /* key location given at creation */
+  uint8_t xtkm_value[64];    /* the KEK encrypted by Keymaster */
   uint64_t xtkm_value_size;
-  uint8_t kek_mac[32];                           /* HMAC-SHA256 over xtkm_value */
+  uint8_t kek_mac[32]; /* HMAC-SHA256 over xtkm_value */
   uint32_t kek_mac_size;
   uint8_t pad1[4];
-  uint8_t mac_key_enc[64];                       /* the kek mac's key, encrypted by Keymaster */
+  uint8_t mac_key_enc[64]; /* the kek mac's key, encrypted by Keymaster */
   uint64_t mac_key_size;
 } km_meta;
 typedef km_meta km_meta_t;

@@ -46,12 +46,9 @@ TAVIKM_EXPORT int keymaster_decrypt_object_for_mdfpp(
     unsigned long* upgraded_key_size);
 
 /* Creates the RSA signing key that binds scrypt to the device. */
-TAVIKM_EXPORT int keymaster_create_key_for_cryptfs_scrypt_mdfpp(unsigned int rsa_key_size,
-                                                                unsigned long rsa_exponent,
-                                                                unsigned int ratelimit,
-                                                                unsigned char* key_buffer,
-                                                                unsigned int key_buffer_size,
-                                                                unsigned long* key_out_size);
+TAVIKM_EXPORT int keymaster_create_key_for_cryptfs_scrypt_mdfpp(
+    unsigned int rsa_key_size, unsigned long rsa_exponent, unsigned int ratelimit,
+    unsigned char* key_buffer, unsigned int key_buffer_size, unsigned long* key_out_size);
 
 /* Upgrades the RSA binding key's blob; source and destination may be the same buffer. A device
  * that answers with no new blob (the key needed nothing) gives -1 and leaves the buffer and

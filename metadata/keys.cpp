@@ -41,10 +41,9 @@ int km_ensure_aes_key(km_meta* meta) {
 int km_upgrade_aes_key(km_meta* meta) {
   // The service copies the old blob before it writes the new one, so source and destination
   // may be the record's own field.
-  int rc = keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(meta->km_key_blob,
-                                                          km_key_blob_length(meta),
-                                                          meta->km_key_blob, KM_KEY_BLOB_CAPACITY,
-                                                          &meta->km_key_blob_size);
+  int rc = keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(
+      meta->km_key_blob, km_key_blob_length(meta), meta->km_key_blob, KM_KEY_BLOB_CAPACITY,
+      &meta->km_key_blob_size);
   if (rc != 0) {
     KM_LOGE("Failed to upgrade key");
     return -1;
@@ -55,8 +54,7 @@ int km_upgrade_aes_key(km_meta* meta) {
 int km_encrypt_with_record_key(km_meta* meta, const uint8_t* in, unsigned long in_len,
                                unsigned char** out, unsigned int* out_size) {
   // The last three arguments (where an upgraded blob would go) are not used by the service.
-  return keymaster_encrypt_object_for_mdfpp(meta->km_key_blob, km_key_blob_length(meta),
-                                            meta->object_iv, kNonceLength, kRateLimitSeconds, in,
-                                            in_len, out, out_size, meta->km_key_blob,
-                                            KM_KEY_BLOB_CAPACITY, &meta->km_key_blob_size);
+  return keymaster_encrypt_object_for_mdfpp(
+      meta->km_key_blob, km_key_blob_length(meta), meta->object_iv, kNonceLength, kRateLimitSeconds,
+      in, in_len, out, out_size, meta->km_key_blob, KM_KEY_BLOB_CAPACITY, &meta->km_key_blob_size);
 }

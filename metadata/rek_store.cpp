@@ -158,8 +158,7 @@ int km_put_kek_enc_by_rek(const char* key_name, const uint8_t* kek, uint64_t kek
     KM_LOGE("Filed to store a key encrypted by rek in Secure Storage: keyname=%s\n", key_name);
     return -1;
   }
-  KM_LOGI("A kek encrypted by rek is successfully stored to Secure Storage:keyname=%s\n",
-          key_name);
+  KM_LOGI("A kek encrypted by rek is successfully stored to Secure Storage:keyname=%s\n", key_name);
   return 0;
 }
 

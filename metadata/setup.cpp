@@ -137,7 +137,7 @@ int km_init_km_meta(km_meta* meta, const char* key_loc, uint64_t keysize, uint32
         return -1;
       }
       // Any other answer is taken as a type and checked below.
-      type = secure == 1 ? KM_KDF_SCRYPT_KEYMASTER
+      type = secure == 1   ? KM_KDF_SCRYPT_KEYMASTER
              : secure == 0 ? KM_KDF_SCRYPT
                            : static_cast<uint8_t>(secure);
     }

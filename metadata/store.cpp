@@ -111,8 +111,7 @@ int WriteToFile(const char* key_loc, int64_t offset, const void* image) {
     return -1;
   }
   struct stat st;
-  if (fstat(fd, &st) != 0 ||
-      (S_ISREG(st.st_mode) && ftruncate(fd, KM_METADATA_FILE_SIZE) != 0)) {
+  if (fstat(fd, &st) != 0 || (S_ISREG(st.st_mode) && ftruncate(fd, KM_METADATA_FILE_SIZE) != 0)) {
     KM_LOGE("Cannot set metadata file size\n");
     close(fd);
     return -1;

@@ -206,8 +206,18 @@ TEST_F(KmstoreModuleTest, WriteReplacesAndRemoveReportsWhetherThereWasAnything) 
 
 TEST_F(KmstoreModuleTest, AnyNameMapsToItsOwnSafeFile) {
   const std::vector<std::string> names = {
-      "userdata", "with/slash", "../escape", "..", ".", "", "a b", "a%2Fb", "a/b",
-      "\xc3\xa9t\xc3\xa9", std::string(300, 'x'), std::string(300, 'x') + "y",
+      "userdata",
+      "with/slash",
+      "../escape",
+      "..",
+      ".",
+      "",
+      "a b",
+      "a%2Fb",
+      "a/b",
+      "\xc3\xa9t\xc3\xa9",
+      std::string(300, 'x'),
+      std::string(300, 'x') + "y",
   };
   for (size_t i = 0; i < names.size(); ++i) ASSERT_EQ(Write(names[i], std::to_string(i)), 0) << i;
   for (size_t i = 0; i < names.size(); ++i) {

@@ -98,8 +98,7 @@ TEST_F(KeymasterFaultsTest, ScriptedUpdateOrFinishFailureEndsTheOperation) {
 
   tavikm_host::FailKeymasterTransport(KeymasterCall::kFinish, 1, "dead");
   begun = Begin(*km_, KeyPurpose::ENCRYPT, key_, GcmParams(kNonce));
-  auto rc = km_->finish(begun.handle, {}, {}, {}, hw::HardwareAuthToken(),
-                        hw::VerificationToken(),
+  auto rc = km_->finish(begun.handle, {}, {}, {}, hw::HardwareAuthToken(), hw::VerificationToken(),
                         [](ErrorCode, const auto&, const auto&) { FAIL() << "callback ran"; });
   EXPECT_FALSE(rc.isOk());
   EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
@@ -111,8 +110,7 @@ TEST_F(KeymasterFaultsTest, TransportFailuresCarryTheirDescription) {
   tavikm_host::FailKeymasterTransport(KeymasterCall::kGetHardwareInfo, 1, "gone");
   int calls = 0;
   auto rc = km_->begin(KeyPurpose::ENCRYPT, View(key_), GcmParams(kNonce).hidl_data(),
-                       hw::HardwareAuthToken(),
-                       [&](ErrorCode, const auto&, uint64_t) { ++calls; });
+                       hw::HardwareAuthToken(), [&](ErrorCode, const auto&, uint64_t) { ++calls; });
   EXPECT_FALSE(rc.isOk());
   EXPECT_EQ(rc.description(), "Status(EX_TRANSACTION_FAILED): 'binder died'");
   EXPECT_EQ(rc.description(),

@@ -76,13 +76,13 @@ inline KeyResult Generate(hw::IKeymasterDevice& km, const hw::AuthorizationSet& 
 inline KeyResult Import(hw::IKeymasterDevice& km, const hw::AuthorizationSet& params,
                         const Bytes& raw_key) {
   KeyResult result;
-  auto rc = km.importKey(params.hidl_data(), hw::KeyFormat::RAW, View(raw_key),
-                         [&](ErrorCode error, const hidl_vec<uint8_t>& blob,
-                             const hw::KeyCharacteristics& chars) {
-                           result.error = error;
-                           result.blob = ToBytes(blob);
-                           result.characteristics = chars;
-                         });
+  auto rc = km.importKey(
+      params.hidl_data(), hw::KeyFormat::RAW, View(raw_key),
+      [&](ErrorCode error, const hidl_vec<uint8_t>& blob, const hw::KeyCharacteristics& chars) {
+        result.error = error;
+        result.blob = ToBytes(blob);
+        result.characteristics = chars;
+      });
   EXPECT_TRUE(rc.isOk()) << rc.description();
   return result;
 }
@@ -117,7 +117,7 @@ inline BlobResult Export(hw::IKeymasterDevice& km, const Bytes& blob,
 }
 
 inline hw::KeyCharacteristics Characteristics(hw::IKeymasterDevice& km, const Bytes& blob,
-                                               ErrorCode* error) {
+                                              ErrorCode* error) {
   hw::KeyCharacteristics result;
   auto rc = km.getKeyCharacteristics(View(blob), {}, {},
                                      [&](ErrorCode e, const hw::KeyCharacteristics& chars) {
@@ -161,8 +161,8 @@ inline Step Update(hw::IKeymasterDevice& km, uint64_t handle, const Bytes& input
   Step result;
   auto rc = km.update(handle, params.hidl_data(), View(input), hw::HardwareAuthToken(),
                       hw::VerificationToken(),
-                      [&](ErrorCode error, uint32_t consumed,
-                          const hidl_vec<hw::KeyParameter>&, const hidl_vec<uint8_t>& output) {
+                      [&](ErrorCode error, uint32_t consumed, const hidl_vec<hw::KeyParameter>&,
+                          const hidl_vec<uint8_t>& output) {
                         result.error = error;
                         result.consumed = consumed;
                         result.output = ToBytes(output);
@@ -174,13 +174,13 @@ inline Step Update(hw::IKeymasterDevice& km, uint64_t handle, const Bytes& input
 inline Step Finish(hw::IKeymasterDevice& km, uint64_t handle, const Bytes& input = {},
                    const Bytes& signature = {}, const hw::AuthorizationSet& params = {}) {
   Step result;
-  auto rc = km.finish(handle, params.hidl_data(), View(input), View(signature),
-                      hw::HardwareAuthToken(), hw::VerificationToken(),
-                      [&](ErrorCode error, const hidl_vec<hw::KeyParameter>&,
-                          const hidl_vec<uint8_t>& output) {
-                        result.error = error;
-                        result.output = ToBytes(output);
-                      });
+  auto rc = km.finish(
+      handle, params.hidl_data(), View(input), View(signature), hw::HardwareAuthToken(),
+      hw::VerificationToken(),
+      [&](ErrorCode error, const hidl_vec<hw::KeyParameter>&, const hidl_vec<uint8_t>& output) {
+        result.error = error;
+        result.output = ToBytes(output);
+      });
   EXPECT_TRUE(rc.isOk()) << rc.description();
   return result;
 }

@@ -49,7 +49,8 @@ TEST_F(KmstoreInitTest, AFailedLookupIsReportedAndRetriedNextTime) {
     kmstore_device* device = reinterpret_cast<kmstore_device*>(0x1);
     EXPECT_EQ(kmstore_device_init(&device), -ENOENT);
     EXPECT_EQ(device, nullptr);
-    EXPECT_EQ(log_.Lines(), std::vector<LogLine>{LogLine::Error("could not find any kmstore module")});
+    EXPECT_EQ(log_.Lines(),
+              std::vector<LogLine>{LogLine::Error("could not find any kmstore module")});
 
     tavikm_host::RestoreBuiltinModules();
     EXPECT_EQ(kmstore_device_init(&device), 0);
@@ -65,7 +66,7 @@ TEST_F(KmstoreInitTest, AFailedOpenIsReportedWithItsErrorTextAndRetried) {
     EXPECT_EQ(kmstore_device_init(&device), -EACCES);
     EXPECT_EQ(device, nullptr);
     EXPECT_EQ(log_.Lines(), std::vector<LogLine>{LogLine::Error(
-                               "could not open keymaster device in tavikm (Permission denied)")});
+                                "could not open keymaster device in tavikm (Permission denied)")});
 
     tavikm_host::RestoreBuiltinModules();
     EXPECT_EQ(kmstore_device_init(&device), 0);
@@ -83,14 +84,14 @@ TEST_F(KmstoreInitTest, RecordCallsReportAFailedInitWithTheirOwnWords) {
     EXPECT_EQ(km_delete_meta("a", 0), -ENODEV);
     LogLine lookup = LogLine::Error("could not find any kmstore module");
     EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                               LogLine::Error("key_loc=a, 0\n"),
-                               lookup,
-                               LogLine::Error("TAVIKM kmstore could not be initialized;"),
-                               lookup,
-                               LogLine::Error("TAVIKM kmstore could not be initialized;"),
-                               lookup,
-                               LogLine::Error("Failed to init kmstore device"),
-                           }));
+                                LogLine::Error("key_loc=a, 0\n"),
+                                lookup,
+                                LogLine::Error("TAVIKM kmstore could not be initialized;"),
+                                lookup,
+                                LogLine::Error("TAVIKM kmstore could not be initialized;"),
+                                lookup,
+                                LogLine::Error("Failed to init kmstore device"),
+                            }));
   });
 }
 
@@ -117,11 +118,11 @@ TEST_F(KmstoreInitTest, ANullDeviceIsRefusedByEachRecordCall) {
     EXPECT_EQ(km_put_km_meta("a", 0, &meta), -1);
     EXPECT_EQ(km_delete_meta("a", 0), -1);
     EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                               LogLine::Error("key_loc=a, 0\n"),
-                               LogLine::Error("kmstore device is null.\nFailed to get_km_meta"),
-                               LogLine::Error("kmstore device is null.\nFailed to put_km_meta"),
-                               LogLine::Error("kmstore device is null.\nFailed to delete_meta"),
-                           }));
+                                LogLine::Error("key_loc=a, 0\n"),
+                                LogLine::Error("kmstore device is null.\nFailed to get_km_meta"),
+                                LogLine::Error("kmstore device is null.\nFailed to put_km_meta"),
+                                LogLine::Error("kmstore device is null.\nFailed to delete_meta"),
+                            }));
     // Nothing usable was remembered: the next call looks the module up again.
     EXPECT_EQ(tavikm_host::ModuleLookupCount("tavikm"), 3);
   });

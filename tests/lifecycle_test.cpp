@@ -57,8 +57,8 @@ class LifecycleTest : public DeviceTest, public ::testing::WithParamInterface<Ro
   int Unlock(const char* password, km_meta* meta, uint8_t* master_key) {
     if (CbcOnly()) {
       uint8_t mac[32];
-      int rc = km_get_key_mac_by_password(meta->master_key, meta->salt, password,
-                                          strlen(password), mac, meta);
+      int rc = km_get_key_mac_by_password(meta->master_key, meta->salt, password, strlen(password),
+                                          mac, meta);
       if (rc != 0) return rc;
       rc = km_verify_key_mac(meta->key_mac, mac);
       if (rc != 0) return rc;
@@ -75,8 +75,8 @@ TEST_P(LifecycleTest, SetupThenUnlockYieldsTheSameMasterKey) {
   const int kdf_type = std::get<1>(GetParam());
   uint8_t master_key[kKeysize] = {};
   km_meta meta;
-  ASSERT_EQ(km_initial_setup(key_loc_.c_str(), kPassword, strlen(kPassword), master_key,
-                             kKeysize, kdf_type, &meta),
+  ASSERT_EQ(km_initial_setup(key_loc_.c_str(), kPassword, strlen(kPassword), master_key, kKeysize,
+                             kdf_type, &meta),
             0);
   EXPECT_EQ(meta.major_version, 3);
   EXPECT_NE(meta.kdf_type, 0);
@@ -102,9 +102,7 @@ class KeyUpgradeRoadTest : public DeviceTest {
  protected:
   void SetUp() override { property_set("ro.crypto.scrypt_params", "10:3:0"); }
 
-  static void RaisePatchLevel() {
-    property_set("ro.build.version.security_patch", "2027-02-05");
-  }
+  static void RaisePatchLevel() { property_set("ro.build.version.security_patch", "2027-02-05"); }
 
   static int Upgrades() {
     return tavikm_host::KeymasterCallCount(tavikm_host::KeymasterCall::kUpgradeKey);
@@ -125,8 +123,8 @@ TEST_F(KeyUpgradeRoadTest, TheBindingKeyIsUpgradedInTheCallersRecord) {
   km_meta record;
   ASSERT_EQ(km_get_km_meta(key_loc.c_str(), 0, &record), 0);
   uint8_t unwrapped[kKeysize];
-  ASSERT_EQ(km_decrypt_key(kPassword, strlen(kPassword), record.salt, record.master_key,
-                           unwrapped, &record),
+  ASSERT_EQ(km_decrypt_key(kPassword, strlen(kPassword), record.salt, record.master_key, unwrapped,
+                           &record),
             0);
   EXPECT_EQ(memcmp(unwrapped, master_key, kKeysize), 0);
   EXPECT_EQ(Upgrades(), 1);
@@ -137,9 +135,9 @@ TEST_F(KeyUpgradeRoadTest, TheBindingKeyIsUpgradedInTheCallersRecord) {
   km_meta next;
   ASSERT_EQ(km_get_km_meta(key_loc.c_str(), 0, &next), 0);
   time_.Advance(1);
-  ASSERT_EQ(km_decrypt_key(kPassword, strlen(kPassword), next.salt, next.master_key, unwrapped,
-                           &next),
-            0);
+  ASSERT_EQ(
+      km_decrypt_key(kPassword, strlen(kPassword), next.salt, next.master_key, unwrapped, &next),
+      0);
   EXPECT_EQ(memcmp(unwrapped, master_key, kKeysize), 0);
   EXPECT_EQ(Upgrades(), 1);
 }
@@ -157,8 +155,8 @@ TEST_F(KeyUpgradeRoadTest, ThePbkdf2RekKeyIsUpgradedAndStoredOnTheWay) {
   km_meta record;
   ASSERT_EQ(km_get_km_meta("userdata", 0, &record), 0);
   uint8_t unwrapped[kKeysize];
-  ASSERT_EQ(km_decrypt_key(kPassword, strlen(kPassword), record.salt, record.master_key,
-                           unwrapped, &record),
+  ASSERT_EQ(km_decrypt_key(kPassword, strlen(kPassword), record.salt, record.master_key, unwrapped,
+                           &record),
             0);
   EXPECT_EQ(memcmp(unwrapped, master_key, kKeysize), 0);
   EXPECT_EQ(Upgrades(), 1);
@@ -167,16 +165,17 @@ TEST_F(KeyUpgradeRoadTest, ThePbkdf2RekKeyIsUpgradedAndStoredOnTheWay) {
     if (line.text == "NEED TO UPGRADE KEY\n" || line.text == "Write upgraded Key successfully")
       upgrade_lines.push_back(line);
   }
-  EXPECT_EQ(upgrade_lines, (std::vector<LogLine>{LogLine::Info("NEED TO UPGRADE KEY\n"),
-                                                 LogLine::Info("Write upgraded Key successfully")}));
+  EXPECT_EQ(upgrade_lines,
+            (std::vector<LogLine>{LogLine::Info("NEED TO UPGRADE KEY\n"),
+                                  LogLine::Info("Write upgraded Key successfully")}));
 
   // The KDF stored the upgraded record itself, under the record's key name.
   km_meta stored;
   ASSERT_EQ(km_get_km_meta("userdata", 0, &stored), 0);
   EXPECT_EQ(stored.km_key_blob_size, record.km_key_blob_size);
   EXPECT_EQ(memcmp(stored.km_key_blob, record.km_key_blob, record.km_key_blob_size), 0);
-  ASSERT_EQ(km_decrypt_key(kPassword, strlen(kPassword), stored.salt, stored.master_key,
-                           unwrapped, &stored),
+  ASSERT_EQ(km_decrypt_key(kPassword, strlen(kPassword), stored.salt, stored.master_key, unwrapped,
+                           &stored),
             0);
   EXPECT_EQ(memcmp(unwrapped, master_key, kKeysize), 0);
   EXPECT_EQ(Upgrades(), 1);

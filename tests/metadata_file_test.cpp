@@ -45,7 +45,8 @@ class MetadataFileTest : public DeviceTest {
 };
 
 TEST_F(MetadataFileTest, PutThenGetRoundTripsAtOffsetsUpToTheEnd) {
-  for (int64_t offset : {int64_t{0}, int64_t{4096}, int64_t{KM_METADATA_FILE_SIZE - KM_META_SIZE}}) {
+  for (int64_t offset :
+       {int64_t{0}, int64_t{4096}, int64_t{KM_METADATA_FILE_SIZE - KM_META_SIZE}}) {
     SCOPED_TRACE(offset);
     km_meta written = MakeRecord(static_cast<uint8_t>(offset));
     ASSERT_EQ(km_put_km_meta(path_.c_str(), offset, &written), 0);
@@ -95,11 +96,11 @@ TEST_F(MetadataFileTest, GetRefusesARegularFileOfAnyOtherLength) {
     log_.Clear();
     km_meta read;
     EXPECT_EQ(km_get_km_meta(path_.c_str(), 0, &read), -1);
-    EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                                KeyLocLine(0),
-                                LogLine::Error("metadata file " + path_ +
-                                               " is not the expected size!\n"),
-                            }));
+    EXPECT_EQ(log_.Lines(),
+              (std::vector<LogLine>{
+                  KeyLocLine(0),
+                  LogLine::Error("metadata file " + path_ + " is not the expected size!\n"),
+              }));
   }
   MakeFile(16384, meta);
   km_meta read;
@@ -112,11 +113,12 @@ TEST_F(MetadataFileTest, GetRefusesBadMagicAsASignedDecimal) {
   MakeFile(16384, meta);
   km_meta read;
   EXPECT_EQ(km_get_km_meta(path_.c_str(), 0, &read), -1);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              KeyLocLine(0),
-                              LogLine::Error("magic = -559038737, Bad magic for real block device " +
-                                             path_ + "\n"),
-                          }));
+  EXPECT_EQ(
+      log_.Lines(),
+      (std::vector<LogLine>{
+          KeyLocLine(0),
+          LogLine::Error("magic = -559038737, Bad magic for real block device " + path_ + "\n"),
+      }));
 }
 
 TEST_F(MetadataFileTest, OldMajorVersionsReadAsCurrentWithoutWritingBack) {
@@ -147,11 +149,12 @@ TEST_F(MetadataFileTest, UnknownMinorVersionIsAWarningOnly) {
   km_meta read;
   ASSERT_EQ(km_get_km_meta(path_.c_str(), 0, &read), 0);
   EXPECT_EQ(read.minor_version, 7);
-  EXPECT_EQ(log_.Lines(),
-            (std::vector<LogLine>{
-                KeyLocLine(0),
-                LogLine::Warning("Warning: metadata minor version 7, expected <= 0, continuing...\n"),
-            }));
+  EXPECT_EQ(
+      log_.Lines(),
+      (std::vector<LogLine>{
+          KeyLocLine(0),
+          LogLine::Warning("Warning: metadata minor version 7, expected <= 0, continuing...\n"),
+      }));
 }
 
 TEST_F(MetadataFileTest, DeleteZeroesTheRecordAndCreatesAMissingFile) {
@@ -212,10 +215,11 @@ TEST_F(MetadataFileTest, DevicesOtherThanRegularFilesHaveNoLengthCheck) {
   // stops at the magic.
   km_meta read;
   EXPECT_EQ(km_get_km_meta("/dev/zero", 0, &read), -1);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              LogLine::Error("key_loc=/dev/zero, 0\n"),
-                              LogLine::Error("magic = 0, Bad magic for real block device /dev/zero\n"),
-                          }));
+  EXPECT_EQ(log_.Lines(),
+            (std::vector<LogLine>{
+                LogLine::Error("key_loc=/dev/zero, 0\n"),
+                LogLine::Error("magic = 0, Bad magic for real block device /dev/zero\n"),
+            }));
   // Writing to a device neither truncates it nor fails on a sync it does not support.
   km_meta meta = MakeRecord(0);
   EXPECT_EQ(km_put_km_meta("/dev/null", 0, &meta), 0);

@@ -31,9 +31,8 @@ class ScryptKeymasterTest : public DeviceTest {
     meta_.r_factor = 3;
     meta_.p_factor = 0;
     for (int i = 0; i < 16; ++i) meta_.salt[i] = static_cast<uint8_t>(i);
-    ASSERT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(2048, 65537, 1, meta_.km_key_blob,
-                                                            KM_KEY_BLOB_CAPACITY,
-                                                            &meta_.km_key_blob_size),
+    ASSERT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(
+                  2048, 65537, 1, meta_.km_key_blob, KM_KEY_BLOB_CAPACITY, &meta_.km_key_blob_size),
               0);
     log_.Clear();
   }
@@ -45,9 +44,8 @@ class ScryptKeymasterTest : public DeviceTest {
   std::vector<uint8_t> Scrypt(const uint8_t* in, size_t len) {
     const km_scrypt_cost cost = km_scrypt_cost_of(&meta_);
     std::vector<uint8_t> out(meta_.keysize);
-    EXPECT_EQ(crypto_scrypt(in, len, meta_.salt, 16, cost.N, cost.r, cost.p, out.data(),
-                            out.size()),
-              0);
+    EXPECT_EQ(
+        crypto_scrypt(in, len, meta_.salt, 16, cost.N, cost.r, cost.p, out.data(), out.size()), 0);
     return out;
   }
 
@@ -67,10 +65,9 @@ TEST_F(ScryptKeymasterTest, DerivesScryptOfTheSignatureOfThePaddedIntermediateKe
   memcpy(object + 1, intermediate.data(), intermediate.size());
   unsigned char* signature = nullptr;
   unsigned long signature_size = 0;
-  ASSERT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(meta_.km_key_blob,
-                                                           meta_.km_key_blob_size, 1, object,
-                                                           sizeof(object), &signature,
-                                                           &signature_size),
+  ASSERT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(
+                meta_.km_key_blob, meta_.km_key_blob_size, 1, object, sizeof(object), &signature,
+                &signature_size),
             0);
   std::vector<uint8_t> expected = Scrypt(signature, signature_size);
   free(signature);
@@ -143,9 +140,9 @@ TEST_F(ScryptKeymasterTest, Type3RecordsCannotBeUnwrapped) {
   EXPECT_EQ(km_decrypt_key(kPassword, strlen(kPassword), meta_.salt, meta_.master_key, master_key,
                            &meta_),
             -1);
-  EXPECT_EQ(log_.Texts(), (std::vector<std::string>{"Using scrypt with keymaster for KDF",
-                                                     "Unknown KDF type 3", "Signing failed",
-                                                     "km_decrypt_key : kdf failed, rc=-1"}));
+  EXPECT_EQ(log_.Texts(),
+            (std::vector<std::string>{"Using scrypt with keymaster for KDF", "Unknown KDF type 3",
+                                      "Signing failed", "km_decrypt_key : kdf failed, rc=-1"}));
 }
 
 }  // namespace

@@ -74,8 +74,8 @@ TEST_F(InitMetaTest, TypesThatNoRecordIsCreatedWithAreRefused) {
     SCOPED_TRACE(type);
     log_.Clear();
     ASSERT_EQ(km_init_km_meta(&meta_, "name", 16, type), -1);
-    EXPECT_EQ(log_.Lines(), std::vector<LogLine>{LogLine::Error(
-                                "Unknown KDF type : " + std::to_string(type & 0xff))});
+    EXPECT_EQ(log_.Lines(), std::vector<LogLine>{LogLine::Error("Unknown KDF type : " +
+                                                                std::to_string(type & 0xff))});
     // What was set before the check stays.
     EXPECT_EQ(meta_.magic, KM_META_MAGIC);
     EXPECT_EQ(meta_.keysize, 16u);
@@ -237,10 +237,10 @@ TEST_F(SetupTest, AKekOf24BytesFailsInTheRekStep) {
             -1);
   std::vector<std::string> texts = log_.Texts();
   ASSERT_GE(texts.size(), 3u);
-  EXPECT_EQ(std::vector<std::string>(texts.end() - 3, texts.end()),
-            (std::vector<std::string>{
-                "(km_pbkdf2_rek)Failed to encrypt KEK by REK to generate DEKEK\n",
-                "km_encrypt_key::kdf failed", "Error encrypt master key\n"}));
+  EXPECT_EQ(
+      std::vector<std::string>(texts.end() - 3, texts.end()),
+      (std::vector<std::string>{"(km_pbkdf2_rek)Failed to encrypt KEK by REK to generate DEKEK\n",
+                                "km_encrypt_key::kdf failed", "Error encrypt master key\n"}));
 }
 
 }  // namespace

@@ -71,10 +71,9 @@ class UpgradeTest : public DeviceTest {
     unsigned char* out = nullptr;
     unsigned int out_len = 0;
     unsigned long ignored = 0;
-    EXPECT_EQ(keymaster_decrypt_object_for_mdfpp(meta->km_key_blob, meta->km_key_blob_size,
-                                                 meta->object_iv, 12, 1, meta->xtkm_value,
-                                                 meta->keysize + 16, &out, &out_len, nullptr, 0,
-                                                 &ignored),
+    EXPECT_EQ(keymaster_decrypt_object_for_mdfpp(
+                  meta->km_key_blob, meta->km_key_blob_size, meta->object_iv, 12, 1,
+                  meta->xtkm_value, meta->keysize + 16, &out, &out_len, nullptr, 0, &ignored),
               0);
     std::vector<uint8_t> kek(out, out + out_len);
     free(out);

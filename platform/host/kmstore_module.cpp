@@ -18,9 +18,9 @@
 #include <openssl/sha.h>
 
 #include "builtin_modules.h"
-#include "tavikm_kmstore.h"
 #include "tavikm_host/device.h"
 #include "tavikm_host/kmstore.h"
+#include "tavikm_kmstore.h"
 
 namespace {
 

@@ -23,8 +23,10 @@ std::optional<std::map<std::string, std::string>> g_properties;
 
 std::string Trim(const std::string& s, bool left, bool right) {
   size_t begin = 0, end = s.size();
-  if (left) while (begin < end && isspace(static_cast<unsigned char>(s[begin]))) ++begin;
-  if (right) while (end > begin && isspace(static_cast<unsigned char>(s[end - 1]))) --end;
+  if (left)
+    while (begin < end && isspace(static_cast<unsigned char>(s[begin]))) ++begin;
+  if (right)
+    while (end > begin && isspace(static_cast<unsigned char>(s[end - 1]))) --end;
   return s.substr(begin, end - begin);
 }
 

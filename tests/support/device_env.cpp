@@ -35,8 +35,10 @@ TempDeviceDir::~TempDeviceDir() {
   tavikm_host::ResetKeymaster();
   tavikm_host::RestoreBuiltinModules();
   tavikm_host::ResetProperties();
-  if (had_previous_) setenv("TAVIKM_DEVICE_DIR", previous_.c_str(), 1);
-  else unsetenv("TAVIKM_DEVICE_DIR");
+  if (had_previous_)
+    setenv("TAVIKM_DEVICE_DIR", previous_.c_str(), 1);
+  else
+    unsetenv("TAVIKM_DEVICE_DIR");
   std::error_code ec;
   std::filesystem::remove_all(path_, ec);
 }

@@ -33,12 +33,18 @@ void Capture(const __android_logger_data* data, const char* message) {
 
 int PriorityOf(android::base::LogSeverity severity) {
   switch (severity) {
-    case android::base::VERBOSE: return ANDROID_LOG_VERBOSE;
-    case android::base::DEBUG: return ANDROID_LOG_DEBUG;
-    case android::base::INFO: return ANDROID_LOG_INFO;
-    case android::base::WARNING: return ANDROID_LOG_WARN;
-    case android::base::ERROR: return ANDROID_LOG_ERROR;
-    default: return ANDROID_LOG_FATAL;
+    case android::base::VERBOSE:
+      return ANDROID_LOG_VERBOSE;
+    case android::base::DEBUG:
+      return ANDROID_LOG_DEBUG;
+    case android::base::INFO:
+      return ANDROID_LOG_INFO;
+    case android::base::WARNING:
+      return ANDROID_LOG_WARN;
+    case android::base::ERROR:
+      return ANDROID_LOG_ERROR;
+    default:
+      return ANDROID_LOG_FATAL;
   }
 }
 
@@ -67,12 +73,18 @@ LogLine LogLine::Base(android::base::LogSeverity severity, std::string file, std
 
 android::base::LogSeverity LogLine::severity() const {
   switch (priority) {
-    case ANDROID_LOG_VERBOSE: return android::base::VERBOSE;
-    case ANDROID_LOG_DEBUG: return android::base::DEBUG;
-    case ANDROID_LOG_INFO: return android::base::INFO;
-    case ANDROID_LOG_WARN: return android::base::WARNING;
-    case ANDROID_LOG_ERROR: return android::base::ERROR;
-    default: return android::base::FATAL;
+    case ANDROID_LOG_VERBOSE:
+      return android::base::VERBOSE;
+    case ANDROID_LOG_DEBUG:
+      return android::base::DEBUG;
+    case ANDROID_LOG_INFO:
+      return android::base::INFO;
+    case ANDROID_LOG_WARN:
+      return android::base::WARNING;
+    case ANDROID_LOG_ERROR:
+      return android::base::ERROR;
+    default:
+      return android::base::FATAL;
   }
 }
 
@@ -90,8 +102,10 @@ void PrintTo(const LogLine& line, std::ostream* os) {
   }
   *os << " text=\"";
   for (char c : line.text) {
-    if (c == '\n') *os << "\\n";
-    else *os << c;
+    if (c == '\n')
+      *os << "\\n";
+    else
+      *os << c;
   }
   *os << "\"}";
 }

@@ -14,11 +14,11 @@ namespace tavikm_test {
 struct LogLine {
   enum class Source { kLiblog, kLibbase };
   Source source = Source::kLiblog;
-  int buffer = 0;        // liblog buffer: 0 main, 3 system (liblog lines only)
-  int priority = 0;      // android_LogPriority: 4 info, 5 warning, 6 error
-  std::string tag;       // liblog lines only
-  std::string file;      // libbase lines only
-  unsigned line = 0;     // libbase lines only; 0 in an expectation means "any line"
+  int buffer = 0;     // liblog buffer: 0 main, 3 system (liblog lines only)
+  int priority = 0;   // android_LogPriority: 4 info, 5 warning, 6 error
+  std::string tag;    // liblog lines only
+  std::string file;   // libbase lines only
+  unsigned line = 0;  // libbase lines only; 0 in an expectation means "any line"
   std::string text;
 
   // Expectations. Liblog defaults: main buffer, tag "TAVIKM".
@@ -27,8 +27,7 @@ struct LogLine {
   static LogLine Info(std::string text) { return Liblog(4, std::move(text)); }
   static LogLine SystemError(std::string text) { return Liblog(6, std::move(text), 3); }
   static LogLine SystemInfo(std::string text) { return Liblog(4, std::move(text), 3); }
-  static LogLine Liblog(int priority, std::string text, int buffer = 0,
-                        std::string tag = "TAVIKM");
+  static LogLine Liblog(int priority, std::string text, int buffer = 0, std::string tag = "TAVIKM");
   static LogLine Base(android::base::LogSeverity severity, std::string file, std::string text,
                       unsigned line = 0);
 

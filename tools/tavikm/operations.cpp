@@ -157,8 +157,8 @@ SetupResult Setup(const Place& place, const Password& password, uint64_t keysize
   {
     Progress progress(SetupDeriving(kdf_type));
     ForgetSeen();
-    rc = km_encrypt_key(password.c_str(), password.size(), result.meta.salt,
-                        result.meta.master_key, result.master_key.data(), &result.meta);
+    rc = km_encrypt_key(password.c_str(), password.size(), result.meta.salt, result.meta.master_key,
+                        result.master_key.data(), &result.meta);
     if (rc == 0 && CbcOnly()) {
       rc = km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
                                       password.size(), result.meta.key_mac, &result.meta);

@@ -137,8 +137,8 @@ bool AuthorizationSet::erase(int index) {
 }
 
 size_t AuthorizationSet::GetTagCount(Tag tag) const {
-  return static_cast<size_t>(std::count_if(
-      data_.begin(), data_.end(), [tag](const KeyParameter& p) { return p.tag == tag; }));
+  return static_cast<size_t>(std::count_if(data_.begin(), data_.end(),
+                                           [tag](const KeyParameter& p) { return p.tag == tag; }));
 }
 
 // Little-endian: entry count, then per entry the tag and its value (4 bytes for enums and

@@ -67,15 +67,14 @@ bool RawOperation(const SecretBytes& der, bool private_key, const uint8_t* in, s
 
 }  // namespace
 
-bool AesStream::InitGcm(const SecretBytes& key, const uint8_t* iv, size_t iv_size,
-                        bool encrypt) {
+bool AesStream::InitGcm(const SecretBytes& key, const uint8_t* iv, size_t iv_size, bool encrypt) {
   const EVP_CIPHER* cipher = Gcm(key.size());
   ctx_.reset(EVP_CIPHER_CTX_new());
   if (!cipher || !ctx_) return Fail();
-  bool ok = EVP_CipherInit_ex(ctx_.get(), cipher, nullptr, nullptr, nullptr, encrypt) &&
-            EVP_CIPHER_CTX_ctrl(ctx_.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv_size),
-                                nullptr) &&
-            EVP_CipherInit_ex(ctx_.get(), nullptr, nullptr, key.data(), iv, encrypt);
+  bool ok =
+      EVP_CipherInit_ex(ctx_.get(), cipher, nullptr, nullptr, nullptr, encrypt) &&
+      EVP_CIPHER_CTX_ctrl(ctx_.get(), EVP_CTRL_GCM_SET_IVLEN, static_cast<int>(iv_size), nullptr) &&
+      EVP_CipherInit_ex(ctx_.get(), nullptr, nullptr, key.data(), iv, encrypt);
   return ok || Fail();
 }
 

@@ -44,8 +44,10 @@ bool ReadExactly(const std::string& path, uint8_t* out, size_t size) {
   while (ok && got < size) {
     ssize_t n = read(fd, out + got, size - got);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) ok = false;
-    else got += static_cast<size_t>(n);
+    if (n <= 0)
+      ok = false;
+    else
+      got += static_cast<size_t>(n);
   }
   // The secret is exactly its size: a longer file is as corrupt as a shorter one.
   uint8_t extra;

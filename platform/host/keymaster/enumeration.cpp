@@ -108,8 +108,8 @@ class FaultInjectingKeymaster : public Keymaster {
   }
 
   Return<void> begin(hw::KeyPurpose purpose, const hidl_vec<uint8_t>& keyBlob,
-                     const hidl_vec<KeyParameter>& inParams,
-                     const hw::HardwareAuthToken& authToken, begin_cb _hidl_cb) override {
+                     const hidl_vec<KeyParameter>& inParams, const hw::HardwareAuthToken& authToken,
+                     begin_cb _hidl_cb) override {
     if (auto answer = OnKeymasterCall(KeymasterCall::kBegin)) {
       if (answer->transport_failure) return TransportFailure(*answer);
       _hidl_cb(static_cast<ErrorCode>(answer->error), {}, 0);
@@ -120,8 +120,7 @@ class FaultInjectingKeymaster : public Keymaster {
 
   Return<void> update(uint64_t operationHandle, const hidl_vec<KeyParameter>& inParams,
                       const hidl_vec<uint8_t>& input, const hw::HardwareAuthToken& authToken,
-                      const hw::VerificationToken& verificationToken,
-                      update_cb _hidl_cb) override {
+                      const hw::VerificationToken& verificationToken, update_cb _hidl_cb) override {
     if (auto answer = OnKeymasterCall(KeymasterCall::kUpdate)) {
       EndQuietly(operationHandle);
       if (answer->transport_failure) return TransportFailure(*answer);
@@ -135,16 +134,14 @@ class FaultInjectingKeymaster : public Keymaster {
         operationHandle, inParams, piece, authToken, verificationToken,
         [&](ErrorCode error, uint32_t consumed, const hidl_vec<KeyParameter>& outParams,
             const hidl_vec<uint8_t>& output) {
-          _hidl_cb(error, error == ErrorCode::OK ? consumed + extra : consumed, outParams,
-                   output);
+          _hidl_cb(error, error == ErrorCode::OK ? consumed + extra : consumed, outParams, output);
         });
   }
 
   Return<void> finish(uint64_t operationHandle, const hidl_vec<KeyParameter>& inParams,
                       const hidl_vec<uint8_t>& input, const hidl_vec<uint8_t>& signature,
                       const hw::HardwareAuthToken& authToken,
-                      const hw::VerificationToken& verificationToken,
-                      finish_cb _hidl_cb) override {
+                      const hw::VerificationToken& verificationToken, finish_cb _hidl_cb) override {
     if (auto answer = OnKeymasterCall(KeymasterCall::kFinish)) {
       EndQuietly(operationHandle);
       if (answer->transport_failure) return TransportFailure(*answer);
@@ -189,9 +186,12 @@ std::vector<uint32_t> LevelsFromProperty() {
     size_t comma = list.find(',', start);
     if (comma == std::string::npos) comma = list.size();
     std::string name = Trim(list.substr(start, comma - start));
-    if (name == "SOFTWARE") levels.push_back(0);
-    else if (name == "TRUSTED_ENVIRONMENT") levels.push_back(1);
-    else if (name == "STRONGBOX") levels.push_back(2);
+    if (name == "SOFTWARE")
+      levels.push_back(0);
+    else if (name == "TRUSTED_ENVIRONMENT")
+      levels.push_back(1);
+    else if (name == "STRONGBOX")
+      levels.push_back(2);
     start = comma + 1;
   }
   return levels;
@@ -214,8 +214,8 @@ Keymaster::KeymasterSet Keymaster::enumerateAvailableDevices() {
     std::vector<uint32_t> levels =
         tavikm_host::km::DeviceLevelsOverride().value_or(tavikm_host::km::LevelsFromProperty());
     for (size_t i = 0; i < levels.size(); ++i) {
-      bool repeated = std::find(levels.begin(), levels.begin() + i, levels[i]) !=
-                      levels.begin() + i;
+      bool repeated =
+          std::find(levels.begin(), levels.begin() + i, levels[i]) != levels.begin() + i;
       devices.push_back(tavikm_host::MakeSoftKeymaster(
           levels[i], tavikm_host::KeymasterInstanceName(levels[i], i, repeated)));
     }
@@ -243,10 +243,18 @@ namespace tavikm_host {
 std::string KeymasterInstanceName(uint32_t level, size_t position, bool repeated) {
   std::string name;
   switch (level) {
-    case 0: name = "software"; break;
-    case 1: name = "default"; break;
-    case 2: name = "strongbox"; break;
-    default: name = "level" + std::to_string(level); break;
+    case 0:
+      name = "software";
+      break;
+    case 1:
+      name = "default";
+      break;
+    case 2:
+      name = "strongbox";
+      break;
+    default:
+      name = "level" + std::to_string(level);
+      break;
   }
   if (repeated) name += "_" + std::to_string(position);
   return name;

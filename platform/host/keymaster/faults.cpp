@@ -150,8 +150,7 @@ void SetKeymasterDeviceLevels(const std::vector<uint32_t>& levels) {
 }
 
 void SetKeymasterDeviceFactory(
-    std::function<android::hardware::keymaster::V4_0::support::Keymaster::KeymasterSet()>
-        factory) {
+    std::function<android::hardware::keymaster::V4_0::support::Keymaster::KeymasterSet()> factory) {
   std::lock_guard<std::mutex> lock(TheState().mutex);
   TheState().factory = std::move(factory);
 }

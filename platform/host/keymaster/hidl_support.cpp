@@ -41,8 +41,7 @@ return_status::~return_status() {
 
 void return_status::assertOk() const {
   if (!isOk()) {
-    logAlwaysFatal(
-        ("Attempted to retrieve value from failed HIDL call: " + description()).c_str());
+    logAlwaysFatal(("Attempted to retrieve value from failed HIDL call: " + description()).c_str());
   }
 }
 
@@ -52,17 +51,28 @@ namespace {
 
 const char* ExceptionName(int32_t code) {
   switch (code) {
-    case Status::EX_NONE: return "EX_NONE";
-    case Status::EX_SECURITY: return "EX_SECURITY";
-    case Status::EX_BAD_PARCELABLE: return "EX_BAD_PARCELABLE";
-    case Status::EX_ILLEGAL_ARGUMENT: return "EX_ILLEGAL_ARGUMENT";
-    case Status::EX_NULL_POINTER: return "EX_NULL_POINTER";
-    case Status::EX_ILLEGAL_STATE: return "EX_ILLEGAL_STATE";
-    case Status::EX_NETWORK_MAIN_THREAD: return "EX_NETWORK_MAIN_THREAD";
-    case Status::EX_UNSUPPORTED_OPERATION: return "EX_UNSUPPORTED_OPERATION";
-    case Status::EX_HAS_REPLY_HEADER: return "EX_HAS_REPLY_HEADER";
-    case Status::EX_TRANSACTION_FAILED: return "EX_TRANSACTION_FAILED";
-    default: return nullptr;
+    case Status::EX_NONE:
+      return "EX_NONE";
+    case Status::EX_SECURITY:
+      return "EX_SECURITY";
+    case Status::EX_BAD_PARCELABLE:
+      return "EX_BAD_PARCELABLE";
+    case Status::EX_ILLEGAL_ARGUMENT:
+      return "EX_ILLEGAL_ARGUMENT";
+    case Status::EX_NULL_POINTER:
+      return "EX_NULL_POINTER";
+    case Status::EX_ILLEGAL_STATE:
+      return "EX_ILLEGAL_STATE";
+    case Status::EX_NETWORK_MAIN_THREAD:
+      return "EX_NETWORK_MAIN_THREAD";
+    case Status::EX_UNSUPPORTED_OPERATION:
+      return "EX_UNSUPPORTED_OPERATION";
+    case Status::EX_HAS_REPLY_HEADER:
+      return "EX_HAS_REPLY_HEADER";
+    case Status::EX_TRANSACTION_FAILED:
+      return "EX_TRANSACTION_FAILED";
+    default:
+      return nullptr;
   }
 }
 

@@ -122,8 +122,7 @@ bool OpenKeyBlob(const uint8_t* blob, size_t size, KeyBlobContents* contents) {
             EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, kNonceSize, nullptr) &&
             EVP_DecryptInit_ex(ctx.get(), nullptr, nullptr, key.data(), nonce) &&
             EVP_DecryptUpdate(ctx.get(), nullptr, &n, blob, kHeaderSize) &&
-            EVP_DecryptUpdate(ctx.get(), plain.data(), &n, cipher,
-                              static_cast<int>(cipher_size)) &&
+            EVP_DecryptUpdate(ctx.get(), plain.data(), &n, cipher, static_cast<int>(cipher_size)) &&
             EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_TAG, kTagSize, tag) &&
             EVP_DecryptFinal_ex(ctx.get(), plain.data() + n, &final_n) > 0;
   if (!ok) {
@@ -138,8 +137,8 @@ bool OpenKeyBlob(const uint8_t* blob, size_t size, KeyBlobContents* contents) {
   opened.level = GetU32(blob + 4);
   opened.material = SecretBytes(plain.data() + 4, material_size);
   size_t offset = 4 + material_size;
-  std::istringstream rest(std::string(reinterpret_cast<const char*>(plain.data()) + offset,
-                                      plain.size() - offset));
+  std::istringstream rest(
+      std::string(reinterpret_cast<const char*>(plain.data()) + offset, plain.size() - offset));
   opened.authorizations.Deserialize(&rest);
   opened.hidden.Deserialize(&rest);
   if (!rest || rest.peek() != std::char_traits<char>::eof()) return false;

@@ -278,9 +278,8 @@ keymaster1_device_t* NewKeymaster1(const hw_module_t* module) {
     return KM_ERROR_UNIMPLEMENTED;
   };
   device->generate_key = [](const keymaster1_device*, const keymaster_key_param_set_t*,
-                            keymaster_key_blob_t*, keymaster_key_characteristics_t**) {
-    return KM_ERROR_UNIMPLEMENTED;
-  };
+                            keymaster_key_blob_t*,
+                            keymaster_key_characteristics_t**) { return KM_ERROR_UNIMPLEMENTED; };
   device->get_key_characteristics = [](const keymaster1_device*, const keymaster_key_blob_t*,
                                        const keymaster_blob_t*, const keymaster_blob_t*,
                                        keymaster_key_characteristics_t**) {
@@ -314,8 +313,8 @@ keymaster0_device_t* NewKeymaster0(const hw_module_t* module) {
                                 uint8_t**, size_t*) { return -1; };
   device->import_keypair = [](const keymaster0_device*, const uint8_t*, const size_t, uint8_t**,
                               size_t*) { return -1; };
-  device->get_keypair_public = [](const keymaster0_device*, const uint8_t*, const size_t,
-                                  uint8_t**, size_t*) { return -1; };
+  device->get_keypair_public = [](const keymaster0_device*, const uint8_t*, const size_t, uint8_t**,
+                                  size_t*) { return -1; };
   device->delete_keypair = [](const keymaster0_device*, const uint8_t*, const size_t) {
     return -1;
   };

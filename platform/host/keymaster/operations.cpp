@@ -80,8 +80,8 @@ class CbcOperation : public Operation {
     return stream_.InitCbc(key, iv, encrypt);
   }
 
-  ErrorCode Update(const hw::AuthorizationSet&, const uint8_t* input, size_t size,
-                   size_t* consumed, std::vector<uint8_t>* output) override {
+  ErrorCode Update(const hw::AuthorizationSet&, const uint8_t* input, size_t size, size_t* consumed,
+                   std::vector<uint8_t>* output) override {
     *consumed = size;
     return stream_.Update(input, size, output) ? ErrorCode::OK : ErrorCode::UNKNOWN_ERROR;
   }
@@ -104,8 +104,8 @@ class RsaOperation : public Operation {
   RsaOperation(const SecretBytes& key, size_t modulus_size, bool sign)
       : key_(key), modulus_size_(modulus_size), sign_(sign) {}
 
-  ErrorCode Update(const hw::AuthorizationSet&, const uint8_t* input, size_t size,
-                   size_t* consumed, std::vector<uint8_t>*) override {
+  ErrorCode Update(const hw::AuthorizationSet&, const uint8_t* input, size_t size, size_t* consumed,
+                   std::vector<uint8_t>*) override {
     // Unpadded input must fit the modulus.
     if (data_.size() + size > modulus_size_) return ErrorCode::INVALID_INPUT_LENGTH;
     data_.Append(input, size);
@@ -181,8 +181,8 @@ std::unique_ptr<Operation> MakeGcmOperation(const SecretBytes& key, const uint8_
   return op;
 }
 
-std::unique_ptr<Operation> MakeCbcOperation(const SecretBytes& key, const uint8_t* iv,
-                                            bool encrypt, ErrorCode* error) {
+std::unique_ptr<Operation> MakeCbcOperation(const SecretBytes& key, const uint8_t* iv, bool encrypt,
+                                            ErrorCode* error) {
   auto op = std::make_unique<CbcOperation>();
   if (!op->Init(key, iv, encrypt)) {
     *error = ErrorCode::UNKNOWN_ERROR;

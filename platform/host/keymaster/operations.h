@@ -41,11 +41,10 @@ class Operation {
 // AES-GCM (Keymaster 4.0). Decryption holds back the last `tag_bytes` of the input: they may
 // be the tag, checked at finish.
 std::unique_ptr<Operation> MakeGcmOperation(const SecretBytes& key, const uint8_t* nonce,
-                                            bool encrypt, size_t tag_bytes,
-                                            hw::ErrorCode* error);
+                                            bool encrypt, size_t tag_bytes, hw::ErrorCode* error);
 // AES-CBC without padding (legacy device); the input must come to whole blocks by finish.
-std::unique_ptr<Operation> MakeCbcOperation(const SecretBytes& key, const uint8_t* iv,
-                                            bool encrypt, hw::ErrorCode* error);
+std::unique_ptr<Operation> MakeCbcOperation(const SecretBytes& key, const uint8_t* iv, bool encrypt,
+                                            hw::ErrorCode* error);
 // Raw RSA signing or verification (digest NONE, padding NONE).
 std::unique_ptr<Operation> MakeRsaOperation(const SecretBytes& private_key, bool sign,
                                             hw::ErrorCode* error);

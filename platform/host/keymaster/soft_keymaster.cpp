@@ -137,11 +137,12 @@ ErrorCode BeginGcm(const KeyBlobContents& key, KeyPurpose purpose, const Authori
     return ErrorCode::INCOMPATIBLE_BLOCK_MODE;
   }
   auto padding = params.GetTagValue(hw::TAG_PADDING);
-  if (!padding.isOk() || (padding.value() != hw::PaddingMode::NONE &&
-                          padding.value() != hw::PaddingMode::PKCS7)) {
+  if (!padding.isOk() ||
+      (padding.value() != hw::PaddingMode::NONE && padding.value() != hw::PaddingMode::PKCS7)) {
     return ErrorCode::UNSUPPORTED_PADDING_MODE;
   }
-  if (padding.value() != hw::PaddingMode::NONE || !auths.Contains(hw::TAG_PADDING, padding.value())) {
+  if (padding.value() != hw::PaddingMode::NONE ||
+      !auths.Contains(hw::TAG_PADDING, padding.value())) {
     return ErrorCode::INCOMPATIBLE_PADDING_MODE;  // GCM takes no padding
   }
   auto mac_length = params.GetTagValue(hw::TAG_MAC_LENGTH);
@@ -453,8 +454,7 @@ Return<void> SoftKeymaster::begin(KeyPurpose purpose, const hidl_vec<uint8_t>& k
   return Void();
 }
 
-Return<void> SoftKeymaster::update(uint64_t operationHandle,
-                                   const hidl_vec<KeyParameter>& inParams,
+Return<void> SoftKeymaster::update(uint64_t operationHandle, const hidl_vec<KeyParameter>& inParams,
                                    const hidl_vec<uint8_t>& input, const hw::HardwareAuthToken&,
                                    const hw::VerificationToken&, update_cb _hidl_cb) {
   std::vector<uint8_t> output;
@@ -472,12 +472,10 @@ Return<void> SoftKeymaster::update(uint64_t operationHandle,
   return Void();
 }
 
-Return<void> SoftKeymaster::finish(uint64_t operationHandle,
-                                   const hidl_vec<KeyParameter>& inParams,
+Return<void> SoftKeymaster::finish(uint64_t operationHandle, const hidl_vec<KeyParameter>& inParams,
                                    const hidl_vec<uint8_t>& input,
-                                   const hidl_vec<uint8_t>& signature,
-                                   const hw::HardwareAuthToken&, const hw::VerificationToken&,
-                                   finish_cb _hidl_cb) {
+                                   const hidl_vec<uint8_t>& signature, const hw::HardwareAuthToken&,
+                                   const hw::VerificationToken&, finish_cb _hidl_cb) {
   std::vector<uint8_t> output;
   ErrorCode error =
       FinishOperation(operationHandle, level_, AuthorizationSet(inParams), input.data(),

@@ -44,8 +44,8 @@ class SoftKeymaster : public hw::support::Keymaster {
                                      const hidl_vec<uint8_t>& appData,
                                      getKeyCharacteristics_cb _hidl_cb) override;
   Return<void> exportKey(hw::KeyFormat keyFormat, const hidl_vec<uint8_t>& keyBlob,
-                         const hidl_vec<uint8_t>& clientId,
-                         const hidl_vec<uint8_t>& appData, exportKey_cb _hidl_cb) override;
+                         const hidl_vec<uint8_t>& clientId, const hidl_vec<uint8_t>& appData,
+                         exportKey_cb _hidl_cb) override;
   Return<void> upgradeKey(const hidl_vec<uint8_t>& keyBlobToUpgrade,
                           const hidl_vec<hw::KeyParameter>& upgradeParams,
                           upgradeKey_cb _hidl_cb) override;
@@ -55,13 +55,11 @@ class SoftKeymaster : public hw::support::Keymaster {
                      const hw::HardwareAuthToken& authToken, begin_cb _hidl_cb) override;
   Return<void> update(uint64_t operationHandle, const hidl_vec<hw::KeyParameter>& inParams,
                       const hidl_vec<uint8_t>& input, const hw::HardwareAuthToken& authToken,
-                      const hw::VerificationToken& verificationToken,
-                      update_cb _hidl_cb) override;
+                      const hw::VerificationToken& verificationToken, update_cb _hidl_cb) override;
   Return<void> finish(uint64_t operationHandle, const hidl_vec<hw::KeyParameter>& inParams,
                       const hidl_vec<uint8_t>& input, const hidl_vec<uint8_t>& signature,
                       const hw::HardwareAuthToken& authToken,
-                      const hw::VerificationToken& verificationToken,
-                      finish_cb _hidl_cb) override;
+                      const hw::VerificationToken& verificationToken, finish_cb _hidl_cb) override;
   Return<hw::ErrorCode> abort(uint64_t operationHandle) override;
 
  private:

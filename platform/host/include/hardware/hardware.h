@@ -17,7 +17,7 @@ extern "C" {
 #define HARDWARE_MODULE_TAG MAKE_TAG_CONSTANT('H', 'W', 'M', 'T')
 #define HARDWARE_DEVICE_TAG MAKE_TAG_CONSTANT('H', 'W', 'D', 'T')
 
-#define HARDWARE_MAKE_API_VERSION(maj, min) ((((maj) & 0xff) << 8) | ((min) & 0xff))
+#define HARDWARE_MAKE_API_VERSION(maj, min) ((((maj)&0xff) << 8) | ((min)&0xff))
 #define HARDWARE_MODULE_API_VERSION(maj, min) HARDWARE_MAKE_API_VERSION(maj, min)
 #define HARDWARE_DEVICE_API_VERSION(maj, min) HARDWARE_MAKE_API_VERSION(maj, min)
 
@@ -58,7 +58,8 @@ typedef struct hw_device_t {
 } hw_device_t;
 
 /* Finds the module of `class_id` (instance `inst`, or none when null). 0 or a negative errno. */
-int hw_get_module_by_class(const char* class_id, const char* inst, const struct hw_module_t** module);
+int hw_get_module_by_class(const char* class_id, const char* inst,
+                           const struct hw_module_t** module);
 
 /* Same as hw_get_module_by_class(id, NULL, module). */
 int hw_get_module(const char* id, const struct hw_module_t** module);

@@ -82,8 +82,7 @@ struct keymaster1_device {
   keymaster_error_t (*import_key)(const struct keymaster1_device* dev,
                                   const keymaster_key_param_set_t* params,
                                   keymaster_key_format_t key_format,
-                                  const keymaster_blob_t* key_data,
-                                  keymaster_key_blob_t* key_blob,
+                                  const keymaster_blob_t* key_data, keymaster_key_blob_t* key_blob,
                                   keymaster_key_characteristics_t** characteristics);
   keymaster_error_t (*export_key)(const struct keymaster1_device* dev,
                                   keymaster_key_format_t export_format,

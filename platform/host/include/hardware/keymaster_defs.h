@@ -150,11 +150,11 @@ typedef struct {
 typedef struct {
   keymaster_tag_t tag;
   union {
-    uint32_t enumerated; /* KM_ENUM and KM_ENUM_REP */
-    bool boolean;        /* KM_BOOL */
-    uint32_t integer;    /* KM_UINT and KM_UINT_REP */
+    uint32_t enumerated;   /* KM_ENUM and KM_ENUM_REP */
+    bool boolean;          /* KM_BOOL */
+    uint32_t integer;      /* KM_UINT and KM_UINT_REP */
     uint64_t long_integer; /* KM_ULONG and KM_ULONG_REP */
-    uint64_t date_time;  /* KM_DATE */
+    uint64_t date_time;    /* KM_DATE */
     keymaster_blob_t blob; /* KM_BIGNUM and KM_BYTES */
   };
 } keymaster_key_param_t;
@@ -281,8 +281,8 @@ static inline keymaster_key_param_t keymaster_param_long(keymaster_tag_t tag, ui
   return param;
 }
 
-static inline keymaster_key_param_t keymaster_param_blob(keymaster_tag_t tag,
-                                                         const uint8_t* bytes, size_t bytes_len) {
+static inline keymaster_key_param_t keymaster_param_blob(keymaster_tag_t tag, const uint8_t* bytes,
+                                                         size_t bytes_len) {
   keymaster_key_param_t param;
   memset(&param, 0, sizeof(param));
   param.tag = tag;
@@ -334,7 +334,8 @@ static inline void keymaster_free_param_set(keymaster_key_param_set_t* set) {
   }
 }
 
-static inline void keymaster_free_characteristics(keymaster_key_characteristics_t* characteristics) {
+static inline void keymaster_free_characteristics(
+    keymaster_key_characteristics_t* characteristics) {
   if (characteristics) {
     keymaster_free_param_set(&characteristics->hw_enforced);
     keymaster_free_param_set(&characteristics->sw_enforced);

@@ -93,7 +93,7 @@ class return_status {
 template <typename T>
 class Return : public details::return_status {
  public:
-  Return(T v) : details::return_status(), mVal{v} {}  // NOLINT: implicit, as on the platform
+  Return(T v) : details::return_status(), mVal{v} {}      // NOLINT: implicit, as on the platform
   Return(const Status& s) : details::return_status(s) {}  // NOLINT
   Return(Return&& other) noexcept = default;
   Return& operator=(Return&&) noexcept = default;

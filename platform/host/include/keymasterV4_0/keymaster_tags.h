@@ -33,7 +33,7 @@ struct Tag2TypedTag {
   typedef TypedTag<typeFromTag(tag), tag> type;
 };
 
-#define DECLARE_TYPED_TAG(name)                                \
+#define DECLARE_TYPED_TAG(name)                                  \
   typedef typename Tag2TypedTag<Tag::name>::type TAG_##name##_t; \
   inline constexpr TAG_##name##_t TAG_##name{};
 
@@ -90,18 +90,18 @@ DECLARE_TYPED_TAG(CONFIRMATION_TOKEN)
 template <typename TypedTagType>
 struct TypedTag2ValueType;
 
-#define TAVIKM_TAG_TYPE_ACCESSOR(tag_type, member)                                           \
-  template <Tag tag>                                                                         \
-  struct TypedTag2ValueType<TypedTag<tag_type, tag>> {                                       \
-    typedef decltype(std::declval<KeyParameter&>().member) type;                             \
-  };                                                                                         \
-  template <Tag tag>                                                                         \
-  inline const auto& accessTagValue(TypedTag<tag_type, tag>, const KeyParameter& param) {    \
-    return param.member;                                                                     \
-  }                                                                                          \
-  template <Tag tag>                                                                         \
-  inline auto& accessTagValue(TypedTag<tag_type, tag>, KeyParameter& param) {                \
-    return param.member;                                                                     \
+#define TAVIKM_TAG_TYPE_ACCESSOR(tag_type, member)                                        \
+  template <Tag tag>                                                                      \
+  struct TypedTag2ValueType<TypedTag<tag_type, tag>> {                                    \
+    typedef decltype(std::declval<KeyParameter&>().member) type;                          \
+  };                                                                                      \
+  template <Tag tag>                                                                      \
+  inline const auto& accessTagValue(TypedTag<tag_type, tag>, const KeyParameter& param) { \
+    return param.member;                                                                  \
+  }                                                                                       \
+  template <Tag tag>                                                                      \
+  inline auto& accessTagValue(TypedTag<tag_type, tag>, KeyParameter& param) {             \
+    return param.member;                                                                  \
   }
 
 TAVIKM_TAG_TYPE_ACCESSOR(TagType::UINT, f.integer)
@@ -114,17 +114,17 @@ TAVIKM_TAG_TYPE_ACCESSOR(TagType::BYTES, blob)
 TAVIKM_TAG_TYPE_ACCESSOR(TagType::BIGNUM, blob)
 #undef TAVIKM_TAG_TYPE_ACCESSOR
 
-#define TAVIKM_ENUM_TAG_ACCESSOR(typed_tag, member)                                          \
-  template <>                                                                                \
+#define TAVIKM_ENUM_TAG_ACCESSOR(typed_tag, member)                                         \
+  template <>                                                                               \
   struct TypedTag2ValueType<std::remove_cv_t<decltype(typed_tag)>> {                        \
-    typedef decltype(std::declval<KeyParameter&>().member) type;                             \
-  };                                                                                         \
+    typedef decltype(std::declval<KeyParameter&>().member) type;                            \
+  };                                                                                        \
   inline const auto& accessTagValue(std::remove_cv_t<decltype(typed_tag)>,                  \
-                                    const KeyParameter& param) {                             \
-    return param.member;                                                                     \
-  }                                                                                          \
+                                    const KeyParameter& param) {                            \
+    return param.member;                                                                    \
+  }                                                                                         \
   inline auto& accessTagValue(std::remove_cv_t<decltype(typed_tag)>, KeyParameter& param) { \
-    return param.member;                                                                     \
+    return param.member;                                                                    \
   }
 
 TAVIKM_ENUM_TAG_ACCESSOR(TAG_ALGORITHM, f.algorithm)
@@ -190,8 +190,8 @@ class NullOr {
 
 // The value of `param` when it carries `ttag`, else an absent NullOr.
 template <TagType tag_type, Tag tag>
-inline NullOr<const typename TypedTag2ValueType<TypedTag<tag_type, tag>>::type&>
-authorizationValue(TypedTag<tag_type, tag> ttag, const KeyParameter& param) {
+inline NullOr<const typename TypedTag2ValueType<TypedTag<tag_type, tag>>::type&> authorizationValue(
+    TypedTag<tag_type, tag> ttag, const KeyParameter& param) {
   if (param.tag != tag) return {};
   return accessTagValue(ttag, param);
 }

@@ -92,8 +92,7 @@ void SetKeymasterDeviceLevels(const std::vector<uint32_t>& levels);
 // Replaces enumeration outright: the factory's devices are listed (still through this layer,
 // so scripts and counters apply to them too). An empty function restores enumeration.
 void SetKeymasterDeviceFactory(
-    std::function<android::hardware::keymaster::V4_0::support::Keymaster::KeymasterSet()>
-        factory);
+    std::function<android::hardware::keymaster::V4_0::support::Keymaster::KeymasterSet()> factory);
 
 // How many `call`s were made since the last reset, scripted ones included.
 int KeymasterCallCount(KeymasterCall call);

@@ -24,9 +24,9 @@ class IKeymasterDevice {
 
   virtual ~IKeymasterDevice() = default;
 
-  using getHardwareInfo_cb = std::function<void(SecurityLevel securityLevel,
-                                                const hidl_string& keymasterName,
-                                                const hidl_string& keymasterAuthorName)>;
+  using getHardwareInfo_cb =
+      std::function<void(SecurityLevel securityLevel, const hidl_string& keymasterName,
+                         const hidl_string& keymasterAuthorName)>;
   virtual Return<void> getHardwareInfo(getHardwareInfo_cb _hidl_cb) = 0;
 
   using generateKey_cb = std::function<void(ErrorCode error, const hidl_vec<uint8_t>& keyBlob,
@@ -65,21 +65,19 @@ class IKeymasterDevice {
                              const hidl_vec<KeyParameter>& inParams,
                              const HardwareAuthToken& authToken, begin_cb _hidl_cb) = 0;
 
-  using update_cb = std::function<void(ErrorCode error, uint32_t inputConsumed,
-                                       const hidl_vec<KeyParameter>& outParams,
-                                       const hidl_vec<uint8_t>& output)>;
+  using update_cb =
+      std::function<void(ErrorCode error, uint32_t inputConsumed,
+                         const hidl_vec<KeyParameter>& outParams, const hidl_vec<uint8_t>& output)>;
   virtual Return<void> update(uint64_t operationHandle, const hidl_vec<KeyParameter>& inParams,
                               const hidl_vec<uint8_t>& input, const HardwareAuthToken& authToken,
-                              const VerificationToken& verificationToken,
-                              update_cb _hidl_cb) = 0;
+                              const VerificationToken& verificationToken, update_cb _hidl_cb) = 0;
 
   using finish_cb = std::function<void(ErrorCode error, const hidl_vec<KeyParameter>& outParams,
                                        const hidl_vec<uint8_t>& output)>;
   virtual Return<void> finish(uint64_t operationHandle, const hidl_vec<KeyParameter>& inParams,
                               const hidl_vec<uint8_t>& input, const hidl_vec<uint8_t>& signature,
                               const HardwareAuthToken& authToken,
-                              const VerificationToken& verificationToken,
-                              finish_cb _hidl_cb) = 0;
+                              const VerificationToken& verificationToken, finish_cb _hidl_cb) = 0;
 
   virtual Return<ErrorCode> abort(uint64_t operationHandle) = 0;
 };
