@@ -102,7 +102,8 @@ format:
 
 format-check:
 	@scripts/install-deps --format
-	clang-format-14 --dry-run --Werror $(FORMAT_FILES)
+	@clang-format-14 --dry-run --Werror $(FORMAT_FILES)
+	@echo "format-check: all $(words $(FORMAT_FILES)) C/C++ files match .clang-format"
 
 # The library's folders use only those below them (scripts/check-layers); run after a build.
 check-layers: build
