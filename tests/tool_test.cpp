@@ -659,8 +659,13 @@ TEST_F(ToolTest, ASecondKdf5UnlockRightAfterTheFirstWaitsOutTheKeysRateLimit) {
   Result second = Tool({"-v", "unlock", MetadataFile(), "--password-file", PasswordFile("pw")});
   ASSERT_EQ(second.status, 0) << second.err;
   EXPECT_EQ(FingerprintIn(second.out), FingerprintIn(setup.out));
-  static const std::regex kRefused("E/\\S* Keymaster:[0-9]+: begin failed, code -54\n");
-  EXPECT_TRUE(std::regex_search(second.err, kRefused)) << second.err;
+  // Natively the second signature begins milliseconds after the first ended; under valgrind or
+  // qemu the tool's own start can take longer than the key's one second, so there only the
+  // result is checked.
+  if (std::string(TAVIKM_TOOL_EMULATOR).empty()) {
+    static const std::regex kRefused("E/\\S* Keymaster:[0-9]+: begin failed, code -54\n");
+    EXPECT_TRUE(std::regex_search(second.err, kRefused)) << second.err;
+  }
 }
 
 TEST_F(ToolTest, KeksArePutReadAndDeleted) {
