@@ -181,6 +181,8 @@ TEST(CryptoScrypt, ExportedFunctionGivesTheKnownAnswers) {
               0);
     EXPECT_EQ(out, v.dk);
   }
+  // No output at all is a valid request, and its null pointer is never written through.
+  EXPECT_EQ(crypto_scrypt(Bytes("pw"), 2, Bytes("salt"), 4, 16, 1, 1, nullptr, 0), 0);
 }
 
 struct BadArguments {

@@ -130,7 +130,8 @@ int km_crypto_scrypt_with(const km_scrypt_backend* backend, const uint8_t* passw
     errno = ENOMEM;
     return -1;
   }
-  memcpy(out, result.get(), static_cast<size_t>(out_len));
+  // A zero-length output may come with a null pointer, which memcpy must never see.
+  if (out_len != 0) memcpy(out, result.get(), static_cast<size_t>(out_len));
   return 0;
 }
 
