@@ -32,6 +32,12 @@ const std::vector<LogLine> kOpenLines = {
     LogLine::Info("Found keymaster1 module, using keymaster1 API."),
 };
 
+const std::vector<LogLine> kKeymaster0OpenLines = {
+    LogLine::Info("keymaster module name is TAVIKM host keystore"),
+    LogLine::Info("keymaster version is 512"),
+    LogLine::Info("Found keymaster0 module, using keymaster0 API."),
+};
+
 std::vector<LogLine> AfterOpen(std::vector<LogLine> more) {
   std::vector<LogLine> lines = kOpenLines;
   lines.insert(lines.end(), more.begin(), more.end());
@@ -119,10 +125,19 @@ TEST_F(LegacyKeymasterTest, InitOpensAKeymaster1OrAKeymaster0Device) {
   ASSERT_NE(km0, nullptr);
   EXPECT_EQ(km1, nullptr);
   keymaster0_close(km0);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              LogLine::Info("keymaster module name is TAVIKM host keystore"),
-                              LogLine::Info("keymaster version is 512"),
-                              LogLine::Info("Found keymaster0 module, using keymaster0 API.")}));
+  EXPECT_EQ(log_.Lines(), kKeymaster0OpenLines);
+
+  // A keymaster0 module refuses messages without a word, before any operation.
+  const int closes = tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kClose);
+  log_.Clear();
+  Bytes out;
+  EXPECT_EQ(Encrypt(Pattern(32, 1), &out), -1);
+  EXPECT_EQ(Decrypt(Pattern(32, 1), &out), -1);
+  std::vector<LogLine> twice = kKeymaster0OpenLines;
+  twice.insert(twice.end(), kKeymaster0OpenLines.begin(), kKeymaster0OpenLines.end());
+  EXPECT_EQ(log_.Lines(), twice);
+  EXPECT_EQ(tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kClose), closes + 2);
+  EXPECT_EQ(tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kBegin), 0);
 }
 
 TEST_F(LegacyKeymasterTest, InitReportsLookupAndOpenFailuresWithBothOutputsNull) {
@@ -132,8 +147,13 @@ TEST_F(LegacyKeymasterTest, InitReportsLookupAndOpenFailuresWithBothOutputsNull)
   EXPECT_EQ(km_keymaster_init(&km0, &km1), -ENODEV);
   EXPECT_EQ(km0, nullptr);
   EXPECT_EQ(km1, nullptr);
+  // No module, no message.
+  Bytes out;
+  EXPECT_EQ(Encrypt(Pattern(32, 2), &out), -1);
   EXPECT_EQ(log_.Lines(),
-            (std::vector<LogLine>{LogLine::Error("could not find any keystore module")}));
+            (std::vector<LogLine>{LogLine::Error("could not find any keystore module"),
+                                  LogLine::Error("could not find any keystore module"),
+                                  LogLine::Error("Failed to init keymaster")}));
 
   tavikm_host::RestoreBuiltinModules();
   tavikm_host::FailLegacyKeymasterCall(LegacyKeymasterCall::kOpen, 1, -EIO);
@@ -167,45 +187,19 @@ TEST_F(LegacyKeymasterTest, MessagesAreAesCbcUnderTheRecordsKeyAndIv) {
   EXPECT_EQ(buffer, sealed);
 }
 
-TEST_F(LegacyKeymasterTest, AKeymaster0ModuleRefusesMessagesWithoutAWord) {
-  property_set("host.keystore.api_version", "0x0200");
-  Bytes out;
-  EXPECT_EQ(Encrypt(Pattern(32, 1), &out), -1);
-  EXPECT_EQ(Decrypt(Pattern(32, 1), &out), -1);
-  const std::vector<LogLine> per_call = {
-      LogLine::Info("keymaster module name is TAVIKM host keystore"),
-      LogLine::Info("keymaster version is 512"),
-      LogLine::Info("Found keymaster0 module, using keymaster0 API.")};
-  std::vector<LogLine> expected = per_call;
-  expected.insert(expected.end(), per_call.begin(), per_call.end());
-  EXPECT_EQ(log_.Lines(), expected);
-  EXPECT_EQ(tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kClose), 2);
-  EXPECT_EQ(tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kBegin), 0);
-}
-
 TEST_F(LegacyKeymasterTest, EachFailingStepSaysSoExceptADecryptUpdate) {
   struct Case {
     LegacyKeymasterCall call;
     bool encrypt;
-    std::vector<LogLine> lines;
+    const char* line;
   };
   const Case cases[] = {
-      {LegacyKeymasterCall::kBegin,
-       true,
-       {LogLine::Error("Failed to begin cipher for aes enc(err=-48)")}},
-      {LegacyKeymasterCall::kBegin,
-       false,
-       {LogLine::Error("Failed to begin cipher for aes dec(err=-48)")}},
-      {LegacyKeymasterCall::kUpdate,
-       true,
-       {LogLine::Error("Failed to update cipher for aes enc(err=-48)")}},
-      {LegacyKeymasterCall::kUpdate, false, {}},
-      {LegacyKeymasterCall::kFinish,
-       true,
-       {LogLine::Error("Failed to finish cipher for aes enc(err=-48)")}},
-      {LegacyKeymasterCall::kFinish,
-       false,
-       {LogLine::Error("Failed to finish cipher for aes dec(err=-48)")}},
+      {LegacyKeymasterCall::kBegin, true, "Failed to begin cipher for aes enc(err=-48)"},
+      {LegacyKeymasterCall::kBegin, false, "Failed to begin cipher for aes dec(err=-48)"},
+      {LegacyKeymasterCall::kUpdate, true, "Failed to update cipher for aes enc(err=-48)"},
+      {LegacyKeymasterCall::kUpdate, false, nullptr},
+      {LegacyKeymasterCall::kFinish, true, "Failed to finish cipher for aes enc(err=-48)"},
+      {LegacyKeymasterCall::kFinish, false, "Failed to finish cipher for aes dec(err=-48)"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(static_cast<int>(c.call) * 2 + c.encrypt);
@@ -214,21 +208,12 @@ TEST_F(LegacyKeymasterTest, EachFailingStepSaysSoExceptADecryptUpdate) {
     tavikm_host::FailLegacyKeymasterCall(c.call, 1, KM_ERROR_SECURE_HW_BUSY);
     Bytes out;
     EXPECT_EQ(c.encrypt ? Encrypt(Pattern(32, 2), &out) : Decrypt(Pattern(32, 2), &out), -1);
-    EXPECT_EQ(log_.Lines(), AfterOpen(c.lines));
+    EXPECT_EQ(log_.Lines(), c.line ? AfterOpen({LogLine::Error(c.line)}) : kOpenLines);
     EXPECT_EQ(tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kClose), 1);
     // A failed step ends the operation on the device: nothing is aborted.
     EXPECT_EQ(tavikm_host::LegacyKeymasterCallCount(LegacyKeymasterCall::kAbort), 0);
     EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
   }
-}
-
-TEST_F(LegacyKeymasterTest, NoModuleMeansNoMessage) {
-  tavikm_host::FailModuleLookup("keystore", -ENOENT);
-  Bytes out;
-  EXPECT_EQ(Encrypt(Pattern(32, 2), &out), -1);
-  EXPECT_EQ(log_.Lines(),
-            (std::vector<LogLine>{LogLine::Error("could not find any keystore module"),
-                                  LogLine::Error("Failed to init keymaster")}));
 }
 
 // ---- The kek mac ----------------------------------------------------------------------------
@@ -268,20 +253,24 @@ TEST_F(LegacyKeymasterTest, AnyChangedByteFailsVerification) {
   struct Case {
     const char* what;
     uint8_t* byte;
+    bool unterminated_name;  // the name in the message is cut at its field
   };
   const Case cases[] = {
-      {"xtkm_value", &meta_.xtkm_value[0]},
-      {"last used xtkm_value byte", &meta_.xtkm_value[31]},
-      {"kek_mac", &meta_.kek_mac[17]},
-      {"mac_key_enc", &meta_.mac_key_enc[3]},
+      {"xtkm_value", &meta_.xtkm_value[0], false},
+      {"last used xtkm_value byte", &meta_.xtkm_value[31], false},
+      {"kek_mac", &meta_.kek_mac[17], false},
+      {"mac_key_enc", &meta_.mac_key_enc[3], false},
+      {"xtkm_value, unterminated key_name", &meta_.xtkm_value[0], true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     meta_ = good;
     *c.byte ^= 0x01;
+    if (c.unterminated_name) memset(meta_.key_name, 'k', sizeof(meta_.key_name));
+    const std::string name = c.unterminated_name ? std::string(256, 'k') : "userdata";
     log_.Clear();
     EXPECT_EQ(km_verify_HMAC(&meta_), -1);
-    EXPECT_EQ(log_.Lines(), AfterOpen({LogLine::Error("Failed to verify userdata_mac\n")}));
+    EXPECT_EQ(log_.Lines(), AfterOpen({LogLine::Error("Failed to verify " + name + "_mac\n")}));
   }
 }
 
@@ -366,16 +355,6 @@ TEST_F(LegacyKeymasterTest, CorruptLengthsFailInsteadOfReadingOutsideTheRecord) 
   EXPECT_EQ(log_.Lines(),
             (std::vector<LogLine>{LogLine::Error("Failed to encrypt mac key by keymaster"),
                                   LogLine::Error("Failed to decrypt mac key by keymaster")}));
-}
-
-TEST_F(LegacyKeymasterTest, AnUnterminatedKeyNameIsCutAtItsField) {
-  ASSERT_EQ(km_generate_HMAC(&meta_), 0);
-  memset(meta_.key_name, 'k', sizeof(meta_.key_name));
-  meta_.xtkm_value[0] ^= 1;
-  log_.Clear();
-  EXPECT_EQ(km_verify_HMAC(&meta_), -1);
-  EXPECT_EQ(log_.Lines(),
-            AfterOpen({LogLine::Error("Failed to verify " + std::string(256, 'k') + "_mac\n")}));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // Keymaster 4.0 devices that tests put in place of the enumerated ones: a device that passes
-// every call to a software Keymaster and writes down what the library sent (purposes, parameter
-// sets in the order received, key blobs, update inputs), and the means to override single calls.
+// every call to a software Keymaster and writes down what the library sent to upgradeKey, begin
+// and update (purposes, parameters, key blobs, inputs), and the means to override single calls.
 #ifndef TAVIKM_TESTS_KEYMASTER_TEST_DEVICES_H_
 #define TAVIKM_TESTS_KEYMASTER_TEST_DEVICES_H_
 
@@ -30,7 +30,7 @@ using hw::ErrorCode;
 struct ReceivedCall {
   tavikm_host::KeymasterCall call;
   hw::KeyPurpose purpose = hw::KeyPurpose::ENCRYPT;  // begin only
-  std::vector<uint8_t> key;                          // generateKey: none
+  std::vector<uint8_t> key;                          // upgradeKey and begin
   std::vector<hw::KeyParameter> params;              // in the order received
   std::vector<uint8_t> input;                        // update only
 };
@@ -63,7 +63,6 @@ class RecordingKeymaster : public hw::support::Keymaster {
     return inner_->getHardwareInfo(cb);
   }
   Return<void> generateKey(const hidl_vec<hw::KeyParameter>& p, generateKey_cb cb) override {
-    Record(tavikm_host::KeymasterCall::kGenerateKey, {}, p);
     return inner_->generateKey(p, cb);
   }
   Return<void> importKey(const hidl_vec<hw::KeyParameter>& p, hw::KeyFormat f,
@@ -84,10 +83,7 @@ class RecordingKeymaster : public hw::support::Keymaster {
     Record(tavikm_host::KeymasterCall::kUpgradeKey, b, p);
     return inner_->upgradeKey(b, p, cb);
   }
-  Return<ErrorCode> deleteKey(const hidl_vec<uint8_t>& b) override {
-    Record(tavikm_host::KeymasterCall::kDeleteKey, b, {});
-    return inner_->deleteKey(b);
-  }
+  Return<ErrorCode> deleteKey(const hidl_vec<uint8_t>& b) override { return inner_->deleteKey(b); }
   Return<void> begin(hw::KeyPurpose purpose, const hidl_vec<uint8_t>& b,
                      const hidl_vec<hw::KeyParameter>& p, const hw::HardwareAuthToken& a,
                      begin_cb cb) override {
@@ -103,13 +99,9 @@ class RecordingKeymaster : public hw::support::Keymaster {
   Return<void> finish(uint64_t h, const hidl_vec<hw::KeyParameter>& p, const hidl_vec<uint8_t>& i,
                       const hidl_vec<uint8_t>& s, const hw::HardwareAuthToken& a,
                       const hw::VerificationToken& v, finish_cb cb) override {
-    Record(tavikm_host::KeymasterCall::kFinish, {}, p);
     return inner_->finish(h, p, i, s, a, v, cb);
   }
   Return<ErrorCode> abort(uint64_t h) override { return inner_->abort(h); }
-
- protected:
-  hw::support::Keymaster& inner() { return *inner_; }
 
  private:
   ReceivedCall& Record(tavikm_host::KeymasterCall call, const hidl_vec<uint8_t>& key,

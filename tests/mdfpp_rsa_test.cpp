@@ -12,6 +12,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -31,22 +32,6 @@ using ::testing::ElementsAre;
 
 constexpr unsigned int kRsaBits = 2048;
 constexpr unsigned long kExponent = 65537;
-
-// The key parameters, in the order the device must receive them.
-hw::AuthorizationSet RsaKeyParams(unsigned int ratelimit) {
-  hw::AuthorizationSet set;
-  set.push_back(hw::TAG_ALGORITHM, hw::Algorithm::RSA);
-  set.push_back(hw::TAG_KEY_SIZE, kRsaBits);
-  set.push_back(hw::TAG_RSA_PUBLIC_EXPONENT, uint64_t{kExponent});
-  set.push_back(hw::TAG_PURPOSE, hw::KeyPurpose::SIGN);
-  set.push_back(hw::TAG_PURPOSE, hw::KeyPurpose::VERIFY);
-  set.push_back(hw::TAG_DIGEST, hw::Digest::NONE);
-  set.push_back(hw::TAG_PADDING, hw::PaddingMode::NONE);
-  set.push_back(hw::TAG_BLOB_USAGE_REQUIREMENTS, hw::KeyBlobUsageRequirements::STANDALONE);
-  set.push_back(hw::TAG_NO_AUTH_REQUIRED);
-  set.push_back(hw::TAG_MIN_SECONDS_BETWEEN_OPS, ratelimit);
-  return set;
-}
 
 // What the scrypt KDF signs: a zero byte, then data, 256 bytes in all.
 Bytes BindingObject() {
@@ -113,24 +98,12 @@ class MdfppRsaTest : public MdfppTest {
 
 // ---- Key creation ---------------------------------------------------------------------------
 
-TEST_F(MdfppRsaTest, CompatibilityTellsSecureFromSoftwareFromNone) {
-  EXPECT_EQ(keymaster_compatibility_cryptfs_scrypt_mdfpp(), 1);
-  tavikm_host::SetKeymasterDeviceLevels({2, 0});
-  EXPECT_EQ(keymaster_compatibility_cryptfs_scrypt_mdfpp(), 0);
-  tavikm_host::SetKeymasterDeviceLevels({});
-  log_.Clear();
-  EXPECT_EQ(keymaster_compatibility_cryptfs_scrypt_mdfpp(), -1);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{KmError("Failed to initiate keymaster session")}));
-}
-
-TEST_F(MdfppRsaTest, SignsWithTheKeyItMadeAndThePublicHalfVerifies) {
+// The key carries MIN_SECONDS_BETWEEN_OPS: a second signature right away meets the device's
+// rate limit, and the service waits it out.
+TEST_F(MdfppRsaTest, SignsWithTheKeyItMadeAndWaitsOutItsRateLimit) {
   auto received = kmdev::UseOnly<kmdev::RecordingKeymaster>();
   Bytes key = CreateKey(4);
-  auto generated = received->Of(KeymasterCall::kGenerateKey);
-  ASSERT_EQ(generated.size(), 1u);
-  EXPECT_EQ(generated[0].params, ToVector(RsaKeyParams(4)));
-
-  Bytes signature;
+  Bytes signature, again;
   ASSERT_EQ(Sign(key, BindingObject(), &signature, 4), 0);
   EXPECT_EQ(signature.size(), 256u);
   EXPECT_EQ(Recover(key, signature), BindingObject());
@@ -138,44 +111,57 @@ TEST_F(MdfppRsaTest, SignsWithTheKeyItMadeAndThePublicHalfVerifies) {
   ASSERT_EQ(begun.size(), 1u);
   EXPECT_EQ(begun[0].purpose, hw::KeyPurpose::SIGN);
   EXPECT_EQ(begun[0].key, key);
-  hw::AuthorizationSet raw;
-  raw.push_back(hw::TAG_DIGEST, hw::Digest::NONE);
-  raw.push_back(hw::TAG_PADDING, hw::PaddingMode::NONE);
-  EXPECT_EQ(begun[0].params, ToVector(raw));
   EXPECT_TRUE(Sleeps().empty());
   EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), DeviceLine()}));
-}
 
-// The key carries MIN_SECONDS_BETWEEN_OPS: a second signature right away meets the device's
-// rate limit, and the service waits it out.
-TEST_F(MdfppRsaTest, ASecondSignatureWaitsOutTheKeysRateLimit) {
-  Bytes key = CreateKey(1);
-  Bytes first, second;
-  ASSERT_EQ(Sign(key, BindingObject(), &first), 0);
-  ASSERT_EQ(Sign(key, BindingObject(), &second), 0);
-  EXPECT_EQ(Sleeps(), (std::vector<unsigned int>{1}));
+  ASSERT_EQ(Sign(key, BindingObject(), &again, 4), 0);
+  EXPECT_EQ(Sleeps(), (std::vector<unsigned int>{4}));
   EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kBegin), 3);
-  EXPECT_EQ(first, second);  // raw RSA is deterministic
+  EXPECT_EQ(again, signature);  // raw RSA is deterministic
 }
 
+// Without a key there is no size: no device leaves the AES size as it was and clears the RSA
+// one; a refused generation leaves 0. The caller's buffer is never touched.
 TEST_F(MdfppRsaTest, NoKeyNoSize) {
   Bytes buffer(2048, 0xee);
-  unsigned long size = 77;
-  // No device, or a refused generation: the size is 0.
-  tavikm_host::SetKeymasterDeviceLevels({});
-  EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer.data(),
-                                                          buffer.size(), &size),
-            -1);
-  EXPECT_EQ(size, 0u);
-  tavikm_host::ResetKeymaster();
-  size = 77;
-  log_.Clear();
-  EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(3072, kExponent, 1, buffer.data(),
-                                                          buffer.size(), &size),
-            -1);
-  EXPECT_EQ(size, 0u);
-  EXPECT_EQ(log_.Lines(),
-            (std::vector<LogLine>{DeviceLine(), KmError("generate_key failed, code -6")}));
+  struct Case {
+    const char* name;
+    std::function<int(unsigned long*)> create;
+    unsigned long without_device;
+  };
+  const Case cases[] = {
+      {"rsa",
+       [&](unsigned long* size) {
+         return keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer.data(),
+                                                              buffer.size(), size);
+       },
+       0},
+      {"aes",
+       [&](unsigned long* size) {
+         unsigned int n = static_cast<unsigned int>(*size);
+         int rc = keymaster_create_aes_key_for_mdfpp(buffer.data(), buffer.size(), &n);
+         *size = n;
+         return rc;
+       },
+       77},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    tavikm_host::SetKeymasterDeviceLevels({});
+    unsigned long size = 77;
+    log_.Clear();
+    EXPECT_EQ(c.create(&size), -1);
+    EXPECT_EQ(size, c.without_device);
+    tavikm_host::SetKeymasterDeviceLevels({1});
+    tavikm_host::FailKeymasterCall(KeymasterCall::kGenerateKey, 1, ErrorCode::UNSUPPORTED_KEY_SIZE);
+    size = 77;
+    EXPECT_EQ(c.create(&size), -1);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(log_.Lines(),
+              (std::vector<LogLine>{KmError("Failed to initiate keymaster session"), DeviceLine(),
+                                    KmError("generate_key failed, code -6")}));
+    EXPECT_EQ(buffer, Bytes(2048, 0xee));
+  }
 }
 
 // ---- Upgrade --------------------------------------------------------------------------------
@@ -204,38 +190,12 @@ TEST_F(MdfppRsaTest, AKeyThatNeedsAnUpgradeIsUpgradedInPlaceAndSignsAgain) {
   auto upgrades = received->Of(KeymasterCall::kUpgradeKey);
   ASSERT_EQ(upgrades.size(), 1u);
   EXPECT_EQ(upgrades[0].key, old_key);
-  EXPECT_EQ(upgrades[0].params, ToVector(RsaKeyParams(1)));
   Bytes new_key(blob.begin(), blob.begin() + size);
   EXPECT_NE(new_key, old_key);
   EXPECT_EQ(Bytes(blob.begin() + size, blob.end()), Bytes(blob.size() - size, 0));
 
   ASSERT_EQ(Sign(new_key, BindingObject(), &signature), 0);
   EXPECT_EQ(Recover(new_key, signature), BindingObject());
-}
-
-TEST_F(MdfppRsaTest, NoUpgradeNoSize) {
-  Bytes key = CreateKey();
-  property_set("ro.build.version.security_patch", "2027-04-01");
-  unsigned long size = 77;
-  Bytes buffer(2048, 0xee);
-  tavikm_host::SetKeymasterDeviceLevels({});
-  EXPECT_EQ(
-      keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, key.data(), key.size(),
-                                                     buffer.data(), buffer.size(), &size),
-      -1);
-  EXPECT_EQ(size, 0u);
-  tavikm_host::ResetKeymaster();
-  tavikm_host::FailKeymasterTransport(KeymasterCall::kUpgradeKey, 1, "no reply");
-  size = 77;
-  log_.Clear();
-  EXPECT_EQ(
-      keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, key.data(), key.size(),
-                                                     buffer.data(), buffer.size(), &size),
-      -1);
-  EXPECT_EQ(size, 0u);
-  EXPECT_EQ(log_.Lines(),
-            (std::vector<LogLine>{DeviceLine(), KmError("upgrade_key failed: Status("
-                                                        "EX_TRANSACTION_FAILED): 'no reply'")}));
 }
 
 // ---- The caller's buffer: one rule for each service that fills one --------------------------
@@ -247,12 +207,7 @@ class DestinationTest : public MdfppRsaTest, public ::testing::WithParamInterfac
   void SetUp() override {
     MdfppRsaTest::SetUp();
     if (GetParam() == Filler::kRsaUpgrade) key_ = CreateKey();
-    if (GetParam() == Filler::kAesUpgrade) {
-      key_.resize(2048);
-      unsigned int n = 0;
-      ASSERT_EQ(keymaster_create_aes_key_for_mdfpp(key_.data(), key_.size(), &n), 0);
-      key_.resize(n);
-    }
+    if (GetParam() == Filler::kAesUpgrade) key_ = CreateAesKey();
     property_set("ro.build.version.security_patch", "2027-04-01");
     log_.Clear();
   }
@@ -323,8 +278,8 @@ INSTANTIATE_TEST_SUITE_P(EachService, DestinationTest,
                          ::testing::Values(Filler::kRsaCreate, Filler::kRsaUpgrade,
                                            Filler::kAesUpgrade));
 
-// Both upgrade services, in place as the records call them, when the device does not hand back a
-// new blob: the record's blob and its length must stay as they were.
+// Both upgrade services, in place as the records call them, when no new blob comes back: the
+// record's blob and its length must stay as they were.
 TEST_F(MdfppRsaTest, AnUpgradeWithoutANewBlobLeavesTheRecordsBlobAlone) {
   using Upgrade = int (*)(Bytes * blob, unsigned long* size);
   struct Service {
@@ -333,10 +288,6 @@ TEST_F(MdfppRsaTest, AnUpgradeWithoutANewBlobLeavesTheRecordsBlobAlone) {
     Upgrade upgrade;
     bool clears_size_first;
   };
-  Bytes aes(2048);
-  unsigned int aes_size = 0;
-  ASSERT_EQ(keymaster_create_aes_key_for_mdfpp(aes.data(), aes.size(), &aes_size), 0);
-  aes.resize(aes_size);
   const Service services[] = {
       {"scrypt", CreateKey(),
        [](Bytes* blob, unsigned long* size) {
@@ -344,7 +295,7 @@ TEST_F(MdfppRsaTest, AnUpgradeWithoutANewBlobLeavesTheRecordsBlobAlone) {
              kRsaBits, kExponent, 1, blob->data(), *size, blob->data(), blob->size(), size);
        },
        true},
-      {"pbkdf2", aes,
+      {"pbkdf2", CreateAesKey(),
        [](Bytes* blob, unsigned long* size) {
          return keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(blob->data(), *size, blob->data(),
                                                                blob->size(), size);
@@ -354,70 +305,53 @@ TEST_F(MdfppRsaTest, AnUpgradeWithoutANewBlobLeavesTheRecordsBlobAlone) {
   struct Device {
     const char* what;
     const char* patch;
-    bool scripted;  // OK with no blob although the key needs an upgrade
+    std::function<void()> arrange;
     bool empty_answer;
-    LogLine line;
+    std::vector<LogLine> lines;
   };
+  const std::vector<LogLine> empty = {DeviceLine(), KmError("Upgraded key blob is empty")};
   const Device devices[] = {
-      {"a current key", "2026-11-05", false, true, KmError("Upgraded key blob is empty")},
-      {"a device with nothing to do", "2027-04-01", true, true,
-       KmError("Upgraded key blob is empty")},
-      {"a key from a newer system", "2026-01-05", false, false,
-       KmError("upgrade_key failed, code -38")},
+      {"a current key", "2026-11-05", [] {}, true, empty},
+      // OK with no blob although the key needs an upgrade.
+      {"a device with nothing to do", "2027-04-01",
+       [] { tavikm_host::FailKeymasterCall(KeymasterCall::kUpgradeKey, 1, ErrorCode::OK); }, true,
+       empty},
+      {"a key from a newer system",
+       "2026-01-05",
+       [] {},
+       false,
+       {DeviceLine(), KmError("upgrade_key failed, code -38")}},
+      {"a refused upgrade",
+       "2027-04-01",
+       [] {
+         tavikm_host::FailKeymasterCall(KeymasterCall::kUpgradeKey, 1, ErrorCode::INVALID_KEY_BLOB);
+       },
+       false,
+       {DeviceLine(), KmError("upgrade_key failed, code -33")}},
+      // Last: no device from here on.
+      {"no device",
+       "2027-04-01",
+       [] { tavikm_host::SetKeymasterDeviceLevels({}); },
+       false,
+       {KmError("Failed to initiate keymaster session")}},
   };
-  for (const Service& service : services) {
-    for (const Device& device : devices) {
+  for (const Device& device : devices) {
+    for (const Service& service : services) {
       SCOPED_TRACE(std::string(service.name) + ", " + device.what);
       Bytes record(2048, 0);
       std::copy(service.key.begin(), service.key.end(), record.begin());
       unsigned long size = service.key.size();
       const Bytes before = record;
       property_set("ro.build.version.security_patch", device.patch);
-      if (device.scripted) {
-        tavikm_host::FailKeymasterCall(KeymasterCall::kUpgradeKey, 1, ErrorCode::OK);
-      }
+      device.arrange();
       log_.Clear();
       EXPECT_EQ(service.upgrade(&record, &size), -1);
       EXPECT_EQ(record, before);
-      EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), device.line}));
+      EXPECT_EQ(log_.Lines(), device.lines);
       // The scrypt upgrade clears the size first, and puts it back for an empty answer only.
       EXPECT_EQ(size, service.clears_size_first && !device.empty_answer ? 0u : service.key.size());
     }
   }
-}
-
-// A device that takes none of the input: the operation is aborted, not fed again for ever, and
-// the service fails at its sending step with nothing handed out.
-TEST_F(MdfppRsaTest, ADeviceThatTakesNoInputFailsTheSendingStep) {
-  Bytes rsa = CreateKey(0);
-  Bytes aes(2048);
-  unsigned int aes_size = 0;
-  ASSERT_EQ(keymaster_create_aes_key_for_mdfpp(aes.data(), aes.size(), &aes_size), 0);
-  aes.resize(aes_size);
-  const Bytes nonce(12, 1), object = BindingObject();
-  tavikm_host::SetKeymasterUpdateLimit(0);
-  log_.Clear();
-
-  Bytes signature;
-  EXPECT_EQ(Sign(rsa, object, &signature, 0), -1);
-  unsigned char* out = nullptr;
-  unsigned int out_size = 0;
-  for (auto service : {keymaster_encrypt_object_for_mdfpp, keymaster_decrypt_object_for_mdfpp}) {
-    unsigned long unused = 0;
-    EXPECT_EQ(service(aes.data(), aes.size(), nonce.data(), nonce.size(), 1, object.data(),
-                      object.size(), &out, &out_size, nullptr, 0, &unused),
-              -1);
-    EXPECT_EQ(out, nullptr);
-  }
-  EXPECT_EQ(
-      log_.Lines(),
-      (std::vector<LogLine>{
-          DeviceLine(), KmError("Error sending data to keymaster signature transaction: 0"),
-          DeviceLine(), KmError("Error sending data to keymaster encryption transaction: 0"),
-          DeviceLine(), KmError("Error sending data to keymaster decryption transaction: 0")}));
-  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kUpdate), 3);
-  EXPECT_EQ(tavikm_host::KeymasterAbortedHandles().size(), 3u);
-  EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
 }
 
 // ---- Signing failures -----------------------------------------------------------------------
@@ -451,33 +385,63 @@ TEST_F(MdfppRsaTest, SigningFailuresNameTheirStep) {
   EXPECT_EQ(tavikm_host::KeymasterOpenOperations(), 0u);
 }
 
-TEST_F(MdfppRsaTest, SigningArgumentsAndSessionAreChecked) {
-  Bytes key = CreateKey(), object = BindingObject();
+// Every service opens its session before it looks at its pointers: a missing one costs the
+// device line and an "Invalid argument" naming the service's source, and no Keymaster call.
+// Without a device only the session failure is said. Nothing is handed out either way.
+TEST_F(MdfppRsaTest, ArgumentsAreCheckedOnceTheSessionIsOpen) {
+  const Bytes key(64, 1), object = BindingObject(), nonce(12, 1);
+  unsigned char buffer[16];
   unsigned char* out = nullptr;
-  unsigned long size = 0;
-  log_.Clear();
-  EXPECT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(nullptr, key.size(), 1, object.data(),
-                                                           object.size(), &out, &size),
-            -1);
-  EXPECT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(key.data(), key.size(), 1, nullptr,
-                                                           object.size(), &out, &size),
-            -1);
-  EXPECT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(key.data(), key.size(), 1, object.data(),
-                                                           object.size(), nullptr, &size),
-            -1);
-  EXPECT_EQ(keymaster_sign_object_for_cryptfs_scrypt_mdfpp(key.data(), key.size(), 1, object.data(),
-                                                           object.size(), &out, nullptr),
-            -1);
-  auto invalid = InvalidArgumentFrom("mdfpp/sign.cpp");
-  EXPECT_THAT(log_.Lines(), ElementsAre(DeviceLine(), invalid, DeviceLine(), invalid, DeviceLine(),
-                                        invalid, DeviceLine(), invalid));
+  unsigned int size = 77;
+  unsigned long signature_size = 77;
+  struct Case {
+    const char* source;
+    std::function<int()> call;
+  };
+  std::vector<Case> cases = {
+      {"mdfpp/aes_key.cpp",
+       [&] { return keymaster_create_aes_key_for_mdfpp(nullptr, sizeof(buffer), &size); }},
+      {"mdfpp/aes_key.cpp",
+       [&] { return keymaster_create_aes_key_for_mdfpp(buffer, sizeof(buffer), nullptr); }},
+  };
+  // The key, the object, the output and its size, each missing in turn.
+  for (int missing = 0; missing < 4; ++missing) {
+    const unsigned char* k = missing == 0 ? nullptr : key.data();
+    const unsigned char* o = missing == 1 ? nullptr : object.data();
+    unsigned char** b = missing == 2 ? nullptr : &out;
+    for (auto* service : {keymaster_encrypt_object_for_mdfpp, keymaster_decrypt_object_for_mdfpp}) {
+      cases.push_back({"mdfpp/object_crypto.cpp", [&, k, o, b, missing, service] {
+                         return service(k, key.size(), nonce.data(), nonce.size(), 1, o,
+                                        object.size(), b, missing == 3 ? nullptr : &size, nullptr,
+                                        0, nullptr);
+                       }});
+    }
+    cases.push_back({"mdfpp/sign.cpp", [&, k, o, b, missing] {
+                       return keymaster_sign_object_for_cryptfs_scrypt_mdfpp(
+                           k, key.size(), 1, o, object.size(), b,
+                           missing == 3 ? nullptr : &signature_size);
+                     }});
+  }
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.source);
+    log_.Clear();
+    EXPECT_EQ(c.call(), -1);
+    EXPECT_THAT(log_.Lines(), ElementsAre(DeviceLine(), InvalidArgumentFrom(c.source)));
+  }
+  EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kGenerateKey), 0);
   EXPECT_EQ(tavikm_host::KeymasterCallCount(KeymasterCall::kBegin), 0);
 
   tavikm_host::SetKeymasterDeviceLevels({});
-  log_.Clear();
-  Bytes signature;
-  EXPECT_EQ(Sign(key, object, &signature), -1);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{KmError("Failed to initiate keymaster session")}));
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.source);
+    log_.Clear();
+    EXPECT_EQ(c.call(), -1);
+    EXPECT_EQ(log_.Lines(),
+              (std::vector<LogLine>{KmError("Failed to initiate keymaster session")}));
+  }
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(size, 77u);
+  EXPECT_EQ(signature_size, 77u);
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 // What the Keymaster service tests share: virtual Keymaster time (so a key's rate limit really
-// runs out without waiting), the expected log lines, and the parameter sets the services are
-// meant to send.
+// runs out without waiting), an AES key, and the expected log lines.
 #ifndef TAVIKM_TESTS_MDFPP_TEST_UTIL_H_
 #define TAVIKM_TESTS_MDFPP_TEST_UTIL_H_
 
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <keymasterV4_0/authorization_set.h>
 #include <stdint.h>
 
@@ -14,6 +14,7 @@
 #include "keymaster_test_devices.h"
 #include "support/device_env.h"
 #include "support/virtual_time.h"
+#include "tavikm_keymaster.h"
 
 namespace tavikm_test::mdfpp {
 
@@ -27,6 +28,15 @@ class MdfppTest : public DeviceTest {
   // The seconds of every sleep() the library asked for since the fixture began.
   std::vector<unsigned int> Sleeps() const { return time_.Sleeps(); }
 
+  // An AES key from the service.
+  Bytes CreateAesKey() {
+    Bytes key(2048, 0);
+    unsigned int size = 0;
+    EXPECT_EQ(keymaster_create_aes_key_for_mdfpp(key.data(), key.size(), &size), 0);
+    key.resize(size);
+    return key;
+  }
+
   VirtualKeymasterTime time_;
 };
 
@@ -36,22 +46,35 @@ inline LogLine KmInfo(const std::string& text) {
 inline LogLine KmError(const std::string& text) {
   return LogLine::Base(android::base::ERROR, "Keymaster", text);
 }
+
 // The line a session opened on the default device logs.
-LogLine DeviceLine();
+inline LogLine DeviceLine() {
+  return KmInfo(
+      "Using HostKeymasterDevice from TAVIKM host platform for encryption.  Security level: "
+      "TRUSTED_ENVIRONMENT, HAL: android.hardware.keymaster@4.0::IKeymasterDevice/default");
+}
 
 // Matches the ":Invalid argument" line of `source` ("mdfpp/sign.cpp"): the source path, the
 // line number, then ":Invalid argument".
-::testing::Matcher<const LogLine&> InvalidArgumentFrom(const std::string& source);
-
-// The parameters the device received, in order, as comparable sets.
-inline hw::AuthorizationSet Params(const kmdev::ReceivedCall& call) {
-  hw::AuthorizationSet set;
-  for (const hw::KeyParameter& p : call.params) set.push_back(p);
-  return set;
+inline ::testing::Matcher<const LogLine&> InvalidArgumentFrom(const std::string& source) {
+  using ::testing::Field;
+  std::string escaped;
+  for (char c : source) {
+    if (c == '.') escaped += '\\';
+    escaped += c;
+  }
+  return ::testing::AllOf(
+      Field(&LogLine::source, LogLine::Source::kLibbase), Field(&LogLine::file, "Keymaster"),
+      Field(&LogLine::priority, 6),
+      Field(&LogLine::text,
+            ::testing::MatchesRegex("(.*/)?" + escaped + ":[0-9]+:Invalid argument")));
 }
-std::vector<hw::KeyParameter> ToVector(const hw::AuthorizationSet& set);
 
-Bytes Pattern(size_t size, uint8_t start = 1);
+inline Bytes Pattern(size_t size, uint8_t start = 1) {
+  Bytes b(size);
+  for (size_t i = 0; i < size; ++i) b[i] = static_cast<uint8_t>(start + 13 * i);
+  return b;
+}
 
 }  // namespace tavikm_test::mdfpp
 

