@@ -120,48 +120,33 @@ TEST_F(MdfppRsaTest, SignsWithTheKeyItMadeAndWaitsOutItsRateLimit) {
   EXPECT_EQ(again, signature);  // raw RSA is deterministic
 }
 
-// Without a key there is no size: no device leaves the AES size as it was and clears the RSA
-// one; a refused generation leaves 0. The caller's buffer is never touched.
+// Without a key there is no size: no device clears the RSA size (the AES service leaves its size
+// alone then, see ArgumentsAreCheckedOnceTheSessionIsOpen), a refused generation leaves 0 in
+// both. The caller's buffer is never touched.
 TEST_F(MdfppRsaTest, NoKeyNoSize) {
   Bytes buffer(2048, 0xee);
-  struct Case {
-    const char* name;
-    std::function<int(unsigned long*)> create;
-    unsigned long without_device;
-  };
-  const Case cases[] = {
-      {"rsa",
-       [&](unsigned long* size) {
-         return keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer.data(),
-                                                              buffer.size(), size);
-       },
-       0},
-      {"aes",
-       [&](unsigned long* size) {
-         unsigned int n = static_cast<unsigned int>(*size);
-         int rc = keymaster_create_aes_key_for_mdfpp(buffer.data(), buffer.size(), &n);
-         *size = n;
-         return rc;
-       },
-       77},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    tavikm_host::SetKeymasterDeviceLevels({});
-    unsigned long size = 77;
-    log_.Clear();
-    EXPECT_EQ(c.create(&size), -1);
-    EXPECT_EQ(size, c.without_device);
-    tavikm_host::SetKeymasterDeviceLevels({1});
-    tavikm_host::FailKeymasterCall(KeymasterCall::kGenerateKey, 1, ErrorCode::UNSUPPORTED_KEY_SIZE);
-    size = 77;
-    EXPECT_EQ(c.create(&size), -1);
-    EXPECT_EQ(size, 0u);
-    EXPECT_EQ(log_.Lines(),
-              (std::vector<LogLine>{KmError("Failed to initiate keymaster session"), DeviceLine(),
-                                    KmError("generate_key failed, code -6")}));
-    EXPECT_EQ(buffer, Bytes(2048, 0xee));
-  }
+  unsigned long size = 77;
+  unsigned int aes_size = 77;
+  tavikm_host::SetKeymasterDeviceLevels({});
+  EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer.data(),
+                                                          buffer.size(), &size),
+            -1);
+  EXPECT_EQ(size, 0u);
+  tavikm_host::SetKeymasterDeviceLevels({1});
+  tavikm_host::FailKeymasterCall(KeymasterCall::kGenerateKey, 1, ErrorCode::UNSUPPORTED_KEY_SIZE);
+  tavikm_host::FailKeymasterCall(KeymasterCall::kGenerateKey, 2, ErrorCode::UNSUPPORTED_KEY_SIZE);
+  size = 77;
+  log_.Clear();
+  EXPECT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, buffer.data(),
+                                                          buffer.size(), &size),
+            -1);
+  EXPECT_EQ(keymaster_create_aes_key_for_mdfpp(buffer.data(), buffer.size(), &aes_size), -1);
+  EXPECT_EQ(size, 0u);
+  EXPECT_EQ(aes_size, 0u);
+  EXPECT_EQ(log_.Lines(),
+            (std::vector<LogLine>{DeviceLine(), KmError("generate_key failed, code -6"),
+                                  DeviceLine(), KmError("generate_key failed, code -6")}));
+  EXPECT_EQ(buffer, Bytes(2048, 0xee));
 }
 
 // ---- Upgrade --------------------------------------------------------------------------------
@@ -307,33 +292,24 @@ TEST_F(MdfppRsaTest, AnUpgradeWithoutANewBlobLeavesTheRecordsBlobAlone) {
     const char* patch;
     std::function<void()> arrange;
     bool empty_answer;
-    std::vector<LogLine> lines;
+    const char* line;  // after the session's line, if there is a session
   };
-  const std::vector<LogLine> empty = {DeviceLine(), KmError("Upgraded key blob is empty")};
+  const auto as_is = [] {};
+  const auto script = [](ErrorCode e) {
+    return [e] { tavikm_host::FailKeymasterCall(KeymasterCall::kUpgradeKey, 1, e); };
+  };
+  const char* const kEmpty = "Upgraded key blob is empty";
+  const char* const kNoSession = "Failed to initiate keymaster session";
   const Device devices[] = {
-      {"a current key", "2026-11-05", [] {}, true, empty},
+      {"a current key", "2026-11-05", as_is, true, kEmpty},
       // OK with no blob although the key needs an upgrade.
-      {"a device with nothing to do", "2027-04-01",
-       [] { tavikm_host::FailKeymasterCall(KeymasterCall::kUpgradeKey, 1, ErrorCode::OK); }, true,
-       empty},
-      {"a key from a newer system",
-       "2026-01-05",
-       [] {},
-       false,
-       {DeviceLine(), KmError("upgrade_key failed, code -38")}},
-      {"a refused upgrade",
-       "2027-04-01",
-       [] {
-         tavikm_host::FailKeymasterCall(KeymasterCall::kUpgradeKey, 1, ErrorCode::INVALID_KEY_BLOB);
-       },
-       false,
-       {DeviceLine(), KmError("upgrade_key failed, code -33")}},
+      {"nothing to do", "2027-04-01", script(ErrorCode::OK), true, kEmpty},
+      {"a key from a newer system", "2026-01-05", as_is, false, "upgrade_key failed, code -38"},
+      {"refused", "2027-04-01", script(ErrorCode::INVALID_KEY_BLOB), false,
+       "upgrade_key failed, code -33"},
       // Last: no device from here on.
-      {"no device",
-       "2027-04-01",
-       [] { tavikm_host::SetKeymasterDeviceLevels({}); },
-       false,
-       {KmError("Failed to initiate keymaster session")}},
+      {"no device", "2027-04-01", [] { tavikm_host::SetKeymasterDeviceLevels({}); }, false,
+       kNoSession},
   };
   for (const Device& device : devices) {
     for (const Service& service : services) {
@@ -347,7 +323,9 @@ TEST_F(MdfppRsaTest, AnUpgradeWithoutANewBlobLeavesTheRecordsBlobAlone) {
       log_.Clear();
       EXPECT_EQ(service.upgrade(&record, &size), -1);
       EXPECT_EQ(record, before);
-      EXPECT_EQ(log_.Lines(), device.lines);
+      std::vector<LogLine> lines{KmError(device.line)};
+      if (device.line != kNoSession) lines.insert(lines.begin(), DeviceLine());
+      EXPECT_EQ(log_.Lines(), lines);
       // The scrypt upgrade clears the size first, and puts it back for an empty answer only.
       EXPECT_EQ(size, service.clears_size_first && !device.empty_answer ? 0u : service.key.size());
     }
