@@ -31,9 +31,11 @@ class SecureStorageTest : public DeviceTest {
  protected:
   void SetUp() override { ASSERT_EQ(property_set("ro.product.tavi.support_mdfpp", "true"), 0); }
 
-  // A read that answers `result`, reports `length` and copies `image` (at most the capacity).
+  // A read that answers `result`, reports `length` and copies `image` (at most the capacity,
+  // which it keeps in capacity_).
   void ScriptRead(int result, uint64_t length, const km_meta* image = nullptr) {
     script_->read = [=](const char*, uint8_t* buffer, uint64_t* size) {
+      capacity_ = *size;
       if (image) memcpy(buffer, image, std::min<uint64_t>(*size, sizeof(*image)));
       *size = length;
       return result;
@@ -41,6 +43,7 @@ class SecureStorageTest : public DeviceTest {
   }
 
   ScopedKmstoreScript script_;
+  uint64_t capacity_ = 0;
 
   static LogLine KeyLoc(const std::string& name) {
     return LogLine::Error("key_loc=" + name + ", 0\n");
@@ -72,6 +75,7 @@ TEST_F(SecureStorageTest, ReadResultsAndStoredLengths) {
   ScriptRead(0, KM_META_SIZE, &current);
   EXPECT_EQ(km_get_km_meta("a", 0, &read), 0);
   EXPECT_EQ(memcmp(&read, &current, sizeof(read)), 0);
+  EXPECT_EQ(capacity_, uint64_t{KM_META_SIZE});  // the read asks for exactly one record
 
   log_.Clear();
   ScriptRead(-5, KM_META_SIZE);
@@ -80,15 +84,6 @@ TEST_F(SecureStorageTest, ReadResultsAndStoredLengths) {
                               KeyLoc("a"),
                               LogLine::Error("Failed to read metadata from Secure Storage\n"),
                           }));
-
-  // The read asks for exactly one record's worth.
-  uint64_t capacity = 0;
-  script_->read = [&](const char*, uint8_t*, uint64_t* size) {
-    capacity = *size;
-    return 1;
-  };
-  km_get_km_meta("a", 0, &read);
-  EXPECT_EQ(capacity, uint64_t{KM_META_SIZE});
 }
 
 TEST_F(SecureStorageTest, WriteFailure) {
