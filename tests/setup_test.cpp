@@ -109,7 +109,9 @@ TEST_F(InitMetaTest, ScryptFactorsComeFromTheirPropertyOrTheDefaults) {
   }
 }
 
-TEST_F(InitMetaTest, Pbkdf2RekWithoutTheFlagHasAKeyAndIvsButNoKek) {
+// Type 4 always gets a Keymaster key and random IVs; the KEK, with its MAC, is kept in the record
+// only under the REK_KEK flag.
+TEST_F(InitMetaTest, Pbkdf2RekKeepsAMacedKekOnlyUnderItsFlag) {
   ASSERT_EQ(km_init_km_meta(&meta_, "name", 32, KM_KDF_PBKDF2_REK), 0);
   EXPECT_GT(meta_.km_key_blob_size, 0u);
   EXPECT_FALSE(AllZero(meta_.object_iv, 16));
@@ -118,9 +120,7 @@ TEST_F(InitMetaTest, Pbkdf2RekWithoutTheFlagHasAKeyAndIvsButNoKek) {
   EXPECT_EQ(meta_.xtkm_value_size, 0u);
   EXPECT_EQ(meta_.mac_key_size, 0u);
   EXPECT_EQ(meta_.N_factor, 0);
-}
 
-TEST_F(InitMetaTest, Pbkdf2RekWithTheFlagKeepsAMacedKekInTheRecord) {
   property_set("ro.product.tavi.support_rek_kek", "true");
   ASSERT_EQ(km_init_km_meta(&meta_, "name", 32, KM_KDF_PBKDF2_REK), 0);
   EXPECT_FALSE(AllZero(meta_.xtkm_value, 32));
@@ -162,18 +162,6 @@ TEST_F(SetupTest, LogsItsStepsAndStoresAtOffsetZero) {
   EXPECT_EQ(memcmp(file.data(), &meta_, sizeof(meta_)), 0);
   EXPECT_FALSE(AllZero(meta_.salt, 16));
   EXPECT_TRUE(AllZero(meta_.key_iv, 16));  // types other than 4 leave it zero
-}
-
-TEST_F(SetupTest, InCbcOnlyModeTheRecordCarriesThePasswordMac) {
-  property_set("ro.product.tavi.support_cbc_only", "true");
-  ASSERT_EQ(km_initial_setup(path_.c_str(), kPassword, strlen(kPassword), master_key_, 32,
-                             KM_KDF_PBKDF2, &meta_),
-            0);
-  uint8_t mac[32];
-  ASSERT_EQ(km_get_key_mac_by_password(meta_.master_key, meta_.salt, kPassword, strlen(kPassword),
-                                       mac, &meta_),
-            0);
-  EXPECT_EQ(memcmp(mac, meta_.key_mac, 32), 0);
 }
 
 TEST_F(SetupTest, NothingIsStoredWhenWrappingFails) {
