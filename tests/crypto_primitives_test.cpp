@@ -19,6 +19,7 @@ namespace {
 
 using tavikm_test::LogCapture;
 using tavikm_test::LogLine;
+using Lines = std::vector<LogLine>;
 using Bytes = std::vector<uint8_t>;
 
 using KeyBytes = std::unique_ptr<uint8_t, decltype(&free)>;
@@ -57,7 +58,7 @@ TEST_F(CryptoPrimitivesTest, HexTextRefusalsKeepTheBytesConvertedSoFar) {
     size_t size = 99;
     EXPECT_EQ(km_convert_hex_ascii_to_key(c.text, &size), nullptr);
     EXPECT_EQ(size, c.size_after);
-    EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{LogLine::Error(c.message)}));
+    EXPECT_EQ(log_.Lines(), (Lines{LogLine::Error(c.message)}));
   }
 }
 
@@ -99,12 +100,10 @@ TEST_F(CryptoPrimitivesTest, AesRefusesKeysOtherThan16Or32Bytes) {
               -1);
     EXPECT_EQ(km_aes_encrypt(in.data(), 32, key.data(), key_len, iv.data(), out.data(), 0), -1);
     EXPECT_EQ(km_aes_decrypt(in.data(), 32, key.data(), key_len, iv.data(), out.data(), 0), -1);
-    EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                                LogLine::Error("(km_aes_gcm_encrypt)Invalid keysize " + size),
-                                LogLine::Error("(km_aes_gcm_decrypt)Invalid keysize " + size),
-                                LogLine::Error("(km_aes_encrypt)Invalid keysize " + size),
-                                LogLine::Error("(km_aes_decrypt)Invalid keysize " + size),
-                            }));
+    EXPECT_EQ(log_.Lines(), (Lines{LogLine::Error("(km_aes_gcm_encrypt)Invalid keysize " + size),
+                                   LogLine::Error("(km_aes_gcm_decrypt)Invalid keysize " + size),
+                                   LogLine::Error("(km_aes_encrypt)Invalid keysize " + size),
+                                   LogLine::Error("(km_aes_decrypt)Invalid keysize " + size)}));
   }
 }
 
@@ -142,10 +141,9 @@ TEST_F(CryptoPrimitivesTest, CbcPadsOnlyWhenTheSwitchIsOne) {
     log_.Clear();
     EXPECT_EQ(km_aes_encrypt(plain.data(), 20, key.data(), 16, iv.data(), out.data(), padding), -1);
     EXPECT_EQ(km_aes_decrypt(plain.data(), 20, key.data(), 16, iv.data(), out.data(), padding), -1);
-    EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                                LogLine::Error("(km_aes_encrypt)Failed to EVP_EncryptFinal_ex\n"),
-                                LogLine::Error("(km_aes_decrypt)Failed to EVP_DecryptFinal_ex\n"),
-                            }));
+    EXPECT_EQ(log_.Lines(),
+              (Lines{LogLine::Error("(km_aes_encrypt)Failed to EVP_EncryptFinal_ex\n"),
+                     LogLine::Error("(km_aes_decrypt)Failed to EVP_DecryptFinal_ex\n")}));
   }
 }
 

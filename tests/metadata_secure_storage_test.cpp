@@ -18,6 +18,8 @@
 namespace tavikm_test {
 namespace {
 
+using Lines = std::vector<LogLine>;
+
 km_meta MakeRecord(uint8_t fill, uint16_t major = KM_META_MAJOR_VERSION) {
   km_meta meta;
   memset(&meta, fill, sizeof(meta));
@@ -62,7 +64,7 @@ TEST_F(SecureStorageTest, PutGetDeleteRoundTripThroughTheDevice) {
   EXPECT_EQ(km_delete_meta("userdata", 0), 0);
   EXPECT_EQ(km_get_km_meta("userdata", 0, &read), 1);
   EXPECT_EQ(km_delete_meta("userdata", 0), 0);  // nothing left to remove is not an error
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{KeyLoc("userdata"), KeyLoc("userdata")}));
+  EXPECT_EQ(log_.Lines(), (Lines{KeyLoc("userdata"), KeyLoc("userdata")}));
 }
 
 TEST_F(SecureStorageTest, ReadResultsAndStoredLengths) {
@@ -80,10 +82,8 @@ TEST_F(SecureStorageTest, ReadResultsAndStoredLengths) {
   log_.Clear();
   ScriptRead(-5, KM_META_SIZE);
   EXPECT_EQ(km_get_km_meta("a", 0, &read), -1);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              KeyLoc("a"),
-                              LogLine::Error("Failed to read metadata from Secure Storage\n"),
-                          }));
+  EXPECT_EQ(log_.Lines(),
+            (Lines{KeyLoc("a"), LogLine::Error("Failed to read metadata from Secure Storage\n")}));
 }
 
 TEST_F(SecureStorageTest, WriteFailure) {
@@ -92,9 +92,8 @@ TEST_F(SecureStorageTest, WriteFailure) {
   EXPECT_EQ(km_put_km_meta("a", 0, &meta), -1);
   script_->write = [](const char*, const uint8_t*, uint64_t) { return 1; };
   EXPECT_EQ(km_put_km_meta("a", 0, &meta), 0);  // only a negative result fails
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              LogLine::Error("Filed to store metadata to TZ Secure Storage\n"),
-                          }));
+  EXPECT_EQ(log_.Lines(),
+            (Lines{LogLine::Error("Filed to store metadata to TZ Secure Storage\n")}));
 }
 
 TEST_F(SecureStorageTest, DeleteLooksOnlyAtANegativeResult) {
@@ -109,10 +108,8 @@ TEST_F(SecureStorageTest, DeleteLooksOnlyAtANegativeResult) {
     return -1;
   };
   EXPECT_EQ(km_delete_meta("gone", 0), -1);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              LogLine::Error("Failed to Remove Key file : gone"),
-                              LogLine::Error("Error::Permission denied"),
-                          }));
+  EXPECT_EQ(log_.Lines(), (Lines{LogLine::Error("Failed to Remove Key file : gone"),
+                                 LogLine::Error("Error::Permission denied")}));
 }
 
 }  // namespace

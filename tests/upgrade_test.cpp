@@ -21,6 +21,8 @@
 namespace tavikm_test {
 namespace {
 
+using Lines = std::vector<LogLine>;
+
 constexpr char kName[] = "userdata";
 
 class UpgradeTest : public DeviceTest {
@@ -100,11 +102,8 @@ TEST_F(UpgradeTest, ShortGenerationsAreReportedAndReadWithAZeroTail) {
     EXPECT_EQ(memcmp(&read, &old_, c.length), 0);
     for (size_t i = c.length; i < sizeof(read); ++i)
       ASSERT_EQ(reinterpret_cast<uint8_t*>(&read)[i], 0) << i;
-    EXPECT_EQ(Liblog(), (std::vector<LogLine>{
-                            LogLine::Error("key_loc=userdata, 0\n"),
-                            LogLine::Info("Different size of meta"),
-                            LogLine::Info(c.message),
-                        }));
+    EXPECT_EQ(Liblog(), (Lines{LogLine::Error("key_loc=userdata, 0\n"),
+                               LogLine::Info("Different size of meta"), LogLine::Info(c.message)}));
     EXPECT_EQ(Entry(kName).size(), c.length);  // only reported, not rewritten
   }
 }
@@ -135,7 +134,7 @@ TEST_F(UpgradeTest, The2592GenerationIsRewrittenOnceAtFullLength) {
 
     log_.Clear();
     ASSERT_EQ(km_get_km_meta(kName, 0, &read), 0);
-    EXPECT_EQ(Liblog(), std::vector<LogLine>{LogLine::Error("key_loc=userdata, 0\n")});
+    EXPECT_EQ(Liblog(), Lines{LogLine::Error("key_loc=userdata, 0\n")});
   }
 }
 
@@ -156,11 +155,10 @@ TEST_F(UpgradeTest, OtherLengthsAreRefused) {
       km_meta read;
       log_.Clear();
       EXPECT_EQ(km_get_km_meta(kName, 0, &read), -1);
-      EXPECT_EQ(Liblog(), (std::vector<LogLine>{
-                              LogLine::Error("key_loc=userdata, 0\n"),
-                              LogLine::Info("Different size of meta"),
-                              LogLine::Error("Stored meta data size is strange try again later"),
-                          }));
+      EXPECT_EQ(
+          Liblog(),
+          (Lines{LogLine::Error("key_loc=userdata, 0\n"), LogLine::Info("Different size of meta"),
+                 LogLine::Error("Stored meta data size is strange try again later")}));
     }
     script_->read = nullptr;
   }
@@ -198,10 +196,8 @@ TEST_F(UpgradeTest, AMissingKekEntryFailsAndRewritesNothing) {
   km_meta read;
   log_.Clear();
   EXPECT_EQ(km_get_km_meta(kName, 0, &read), -1);
-  EXPECT_EQ(Liblog(), (std::vector<LogLine>{
-                          LogLine::Error("key_loc=userdata, 0\n"),
-                          LogLine::Error("Failed to read kek_rek from Secure Storage\n"),
-                      }));
+  EXPECT_EQ(Liblog(), (Lines{LogLine::Error("key_loc=userdata, 0\n"),
+                             LogLine::Error("Failed to read kek_rek from Secure Storage\n")}));
   EXPECT_EQ(Entry(kName), before);
   EXPECT_EQ(tavikm_host::KeymasterCallCount(tavikm_host::KeymasterCall::kGenerateKey), 0);
 }
@@ -220,8 +216,8 @@ TEST_F(UpgradeTest, AFailedFinalDeleteLeavesACurrentRecordBesideTheStaleEntry) {
   std::vector<LogLine> lines = Liblog();
   ASSERT_GE(lines.size(), 2u);
   EXPECT_EQ(std::vector<LogLine>(lines.end() - 2, lines.end()),
-            (std::vector<LogLine>{LogLine::Error("Failed to Remove Key file : userdata_kek"),
-                                  LogLine::Error("Error::Device or resource busy")}));
+            (Lines{LogLine::Error("Failed to Remove Key file : userdata_kek"),
+                   LogLine::Error("Error::Device or resource busy")}));
   EXPECT_TRUE(HasEntry("userdata_kek"));
 
   // The next read finds a current record and leaves the stale entry alone.
