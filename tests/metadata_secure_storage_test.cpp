@@ -18,6 +18,8 @@
 namespace tavikm_test {
 namespace {
 
+using Lines = std::vector<LogLine>;
+
 km_meta MakeRecord(uint8_t fill, uint16_t major = KM_META_MAJOR_VERSION) {
   km_meta meta;
   memset(&meta, fill, sizeof(meta));
@@ -31,9 +33,11 @@ class SecureStorageTest : public DeviceTest {
  protected:
   void SetUp() override { ASSERT_EQ(property_set("ro.product.tavi.support_mdfpp", "true"), 0); }
 
-  // A read that answers `result`, reports `length` and copies `image` (at most the capacity).
+  // A read that answers `result`, reports `length` and copies `image` (at most the capacity,
+  // which it keeps in capacity_).
   void ScriptRead(int result, uint64_t length, const km_meta* image = nullptr) {
     script_->read = [=](const char*, uint8_t* buffer, uint64_t* size) {
+      capacity_ = *size;
       if (image) memcpy(buffer, image, std::min<uint64_t>(*size, sizeof(*image)));
       *size = length;
       return result;
@@ -41,6 +45,7 @@ class SecureStorageTest : public DeviceTest {
   }
 
   ScopedKmstoreScript script_;
+  uint64_t capacity_ = 0;
 
   static LogLine KeyLoc(const std::string& name) {
     return LogLine::Error("key_loc=" + name + ", 0\n");
@@ -59,7 +64,7 @@ TEST_F(SecureStorageTest, PutGetDeleteRoundTripThroughTheDevice) {
   EXPECT_EQ(km_delete_meta("userdata", 0), 0);
   EXPECT_EQ(km_get_km_meta("userdata", 0, &read), 1);
   EXPECT_EQ(km_delete_meta("userdata", 0), 0);  // nothing left to remove is not an error
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{KeyLoc("userdata"), KeyLoc("userdata")}));
+  EXPECT_EQ(log_.Lines(), (Lines{KeyLoc("userdata"), KeyLoc("userdata")}));
 }
 
 TEST_F(SecureStorageTest, ReadResultsAndStoredLengths) {
@@ -72,23 +77,13 @@ TEST_F(SecureStorageTest, ReadResultsAndStoredLengths) {
   ScriptRead(0, KM_META_SIZE, &current);
   EXPECT_EQ(km_get_km_meta("a", 0, &read), 0);
   EXPECT_EQ(memcmp(&read, &current, sizeof(read)), 0);
+  EXPECT_EQ(capacity_, uint64_t{KM_META_SIZE});  // the read asks for exactly one record
 
   log_.Clear();
   ScriptRead(-5, KM_META_SIZE);
   EXPECT_EQ(km_get_km_meta("a", 0, &read), -1);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              KeyLoc("a"),
-                              LogLine::Error("Failed to read metadata from Secure Storage\n"),
-                          }));
-
-  // The read asks for exactly one record's worth.
-  uint64_t capacity = 0;
-  script_->read = [&](const char*, uint8_t*, uint64_t* size) {
-    capacity = *size;
-    return 1;
-  };
-  km_get_km_meta("a", 0, &read);
-  EXPECT_EQ(capacity, uint64_t{KM_META_SIZE});
+  EXPECT_EQ(log_.Lines(),
+            (Lines{KeyLoc("a"), LogLine::Error("Failed to read metadata from Secure Storage\n")}));
 }
 
 TEST_F(SecureStorageTest, WriteFailure) {
@@ -97,9 +92,8 @@ TEST_F(SecureStorageTest, WriteFailure) {
   EXPECT_EQ(km_put_km_meta("a", 0, &meta), -1);
   script_->write = [](const char*, const uint8_t*, uint64_t) { return 1; };
   EXPECT_EQ(km_put_km_meta("a", 0, &meta), 0);  // only a negative result fails
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              LogLine::Error("Filed to store metadata to TZ Secure Storage\n"),
-                          }));
+  EXPECT_EQ(log_.Lines(),
+            (Lines{LogLine::Error("Filed to store metadata to TZ Secure Storage\n")}));
 }
 
 TEST_F(SecureStorageTest, DeleteLooksOnlyAtANegativeResult) {
@@ -114,10 +108,8 @@ TEST_F(SecureStorageTest, DeleteLooksOnlyAtANegativeResult) {
     return -1;
   };
   EXPECT_EQ(km_delete_meta("gone", 0), -1);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              LogLine::Error("Failed to Remove Key file : gone"),
-                              LogLine::Error("Error::Permission denied"),
-                          }));
+  EXPECT_EQ(log_.Lines(), (Lines{LogLine::Error("Failed to Remove Key file : gone"),
+                                 LogLine::Error("Error::Permission denied")}));
 }
 
 }  // namespace

@@ -18,6 +18,8 @@
 namespace tavikm_test {
 namespace {
 
+using Lines = std::vector<LogLine>;
+
 constexpr char kPassword[] = "setup password";
 
 bool AllZero(const uint8_t* p, size_t n) {
@@ -63,10 +65,8 @@ TEST_F(InitMetaTest, WithTheMdfppFlagTheDefaultNeedsNoProbe) {
   std::vector<LogLine> liblog;
   for (const LogLine& line : log_.Lines())
     if (line.source == LogLine::Source::kLiblog) liblog.push_back(line);
-  EXPECT_EQ(liblog, (std::vector<LogLine>{
-                        LogLine::SystemError("Failed to generate a aes key"),
-                        LogLine::Error("Failed to create aes key from keymaster"),
-                    }));
+  EXPECT_EQ(liblog, (Lines{LogLine::SystemError("Failed to generate a aes key"),
+                           LogLine::Error("Failed to create aes key from keymaster")}));
 }
 
 TEST_F(InitMetaTest, TypesThatNoRecordIsCreatedWithAreRefused) {
@@ -74,8 +74,8 @@ TEST_F(InitMetaTest, TypesThatNoRecordIsCreatedWithAreRefused) {
     SCOPED_TRACE(type);
     log_.Clear();
     ASSERT_EQ(km_init_km_meta(&meta_, "name", 16, type), -1);
-    EXPECT_EQ(log_.Lines(), std::vector<LogLine>{LogLine::Error("Unknown KDF type : " +
-                                                                std::to_string(type & 0xff))});
+    EXPECT_EQ(log_.Lines(),
+              Lines{LogLine::Error("Unknown KDF type : " + std::to_string(type & 0xff))});
     // What was set before the check stays.
     EXPECT_EQ(meta_.magic, KM_META_MAGIC);
     EXPECT_EQ(meta_.keysize, 16u);
@@ -103,13 +103,14 @@ TEST_F(InitMetaTest, ScryptFactorsComeFromTheirPropertyOrTheDefaults) {
     ASSERT_EQ(km_init_km_meta(&meta_, "name", 32, KM_KDF_SCRYPT), 0);
     EXPECT_EQ((std::vector<int>{meta_.N_factor, meta_.r_factor, meta_.p_factor}),
               (std::vector<int>{15, 3, 1}));
-    EXPECT_EQ(log_.Lines(),
-              std::vector<LogLine>{LogLine::Warning(std::string("bad scrypt parameters '") + bad +
-                                                    "' should be like '12:8:1'; using defaults")});
+    EXPECT_EQ(log_.Lines(), Lines{LogLine::Warning(std::string("bad scrypt parameters '") + bad +
+                                                   "' should be like '12:8:1'; using defaults")});
   }
 }
 
-TEST_F(InitMetaTest, Pbkdf2RekWithoutTheFlagHasAKeyAndIvsButNoKek) {
+// Type 4 always gets a Keymaster key and random IVs; the KEK, with its MAC, is kept in the record
+// only under the REK_KEK flag.
+TEST_F(InitMetaTest, Pbkdf2RekKeepsAMacedKekOnlyUnderItsFlag) {
   ASSERT_EQ(km_init_km_meta(&meta_, "name", 32, KM_KDF_PBKDF2_REK), 0);
   EXPECT_GT(meta_.km_key_blob_size, 0u);
   EXPECT_FALSE(AllZero(meta_.object_iv, 16));
@@ -118,9 +119,7 @@ TEST_F(InitMetaTest, Pbkdf2RekWithoutTheFlagHasAKeyAndIvsButNoKek) {
   EXPECT_EQ(meta_.xtkm_value_size, 0u);
   EXPECT_EQ(meta_.mac_key_size, 0u);
   EXPECT_EQ(meta_.N_factor, 0);
-}
 
-TEST_F(InitMetaTest, Pbkdf2RekWithTheFlagKeepsAMacedKekInTheRecord) {
   property_set("ro.product.tavi.support_rek_kek", "true");
   ASSERT_EQ(km_init_km_meta(&meta_, "name", 32, KM_KDF_PBKDF2_REK), 0);
   EXPECT_FALSE(AllZero(meta_.xtkm_value, 32));
@@ -152,28 +151,14 @@ TEST_F(SetupTest, LogsItsStepsAndStoresAtOffsetZero) {
   ASSERT_EQ(km_initial_setup(path_.c_str(), kPassword, strlen(kPassword), master_key_, 32,
                              KM_KDF_PBKDF2, &meta_),
             0);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              LogLine::Info("Key manager meta data initial setup start!!\n"),
-                              LogLine::Info("Using pbkdf2 for KDF"),
-                              LogLine::Info("Key manager meta dta initial setup end!!\n"),
-                          }));
+  EXPECT_EQ(log_.Lines(), (Lines{LogLine::Info("Key manager meta data initial setup start!!\n"),
+                                 LogLine::Info("Using pbkdf2 for KDF"),
+                                 LogLine::Info("Key manager meta dta initial setup end!!\n")}));
   std::vector<uint8_t> file = ReadFile(path_);
   ASSERT_EQ(file.size(), 16384u);
   EXPECT_EQ(memcmp(file.data(), &meta_, sizeof(meta_)), 0);
   EXPECT_FALSE(AllZero(meta_.salt, 16));
   EXPECT_TRUE(AllZero(meta_.key_iv, 16));  // types other than 4 leave it zero
-}
-
-TEST_F(SetupTest, InCbcOnlyModeTheRecordCarriesThePasswordMac) {
-  property_set("ro.product.tavi.support_cbc_only", "true");
-  ASSERT_EQ(km_initial_setup(path_.c_str(), kPassword, strlen(kPassword), master_key_, 32,
-                             KM_KDF_PBKDF2, &meta_),
-            0);
-  uint8_t mac[32];
-  ASSERT_EQ(km_get_key_mac_by_password(meta_.master_key, meta_.salt, kPassword, strlen(kPassword),
-                                       mac, &meta_),
-            0);
-  EXPECT_EQ(memcmp(mac, meta_.key_mac, 32), 0);
 }
 
 TEST_F(SetupTest, NothingIsStoredWhenWrappingFails) {
@@ -219,14 +204,12 @@ TEST_F(SetupTest, RefusesMissingArguments) {
   EXPECT_EQ(km_initial_setup(nullptr, kPassword, 1, master_key_, 32, 1, &meta_), -1);
   EXPECT_EQ(km_initial_setup(path_.c_str(), kPassword, 1, master_key_, 32, 1, nullptr), -1);
   EXPECT_EQ(km_initial_setup(path_.c_str(), kPassword, 1, master_key_, 32, 3, &meta_), -1);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{
-                              LogLine::Error("km_initial_setup::Failed, key_loc is NULL! \n"),
-                              LogLine::Info("Key manager meta data initial setup start!!\n"),
-                              LogLine::Error("km_meta is Null!!\n"),
-                              LogLine::Info("Key manager meta data initial setup start!!\n"),
-                              LogLine::Error("Unknown KDF type : 3"),
-                              LogLine::Error("Failed to init km_meta\n"),
-                          }));
+  EXPECT_EQ(log_.Lines(), (Lines{LogLine::Error("km_initial_setup::Failed, key_loc is NULL! \n"),
+                                 LogLine::Info("Key manager meta data initial setup start!!\n"),
+                                 LogLine::Error("km_meta is Null!!\n"),
+                                 LogLine::Info("Key manager meta data initial setup start!!\n"),
+                                 LogLine::Error("Unknown KDF type : 3"),
+                                 LogLine::Error("Failed to init km_meta\n")}));
 }
 
 TEST_F(SetupTest, AKekOf24BytesFailsInTheRekStep) {
