@@ -55,7 +55,8 @@ class KeymasterFaultsTest : public DeviceTest {
 
   // The same on the legacy device, with the library's CBC parameters.
   Answer LegacyUpdateOnce(keymaster1_device_t* km1) {
-    CbcParams params(Bytes(16, 2));
+    const Bytes iv(16, 2);  // the parameters refer to it
+    CbcParams params(iv);
     keymaster_key_blob_t key = {key_.data(), key_.size()};
     keymaster_operation_handle_t handle = 0;
     int error = km1->begin(km1, KM_PURPOSE_ENCRYPT, &key, &params.set, nullptr, &handle);

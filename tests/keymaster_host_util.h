@@ -182,7 +182,7 @@ inline hw::AuthorizationSetBuilder RsaSigningKey(uint32_t min_seconds_between_op
   return params;
 }
 
-// The library's GCM operation parameters with a caller nonce.
+// The library's GCM operation parameters with a caller nonce (referred to, not copied).
 inline hw::AuthorizationSetBuilder GcmParams(const Bytes& nonce) {
   hw::AuthorizationSetBuilder params;
   params.Authorization(hw::TAG_BLOCK_MODE, hw::BlockMode::GCM)
@@ -204,7 +204,8 @@ inline Step GcmRun(hw::IKeymasterDevice& km, hw::KeyPurpose purpose, const Bytes
   return finish;
 }
 
-// The parameters the library's legacy message encryption passes: AES, no padding, CBC, the IV.
+// The parameters the library's legacy message encryption passes: AES, no padding, CBC, the IV
+// (referred to, not copied).
 struct CbcParams {
   explicit CbcParams(const Bytes& iv)
       : params{keymaster_param_enum(KM_TAG_ALGORITHM, KM_ALGORITHM_AES),
