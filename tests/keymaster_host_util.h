@@ -107,17 +107,14 @@ inline BlobResult Export(hw::IKeymasterDevice& km, const Bytes& blob,
 struct Begun {
   ErrorCode error = ErrorCode::UNKNOWN_ERROR;
   uint64_t handle = 0;
-  hw::AuthorizationSet out;
 };
 
 inline Begun Begin(hw::IKeymasterDevice& km, hw::KeyPurpose purpose, const Bytes& blob,
                    const hw::AuthorizationSet& params) {
   Begun result;
   ExpectOk(km.begin(purpose, View(blob), params.hidl_data(), hw::HardwareAuthToken(),
-                    [&](ErrorCode error, const hidl_vec<hw::KeyParameter>& out, uint64_t handle) {
-                      result.error = error;
-                      result.out = out;
-                      result.handle = handle;
+                    [&](ErrorCode error, const hidl_vec<hw::KeyParameter>&, uint64_t handle) {
+                      result = {error, handle};
                     }));
   return result;
 }
