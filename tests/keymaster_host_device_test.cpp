@@ -258,6 +258,7 @@ TEST_F(KeymasterDeviceTest, AnyOtherSystemNeedsAnUpgradeWhichNeverGoesBackExcept
     uint32_t version = 0, patchlevel = 0;
   };
   const Case cases[] = {
+      {"14", "2027-01-05", ErrorCode::OK, 140000, 202701},  // the patch alone
       {"15", "2026-11-05", ErrorCode::OK, 150000, 202611},
       {"14.0.1", "2027-01-05", ErrorCode::OK, 140001, 202701},
       {"13", "2026-11-05", ErrorCode::INVALID_ARGUMENT},
