@@ -34,16 +34,15 @@ class DeviceDirTest : public ::testing::Test {
   TempDeviceDir outer_;  // restores the environment afterwards
 };
 
-TEST_F(DeviceDirTest, CreatedPrivateOnFirstUseFromTheEnvironment) {
+TEST_F(DeviceDirTest, CreatedPrivateOnFirstUseFromTheEnvironmentXdgOrHome) {
   std::string dir = outer_.Path("nested/device");
   setenv("TAVIKM_DEVICE_DIR", dir.c_str(), 1);
   EXPECT_EQ(tavikm_host::DeviceDir(), dir);
   struct stat st;
   ASSERT_EQ(stat(dir.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0700u);
-}
 
-TEST_F(DeviceDirTest, FallsBackToTheXdgStateFolderThenHome) {
+  // Without it: the XDG state folder, then the home folder's.
   unsetenv("TAVIKM_DEVICE_DIR");
   std::string saved_home = getenv("HOME") ? getenv("HOME") : "";
   setenv("XDG_STATE_HOME", outer_.Path("state").c_str(), 1);
@@ -55,11 +54,6 @@ TEST_F(DeviceDirTest, FallsBackToTheXdgStateFolderThenHome) {
 }
 
 class PropertiesTest : public DeviceTest {};
-
-TEST_F(PropertiesTest, AbsentPropertiesGiveTheDefault) {
-  EXPECT_EQ(Get("no.such.key"), "");
-  EXPECT_EQ(Get("no.such.key", "fallback"), "fallback");
-}
 
 TEST_F(PropertiesTest, BuildPropLinesAreParsedAsTheDeviceWould) {
   device_.WriteBuildProp(
@@ -82,6 +76,7 @@ TEST_F(PropertiesTest, BuildPropLinesAreParsedAsTheDeviceWould) {
   EXPECT_EQ(Get("ro.equals"), "a=b");
   EXPECT_EQ(Get("# comment"), "");
   EXPECT_EQ(Get("ro.too.long", "def"), "def");
+  EXPECT_EQ(Get("no.such.key"), "");
 }
 
 TEST_F(PropertiesTest, LoadedOnceAndOverriddenBySet) {
@@ -165,6 +160,14 @@ class KmstoreModuleTest : public DeviceTest {
     return dev_->read(name.c_str(), reinterpret_cast<uint8_t*>(data->data()), stored);
   }
 
+  // What is stored under `name`, or the read's answer when it is not 0.
+  std::string Content(const std::string& name) {
+    std::string data;
+    uint64_t stored = 0;
+    int rc = Read(name, 64, &data, &stored);
+    return rc ? "read " + std::to_string(rc) : data.substr(0, stored);
+  }
+
   std::set<std::string> Files() {
     std::set<std::string> names;
     for (auto& e : std::filesystem::directory_iterator(device_.Path("kmstore")))
@@ -176,32 +179,23 @@ class KmstoreModuleTest : public DeviceTest {
 };
 
 TEST_F(KmstoreModuleTest, ReadCopiesAtMostTheCapacityAndReportsTheStoredLength) {
-  ASSERT_EQ(Write("entry", "0123456789"), 0);
+  ASSERT_EQ(Write("entry", "long first image"), 0);
+  ASSERT_EQ(Write("entry", "0123456789"), 0);  // replaces
   std::string data;
   uint64_t stored = 0;
   EXPECT_EQ(Read("entry", 4, &data, &stored), 0);
   EXPECT_EQ(data, "0123");
   EXPECT_EQ(stored, 10u);
   EXPECT_EQ(Read("entry", 16, &data, &stored), 0);
-  EXPECT_EQ(data.substr(0, 10), "0123456789");
-  EXPECT_EQ(data.substr(10), std::string(6, '\0'));
+  EXPECT_EQ(data, std::string("0123456789") + std::string(6, '\0'));
   EXPECT_EQ(stored, 10u);
 
-  // An absent entry answers 1 and leaves the length as it was.
+  // An absent entry answers 1 and leaves the length as it was; remove says whether there was one.
   EXPECT_EQ(Read("absent", 2704, &data, &stored), 1);
   EXPECT_EQ(stored, 2704u);
-}
-
-TEST_F(KmstoreModuleTest, WriteReplacesAndRemoveReportsWhetherThereWasAnything) {
-  ASSERT_EQ(Write("entry", "long first image"), 0);
-  ASSERT_EQ(Write("entry", "short"), 0);
-  std::string data;
-  uint64_t stored = 0;
-  EXPECT_EQ(Read("entry", 64, &data, &stored), 0);
-  EXPECT_EQ(stored, 5u);
   EXPECT_EQ(dev_->remove("entry"), 0);
   EXPECT_EQ(dev_->remove("entry"), 1);
-  EXPECT_EQ(Read("entry", 64, &data, &stored), 1);
+  EXPECT_EQ(Content("entry"), "read 1");
 }
 
 TEST_F(KmstoreModuleTest, AnyNameMapsToItsOwnSafeFile) {
@@ -220,12 +214,7 @@ TEST_F(KmstoreModuleTest, AnyNameMapsToItsOwnSafeFile) {
       std::string(300, 'x') + "y",
   };
   for (size_t i = 0; i < names.size(); ++i) ASSERT_EQ(Write(names[i], std::to_string(i)), 0) << i;
-  for (size_t i = 0; i < names.size(); ++i) {
-    std::string data;
-    uint64_t stored = 0;
-    ASSERT_EQ(Read(names[i], 8, &data, &stored), 0) << i;
-    EXPECT_EQ(data.substr(0, stored), std::to_string(i)) << i;
-  }
+  for (size_t i = 0; i < names.size(); ++i) EXPECT_EQ(Content(names[i]), std::to_string(i)) << i;
   std::set<std::string> files = Files();
   EXPECT_EQ(files.size(), names.size());  // distinct, and all inside kmstore/
   for (const std::string& f : files) {
@@ -248,16 +237,11 @@ TEST_F(KmstoreModuleTest, AWriteInterruptedBeforeTheRenameLeavesTheOldImage) {
   tavikm_host::SetKmstoreBeforeRenameHook({});
 
   EXPECT_EQ(hooked, (std::vector<std::string>{"entry", "fresh"}));
-  std::string data;
-  uint64_t stored = 0;
-  EXPECT_EQ(Read("entry", 64, &data, &stored), 0);
-  EXPECT_EQ(data.substr(0, stored), "old image");
-  EXPECT_EQ(Read("fresh", 64, &data, &stored), 1);
+  EXPECT_EQ(Content("entry"), "old image");
+  EXPECT_EQ(Content("fresh"), "read 1");
   EXPECT_EQ(Files(), std::set<std::string>{tavikm_host::KmstoreEntryFileName("entry")});
-
   ASSERT_EQ(Write("entry", "new image"), 0);
-  EXPECT_EQ(Read("entry", 64, &data, &stored), 0);
-  EXPECT_EQ(data.substr(0, stored), "new image");
+  EXPECT_EQ(Content("entry"), "new image");
 }
 
 TEST_F(KmstoreModuleTest, OfTwoWritersCreatingOneEntryOnlyOneSucceeds) {
@@ -272,10 +256,7 @@ TEST_F(KmstoreModuleTest, OfTwoWritersCreatingOneEntryOnlyOneSucceeds) {
   });
   EXPECT_EQ(Write("entry", "first"), -EEXIST);
   tavikm_host::SetKmstoreBeforeRenameHook({});
-  std::string data;
-  uint64_t stored = 0;
-  EXPECT_EQ(Read("entry", 64, &data, &stored), 0);
-  EXPECT_EQ(data.substr(0, stored), "second");
+  EXPECT_EQ(Content("entry"), "second");
   EXPECT_EQ(Files(), std::set<std::string>{tavikm_host::KmstoreEntryFileName("entry")});
 }
 
@@ -284,10 +265,8 @@ TEST_F(KmstoreModuleTest, OnlyRegularFilesAreReadAsEntriesOrProperties) {
   ASSERT_EQ(Write("probe", "x"), 0);
   ASSERT_EQ(mkfifo(device_.Path("kmstore/e-fifo").c_str(), 0600), 0);
   ASSERT_EQ(mkdir(device_.Path("kmstore/e-dir").c_str(), 0700), 0);
-  std::string data;
-  uint64_t stored = 0;
-  EXPECT_EQ(Read("fifo", 64, &data, &stored), -EINVAL);
-  EXPECT_EQ(Read("dir", 64, &data, &stored), -EINVAL);
+  EXPECT_EQ(Content("fifo"), "read " + std::to_string(-EINVAL));
+  EXPECT_EQ(Content("dir"), "read " + std::to_string(-EINVAL));
 
   ASSERT_EQ(mkfifo(device_.Path("build.prop").c_str(), 0600), 0);
   tavikm_host::ResetProperties();
@@ -297,9 +276,7 @@ TEST_F(KmstoreModuleTest, OnlyRegularFilesAreReadAsEntriesOrProperties) {
 TEST_F(KmstoreModuleTest, EntriesFollowTheCurrentDeviceDirectory) {
   ASSERT_EQ(Write("entry", "first device"), 0);
   TempDeviceDir other;
-  std::string data;
-  uint64_t stored = 0;
-  EXPECT_EQ(Read("entry", 64, &data, &stored), 1);
+  EXPECT_EQ(Content("entry"), "read 1");
   ASSERT_EQ(Write("entry", "second device"), 0);
   EXPECT_TRUE(std::filesystem::exists(other.Path("kmstore/e-entry")));
 }

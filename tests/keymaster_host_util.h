@@ -1,6 +1,6 @@
 // Shorthands for the host Keymaster tests: synchronous wrappers that turn the HAL's callbacks
-// into return values (checking that each transport succeeded and each callback ran once), and
-// the key and operation parameter sets the library uses.
+// into return values (checking that each transport succeeded), and the key and operation
+// parameter sets the library uses.
 #ifndef TAVIKM_TESTS_KEYMASTER_HOST_UTIL_H_
 #define TAVIKM_TESTS_KEYMASTER_HOST_UTIL_H_
 
@@ -13,6 +13,7 @@
 
 #include <android/hardware/keymaster/4.0/IKeymasterDevice.h>
 #include <gtest/gtest.h>
+#include <hardware/keymaster_defs.h>
 #include <keymasterV4_0/Keymaster.h>
 #include <keymasterV4_0/authorization_set.h>
 
@@ -52,101 +53,69 @@ inline KeymasterPtr FirstDevice() {
   return std::move(devices[0]);
 }
 
+// Every wrapper checks the call's transport.
+inline void ExpectOk(const ::android::hardware::details::return_status& rc) {
+  EXPECT_TRUE(rc.isOk()) << rc.description();
+}
+
 struct KeyResult {
   ErrorCode error = ErrorCode::UNKNOWN_ERROR;
   Bytes blob;
   hw::KeyCharacteristics characteristics;
+  auto Callback() {
+    return [this](ErrorCode e, const hidl_vec<uint8_t>& b, const hw::KeyCharacteristics& c) {
+      *this = {e, ToBytes(b), c};
+    };
+  }
 };
 
 inline KeyResult Generate(hw::IKeymasterDevice& km, const hw::AuthorizationSet& params) {
   KeyResult result;
-  int calls = 0;
-  auto rc = km.generateKey(params.hidl_data(), [&](ErrorCode error, const hidl_vec<uint8_t>& blob,
-                                                   const hw::KeyCharacteristics& chars) {
-    ++calls;
-    result.error = error;
-    result.blob = ToBytes(blob);
-    result.characteristics = chars;
-  });
-  EXPECT_TRUE(rc.isOk()) << rc.description();
-  EXPECT_EQ(calls, 1);
+  ExpectOk(km.generateKey(params.hidl_data(), result.Callback()));
   return result;
 }
 
 inline KeyResult Import(hw::IKeymasterDevice& km, const hw::AuthorizationSet& params,
                         const Bytes& raw_key) {
   KeyResult result;
-  auto rc = km.importKey(
-      params.hidl_data(), hw::KeyFormat::RAW, View(raw_key),
-      [&](ErrorCode error, const hidl_vec<uint8_t>& blob, const hw::KeyCharacteristics& chars) {
-        result.error = error;
-        result.blob = ToBytes(blob);
-        result.characteristics = chars;
-      });
-  EXPECT_TRUE(rc.isOk()) << rc.description();
+  ExpectOk(km.importKey(params.hidl_data(), hw::KeyFormat::RAW, View(raw_key), result.Callback()));
   return result;
 }
 
 struct BlobResult {
   ErrorCode error = ErrorCode::UNKNOWN_ERROR;
   Bytes blob;
+  auto Callback() {
+    return [this](ErrorCode e, const hidl_vec<uint8_t>& b) { *this = {e, ToBytes(b)}; };
+  }
 };
 
 inline BlobResult Upgrade(hw::IKeymasterDevice& km, const Bytes& blob,
                           const hw::AuthorizationSet& params = {}) {
   BlobResult result;
-  auto rc = km.upgradeKey(View(blob), params.hidl_data(),
-                          [&](ErrorCode error, const hidl_vec<uint8_t>& upgraded) {
-                            result.error = error;
-                            result.blob = ToBytes(upgraded);
-                          });
-  EXPECT_TRUE(rc.isOk()) << rc.description();
+  ExpectOk(km.upgradeKey(View(blob), params.hidl_data(), result.Callback()));
   return result;
 }
 
 inline BlobResult Export(hw::IKeymasterDevice& km, const Bytes& blob,
                          hw::KeyFormat format = hw::KeyFormat::X509) {
   BlobResult result;
-  auto rc = km.exportKey(format, View(blob), {}, {},
-                         [&](ErrorCode error, const hidl_vec<uint8_t>& material) {
-                           result.error = error;
-                           result.blob = ToBytes(material);
-                         });
-  EXPECT_TRUE(rc.isOk()) << rc.description();
-  return result;
-}
-
-inline hw::KeyCharacteristics Characteristics(hw::IKeymasterDevice& km, const Bytes& blob,
-                                              ErrorCode* error) {
-  hw::KeyCharacteristics result;
-  auto rc = km.getKeyCharacteristics(View(blob), {}, {},
-                                     [&](ErrorCode e, const hw::KeyCharacteristics& chars) {
-                                       *error = e;
-                                       result = chars;
-                                     });
-  EXPECT_TRUE(rc.isOk()) << rc.description();
+  ExpectOk(km.exportKey(format, View(blob), {}, {}, result.Callback()));
   return result;
 }
 
 struct Begun {
   ErrorCode error = ErrorCode::UNKNOWN_ERROR;
   uint64_t handle = 0;
-  hw::AuthorizationSet out;
 };
 
 inline Begun Begin(hw::IKeymasterDevice& km, hw::KeyPurpose purpose, const Bytes& blob,
                    const hw::AuthorizationSet& params) {
   Begun result;
-  int calls = 0;
-  auto rc = km.begin(purpose, View(blob), params.hidl_data(), hw::HardwareAuthToken(),
-                     [&](ErrorCode error, const hidl_vec<hw::KeyParameter>& out, uint64_t handle) {
-                       ++calls;
-                       result.error = error;
-                       result.out = out;
-                       result.handle = handle;
-                     });
-  EXPECT_TRUE(rc.isOk()) << rc.description();
-  EXPECT_EQ(calls, 1);
+  ExpectOk(km.begin(purpose, View(blob), params.hidl_data(), hw::HardwareAuthToken(),
+                    [&](ErrorCode error, const hidl_vec<hw::KeyParameter>&, uint64_t handle) {
+                      result = {error, handle};
+                    }));
   return result;
 }
 
@@ -156,32 +125,24 @@ struct Step {
   Bytes output;
 };
 
-inline Step Update(hw::IKeymasterDevice& km, uint64_t handle, const Bytes& input,
-                   const hw::AuthorizationSet& params = {}) {
+inline Step Update(hw::IKeymasterDevice& km, uint64_t handle, const Bytes& input) {
   Step result;
-  auto rc = km.update(handle, params.hidl_data(), View(input), hw::HardwareAuthToken(),
-                      hw::VerificationToken(),
-                      [&](ErrorCode error, uint32_t consumed, const hidl_vec<hw::KeyParameter>&,
-                          const hidl_vec<uint8_t>& output) {
-                        result.error = error;
-                        result.consumed = consumed;
-                        result.output = ToBytes(output);
-                      });
-  EXPECT_TRUE(rc.isOk()) << rc.description();
+  ExpectOk(km.update(handle, {}, View(input), hw::HardwareAuthToken(), hw::VerificationToken(),
+                     [&](ErrorCode error, uint32_t consumed, const hidl_vec<hw::KeyParameter>&,
+                         const hidl_vec<uint8_t>& output) {
+                       result = {error, consumed, ToBytes(output)};
+                     }));
   return result;
 }
 
 inline Step Finish(hw::IKeymasterDevice& km, uint64_t handle, const Bytes& input = {},
-                   const Bytes& signature = {}, const hw::AuthorizationSet& params = {}) {
+                   const Bytes& signature = {}) {
   Step result;
-  auto rc = km.finish(
-      handle, params.hidl_data(), View(input), View(signature), hw::HardwareAuthToken(),
-      hw::VerificationToken(),
+  ExpectOk(km.finish(
+      handle, {}, View(input), View(signature), hw::HardwareAuthToken(), hw::VerificationToken(),
       [&](ErrorCode error, const hidl_vec<hw::KeyParameter>&, const hidl_vec<uint8_t>& output) {
-        result.error = error;
-        result.output = ToBytes(output);
-      });
-  EXPECT_TRUE(rc.isOk()) << rc.description();
+        result = {error, 0, ToBytes(output)};
+      }));
   return result;
 }
 
@@ -218,11 +179,11 @@ inline hw::AuthorizationSetBuilder RsaSigningKey(uint32_t min_seconds_between_op
   return params;
 }
 
-// GCM operation parameters with a caller nonce.
-inline hw::AuthorizationSetBuilder GcmParams(const Bytes& nonce, uint32_t mac_bits = 128) {
+// The library's GCM operation parameters with a caller nonce (referred to, not copied).
+inline hw::AuthorizationSetBuilder GcmParams(const Bytes& nonce) {
   hw::AuthorizationSetBuilder params;
   params.Authorization(hw::TAG_BLOCK_MODE, hw::BlockMode::GCM)
-      .Authorization(hw::TAG_MAC_LENGTH, mac_bits)
+      .Authorization(hw::TAG_MAC_LENGTH, 128u)
       .Authorization(hw::TAG_NONCE, nonce.data(), nonce.size())
       .Padding(hw::PaddingMode::NONE);
   return params;
@@ -230,8 +191,8 @@ inline hw::AuthorizationSetBuilder GcmParams(const Bytes& nonce, uint32_t mac_bi
 
 // Encrypts or decrypts `input` in one update and a finish; the result is both outputs.
 inline Step GcmRun(hw::IKeymasterDevice& km, hw::KeyPurpose purpose, const Bytes& blob,
-                   const Bytes& nonce, const Bytes& input, uint32_t mac_bits = 128) {
-  Begun begun = Begin(km, purpose, blob, GcmParams(nonce, mac_bits));
+                   const Bytes& nonce, const Bytes& input) {
+  Begun begun = Begin(km, purpose, blob, GcmParams(nonce));
   if (begun.error != ErrorCode::OK) return Step{begun.error, 0, {}};
   Step update = Update(km, begun.handle, input);
   if (update.error != ErrorCode::OK) return update;
@@ -239,6 +200,19 @@ inline Step GcmRun(hw::IKeymasterDevice& km, hw::KeyPurpose purpose, const Bytes
   finish.output = Concat(update.output, finish.output);
   return finish;
 }
+
+// The parameters the library's legacy message encryption passes: AES, no padding, CBC, the IV
+// (referred to, not copied).
+struct CbcParams {
+  explicit CbcParams(const Bytes& iv)
+      : params{keymaster_param_enum(KM_TAG_ALGORITHM, KM_ALGORITHM_AES),
+               keymaster_param_enum(KM_TAG_PADDING, KM_PAD_NONE),
+               keymaster_param_enum(KM_TAG_BLOCK_MODE, KM_MODE_CBC),
+               keymaster_param_blob(KM_TAG_NONCE, iv.data(), iv.size())},
+        set{params, 4u} {}
+  keymaster_key_param_t params[4];
+  keymaster_key_param_set_t set;
+};
 
 }  // namespace tavikm_test::kmhost
 
