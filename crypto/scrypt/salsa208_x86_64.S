@@ -1556,50 +1556,42 @@ km_salsa208_blockmix_x86_64:
 	add eax, r14d
 	rol eax, 18
 	xor r15d, eax
-	add ebx, dword ptr [rsp+64]
-	mov dword ptr [rsp+0], ebx
-	add ecx, dword ptr [rsp+68]
-	mov dword ptr [rsp+4], ecx
-	add edx, dword ptr [rsp+72]
-	mov dword ptr [rsp+8], edx
-	add esi, dword ptr [rsp+76]
-	mov dword ptr [rsp+12], esi
-	add edi, dword ptr [rsp+80]
-	mov dword ptr [rsp+16], edi
-	add ebp, dword ptr [rsp+84]
-	mov dword ptr [rsp+20], ebp
-	add r8d, dword ptr [rsp+88]
-	mov dword ptr [rsp+24], r8d
-	add r9d, dword ptr [rsp+92]
-	mov dword ptr [rsp+28], r9d
-	mov eax, dword ptr [rsp+32]
-	add eax, dword ptr [rsp+96]
-	mov dword ptr [rsp+32], eax
-	add r10d, dword ptr [rsp+100]
-	mov dword ptr [rsp+36], r10d
-	add r11d, dword ptr [rsp+104]
-	mov dword ptr [rsp+40], r11d
-	add r12d, dword ptr [rsp+108]
-	mov dword ptr [rsp+44], r12d
-	add r13d, dword ptr [rsp+112]
-	mov dword ptr [rsp+48], r13d
-	mov eax, dword ptr [rsp+52]
-	add eax, dword ptr [rsp+116]
-	mov dword ptr [rsp+52], eax
-	add r14d, dword ptr [rsp+120]
-	mov dword ptr [rsp+56], r14d
-	add r15d, dword ptr [rsp+124]
-	mov dword ptr [rsp+60], r15d
 	mov rax, qword ptr [rsp+200]
 	add rax, qword ptr [rsp+208]
-	movdqa xmm0, xmmword ptr [rsp+0]
-	movdqa xmm1, xmmword ptr [rsp+16]
-	movdqa xmm2, xmmword ptr [rsp+32]
-	movdqa xmm3, xmmword ptr [rsp+48]
-	movdqu xmmword ptr [rax+0], xmm0
-	movdqu xmmword ptr [rax+16], xmm1
-	movdqu xmmword ptr [rax+32], xmm2
-	movdqu xmmword ptr [rax+48], xmm3
+	add ebx, dword ptr [rsp+64]
+	mov dword ptr [rax+0], ebx
+	add ecx, dword ptr [rsp+68]
+	mov dword ptr [rax+4], ecx
+	add edx, dword ptr [rsp+72]
+	mov dword ptr [rax+8], edx
+	add esi, dword ptr [rsp+76]
+	mov dword ptr [rax+12], esi
+	add edi, dword ptr [rsp+80]
+	mov dword ptr [rax+16], edi
+	add ebp, dword ptr [rsp+84]
+	mov dword ptr [rax+20], ebp
+	add r8d, dword ptr [rsp+88]
+	mov dword ptr [rax+24], r8d
+	add r9d, dword ptr [rsp+92]
+	mov dword ptr [rax+28], r9d
+	add r10d, dword ptr [rsp+100]
+	mov dword ptr [rax+36], r10d
+	add r11d, dword ptr [rsp+104]
+	mov dword ptr [rax+40], r11d
+	add r12d, dword ptr [rsp+108]
+	mov dword ptr [rax+44], r12d
+	add r13d, dword ptr [rsp+112]
+	mov dword ptr [rax+48], r13d
+	add r14d, dword ptr [rsp+120]
+	mov dword ptr [rax+56], r14d
+	add r15d, dword ptr [rsp+124]
+	mov dword ptr [rax+60], r15d
+	mov ebx, dword ptr [rsp+32]
+	add ebx, dword ptr [rsp+96]
+	mov dword ptr [rax+32], ebx
+	mov ebx, dword ptr [rsp+52]
+	add ebx, dword ptr [rsp+116]
+	mov dword ptr [rax+52], ebx
 	pxor xmm0, xmm0
 	pxor xmm1, xmm1
 	pxor xmm2, xmm2
