@@ -271,10 +271,10 @@ TAVIKM_EXPORT int crypto_scrypt(const uint8_t* password, size_t password_len, co
                                 size_t out_len);
 
 /*
- * The name of the Salsa20/8 back end crypto_scrypt runs in this process ("avx512vl", "sse2",
- * "neon", "scalar" or "portable"): a static string. The first call (or crypto_scrypt's) makes
- * the choice: each back end the CPU can run is checked against a known answer and timed, and
- * the fastest is kept.
+ * The name of the Salsa20/8 back end crypto_scrypt runs in this process ("x86asm", "avx512vl",
+ * "sse2", "neon", "scalar" or "portable"): a static string. The first call (or crypto_scrypt's)
+ * makes the choice: each back end the CPU can run is checked against a known answer and timed,
+ * and the fastest is kept.
  */
 TAVIKM_EXPORT const char* km_scrypt_backend_name(void);
 

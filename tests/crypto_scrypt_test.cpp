@@ -91,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(Usable, ScryptBackendTest, testing::ValuesIn(km_scrypt_
 bool CpuClaims(const km_scrypt_backend* backend) {
   const std::string name = backend->name;
 #if defined(__x86_64__)
-  if (name == "sse2") return true;
+  if (name == "sse2" || name == "x86asm") return true;
   if (name == "avx512vl") {
     return __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl");
   }

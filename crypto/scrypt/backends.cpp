@@ -39,6 +39,7 @@ constexpr int kCalibrationRounds = 3;
 std::vector<const km_scrypt_backend*> km_scrypt_all_backends() {
   std::vector<const km_scrypt_backend*> all;
 #if defined(__x86_64__)
+  all.push_back(&km_scrypt_x86asm);
   all.push_back(&km_scrypt_avx512vl);
   all.push_back(&km_scrypt_sse2);
   all.push_back(&km_scrypt_scalar);

@@ -25,6 +25,7 @@ struct km_scrypt_backend {
 extern const km_scrypt_backend km_scrypt_portable;
 extern const km_scrypt_backend km_scrypt_scalar;
 #if defined(__x86_64__)
+extern const km_scrypt_backend km_scrypt_x86asm;
 extern const km_scrypt_backend km_scrypt_sse2;
 extern const km_scrypt_backend km_scrypt_avx512vl;
 #endif
