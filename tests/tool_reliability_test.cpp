@@ -11,46 +11,20 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "support/device_env.h"
+#include "support/tool_runner.h"
 #include "tavikm.h"
 
 namespace tavikm_test {
 namespace {
 
-constexpr char kFastScrypt[] = "ro.crypto.scrypt_params=10:0:0";
-constexpr char kMdfpp[] = "ro.product.tavi.support_mdfpp=true";
-constexpr char kCbcOnly[] = "ro.product.tavi.support_cbc_only=true";
 constexpr int kKilled = 128 + SIGKILL;
-
-struct Result {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-std::string FingerprintIn(const std::string& out) {
-  std::smatch match;
-  static const std::regex kLine("(master key|kek) +sha256:([0-9a-f]{64})");
-  return std::regex_search(out, match, kLine) ? match[2].str() : "";
-}
 
 // Bytes between two cuts of a torn write: TAVIKM_TEAR_STRIDE, else 128.
 unsigned long long TearStride() {
@@ -82,132 +56,68 @@ class Tally {
   int trials_ = 0, held_ = 0, reported_ = 0;
 };
 
-class ToolReliabilityTest : public ::testing::Test {
+// "round N: A/B" and both stderrs, for a race that did not hold.
+std::string Race(int round, const ToolResult& a, const ToolResult& b) {
+  return "round " + std::to_string(round) + ": " + std::to_string(a.status) + "/" +
+         std::to_string(b.status) + " " + a.err + b.err;
+}
+
+class ToolReliabilityTest : public ToolRunner {
  protected:
   void SetUp() override {
     if (std::string(TAVIKM_TOOL_EMULATOR).size() > 0) {
       GTEST_SKIP() << "the fault shim and /proc probes need the tool to run natively";
     }
-    dir_ = std::filesystem::canonical(device_.path()).string();
-    std::filesystem::create_directories(dir_ + "/scratch");
+    hang_guard_seconds_ = 60;  // a broken tool must not stall the suite
   }
-
-  // Starts the tool with the device directory, cheap scrypt and `props_`; `env` is added to the
-  // environment. A hang guard (SIGALRM after 60 s) keeps a broken tool from stalling the suite.
-  pid_t Start(const std::vector<std::string>& args, const std::map<std::string, std::string>& env,
-              const std::string& tag) {
-    std::vector<std::string> argv = {TAVIKM_TOOL_PATH, "--device-dir", dir_, "--prop", kFastScrypt};
-    for (const std::string& prop : props_) {
-      argv.push_back("--prop");
-      argv.push_back(prop);
-    }
-    argv.insert(argv.end(), args.begin(), args.end());
-    std::string out = Scratch("stdout-" + tag), err = Scratch("stderr-" + tag);
-    pid_t pid = fork();
-    if (pid == 0) {
-      int fds[3] = {open("/dev/null", O_RDONLY),
-                    open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600),
-                    open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600)};
-      for (int i = 0; i < 3; ++i) dup2(fds[i], i);
-      for (const auto& [key, value] : env) setenv(key.c_str(), value.c_str(), 1);
-      // The sanitizer runtime would refuse a preloaded library ahead of it.
-      if (env.count("LD_PRELOAD")) {
-        const char* asan = getenv("ASAN_OPTIONS");
-        std::string options = std::string(asan ? asan : "") + ":verify_asan_link_order=0";
-        setenv("ASAN_OPTIONS", options.c_str(), 1);
-      }
-      std::vector<char*> cargv;
-      for (const std::string& arg : argv) cargv.push_back(const_cast<char*>(arg.c_str()));
-      cargv.push_back(nullptr);
-      alarm(60);
-      execv(cargv[0], cargv.data());
-      _exit(127);
-    }
-    return pid;
-  }
-
-  Result Finish(pid_t pid, const std::string& tag) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    Result result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = Slurp(Scratch("stdout-" + tag));
-    result.err = Slurp(Scratch("stderr-" + tag));
-    return result;
-  }
-
-  Result Tool(const std::vector<std::string>& args,
-              const std::map<std::string, std::string>& env = {}) {
-    return Finish(Start(args, env, "one"), "one");
-  }
-
-  std::string Scratch(const std::string& name) { return dir_ + "/scratch/" + name; }
-
-  std::string PasswordFile(const std::string& password) {
-    std::string path = Scratch("pw-" + password);
-    std::ofstream(path) << password << "\n";
-    return path;
-  }
-
-  std::vector<std::string> Passwd(const std::string& loc, const std::string& from,
-                                  const std::string& to) {
-    return {"passwd",        loc, "--password-file", PasswordFile(from), "--new-password-file",
-            PasswordFile(to)};
-  }
-
-  Result Setup(const std::string& loc, const std::string& password,
-               std::vector<std::string> options = {}) {
-    std::vector<std::string> args = {"setup", loc, "--password-file", PasswordFile(password)};
-    args.insert(args.end(), options.begin(), options.end());
-    return Tool(args);
-  }
-
-  Result Unlock(const std::string& loc, const std::string& password,
-                std::vector<std::string> options = {}) {
-    std::vector<std::string> args = {"unlock", loc, "--password-file", PasswordFile(password)};
-    args.insert(args.end(), options.begin(), options.end());
-    return Tool(args);
-  }
-
-  std::string MetadataFile() const { return dir_ + "/metadata"; }
 
   bool NoJournalLeft() const {
     std::error_code error;
-    return std::filesystem::is_empty(dir_ + "/journal", error) || error;
+    return std::filesystem::is_empty(Path("journal"), error) || error;
   }
 
   // The record opens with one of `passwords` and gives `fingerprint`.
   bool OpensWithOneOf(const std::string& loc, const std::vector<std::string>& passwords,
                       const std::string& fingerprint) {
     for (const std::string& password : passwords) {
-      Result unlock = Unlock(loc, password);
+      ToolResult unlock = Unlock(loc, password);
       if (unlock.status == 0) return FingerprintIn(unlock.out) == fingerprint;
     }
     return false;
   }
 
-  TempDeviceDir device_;
-  std::string dir_;
-  std::vector<std::string> props_;
+  std::pair<ToolResult, ToolResult> RaceOf(const Args& a, const Args& b) {
+    pid_t pa = Start(ToolArgv(a), "", {}, "a"), pb = Start(ToolArgv(b), "", {}, "b");
+    return {Finish(pa, "a"), Finish(pb, "b")};
+  }
+
+  // The bytes of the metadata file outside [from, from + KM_META_SIZE) are `before`'s.
+  bool ElsewhereUnchanged(const std::vector<uint8_t>& before, uint64_t from) {
+    std::vector<uint8_t> after = ReadFile(MetadataFile());
+    if (after.size() != before.size()) return false;
+    for (size_t i = 0; i < after.size(); ++i) {
+      if ((i < from || i >= from + KM_META_SIZE) && after[i] != before[i]) return false;
+    }
+    return true;
+  }
 };
 
 TEST_F(ToolReliabilityTest, APasswdKilledAtAnyByteLeavesARecordTheOldOrNewPasswordOpens) {
   for (bool cbc : {false, true}) {
     Tally tally(cbc ? "torn passwd, CBC-only" : "torn passwd, GCM");
-    props_ = cbc ? std::vector<std::string>{kCbcOnly} : std::vector<std::string>{};
-    std::filesystem::remove_all(dir_ + "/journal");
+    props_ = cbc ? Args{kCbcOnly} : Args{};
+    std::filesystem::remove_all(Path("journal"));
     std::filesystem::remove(MetadataFile());
-    Result setup = Setup(MetadataFile(), "old", {"--kdf", "1"});
+    ToolResult setup = Setup(MetadataFile(), "old", {"--kdf", "1"});
     ASSERT_EQ(setup.status, 0) << setup.err;
     const std::string fingerprint = FingerprintIn(setup.out);
     const std::vector<uint8_t> before = ReadFile(MetadataFile());
 
     // A run to the end counts every byte the change writes: the journal, then the record.
-    std::map<std::string, std::string> env = {
-        {"LD_PRELOAD", TAVIKM_TEAR_SHIM},
-        {"TEAR_PATHS", MetadataFile() + ":" + dir_ + "/journal/"},
-        {"TEAR_REPORT", Scratch("report")}};
-    ASSERT_EQ(Tool(Passwd(MetadataFile(), "old", "new"), env).status, 0);
+    Env env = {{"LD_PRELOAD", TAVIKM_TEAR_SHIM},
+               {"TEAR_PATHS", MetadataFile() + ":" + Path("journal/")},
+               {"TEAR_REPORT", Scratch("report")}};
+    ASSERT_EQ(Tool(Passwd(MetadataFile(), "old", "new"), "", env).status, 0);
     unsigned long long total = 0;
     ASSERT_EQ(sscanf(Slurp(Scratch("report")).c_str(), "counted=%llu", &total), 1);
     const unsigned long long journal = total - KM_META_SIZE;
@@ -227,9 +137,9 @@ TEST_F(ToolReliabilityTest, APasswdKilledAtAnyByteLeavesARecordTheOldOrNewPasswo
     }
     for (unsigned long long cut : cuts) {
       WriteFile(MetadataFile(), before);
-      std::filesystem::remove_all(dir_ + "/journal");
+      std::filesystem::remove_all(Path("journal"));
       env["TEAR_AFTER"] = std::to_string(cut);
-      Result torn = Tool(Passwd(MetadataFile(), "old", "new"), env);
+      ToolResult torn = Tool(Passwd(MetadataFile(), "old", "new"), "", env);
       bool held = torn.status == kKilled &&
                   OpensWithOneOf(MetadataFile(), {"old", "new"}, fingerprint) && NoJournalLeft();
       tally.Trial(held, "killed after byte " + std::to_string(cut) + " of " +
@@ -243,13 +153,13 @@ TEST_F(ToolReliabilityTest, AFirstSetupKilledAtAnyByteLeavesNoFileAndARetryWorks
   Tally tally("torn first setup");
   for (unsigned long long cut : {0ull, 1ull, 2704ull, 8000ull, 16383ull, 16384ull}) {
     std::filesystem::remove(MetadataFile());
-    std::map<std::string, std::string> env = {{"LD_PRELOAD", TAVIKM_TEAR_SHIM},
-                                              {"TEAR_PATHS", dir_ + "/.tavikm-new-"},
-                                              {"TEAR_AFTER", std::to_string(cut)}};
-    Result torn =
-        Tool({"setup", MetadataFile(), "--kdf", "1", "--password-file", PasswordFile("pw")}, env);
+    Env env = {{"LD_PRELOAD", TAVIKM_TEAR_SHIM},
+               {"TEAR_PATHS", Path(".tavikm-new-")},
+               {"TEAR_AFTER", std::to_string(cut)}};
+    ToolResult torn = Tool(
+        {"setup", MetadataFile(), "--kdf", "1", "--password-file", PasswordFile("pw")}, "", env);
     bool held = torn.status == kKilled && !std::filesystem::exists(MetadataFile());
-    Result retry = Setup(MetadataFile(), "pw", {"--kdf", "1"});
+    ToolResult retry = Setup(MetadataFile(), "pw", {"--kdf", "1"});
     held = held && retry.status == 0 &&
            OpensWithOneOf(MetadataFile(), {"pw"}, FingerprintIn(retry.out));
     tally.Trial(held, "killed after byte " + std::to_string(cut) + ": " + torn.err + retry.err);
@@ -260,70 +170,56 @@ TEST_F(ToolReliabilityTest, TwoCommandsOnOnePlaceNeverBothSucceed) {
   constexpr int kRounds = 8;
   struct Case {
     std::string what;
-    std::vector<std::string> props;
+    Args props;
     std::string loc;
+    std::string file;  // what holds the record
   };
   const std::vector<Case> places = {
-      {"file", {}, MetadataFile()},
-      {"secure storage", {kMdfpp}, "userdata"},
-  };
-  auto race = [&](const std::vector<std::string>& a, const std::vector<std::string>& b) {
-    pid_t pa = Start(a, {}, "a"), pb = Start(b, {}, "b");
-    return std::pair<Result, Result>(Finish(pa, "a"), Finish(pb, "b"));
+      {"file", {}, MetadataFile(), MetadataFile()},
+      {"secure storage", {kMdfpp}, "userdata", Path("kmstore/e-userdata")},
   };
   for (const Case& c : places) {
     props_ = c.props;
     {
       Tally tally("concurrent passwd, " + c.what);
-      Result setup = Setup(c.loc, "p0", {"--kdf", "1"});
+      ToolResult setup = Setup(c.loc, "p0", {"--kdf", "1"});
       ASSERT_EQ(setup.status, 0) << setup.err;
       const std::string fingerprint = FingerprintIn(setup.out);
       std::string current = "p0";
       for (int round = 0; round < kRounds; ++round) {
         std::string a = "a" + std::to_string(round), b = "b" + std::to_string(round);
-        auto [ra, rb] = race(Passwd(c.loc, current, a), Passwd(c.loc, current, b));
+        auto [ra, rb] = RaceOf(Passwd(c.loc, current, a), Passwd(c.loc, current, b));
         // Exactly one wins; the other finds the old password changed under it.
         bool held =
             (ra.status == 0) != (rb.status == 0) && (ra.status == 0 ? rb.status : ra.status) == 2;
-        std::string winner = ra.status == 0 ? a : b;
-        held = held && OpensWithOneOf(c.loc, {winner}, fingerprint);
-        tally.Trial(held, "round " + std::to_string(round) + ": " + std::to_string(ra.status) +
-                              "/" + std::to_string(rb.status) + " " + ra.err + rb.err);
+        held = held && OpensWithOneOf(c.loc, {ra.status == 0 ? a : b}, fingerprint);
+        tally.Trial(held, Race(round, ra, rb));
         current = OpensWithOneOf(c.loc, {a}, fingerprint) ? a : b;
       }
     }
-    {
-      Tally tally("concurrent setup, " + c.what);
-      for (int round = 0; round < kRounds; ++round) {
-        if (c.loc[0] == '/') {
-          std::filesystem::remove(c.loc);
-        } else {
-          std::filesystem::remove(dir_ + "/kmstore/e-" + c.loc);
-        }
-        auto setup = [&](const std::string& pw) {
-          return std::vector<std::string>{"setup",           c.loc,           "--kdf", "1",
-                                          "--password-file", PasswordFile(pw)};
-        };
-        auto [ra, rb] = race(setup("a"), setup("b"));
-        bool held = (ra.status == 0) != (rb.status == 0) && ra.status + rb.status == 4;
-        const Result& won = ra.status == 0 ? ra : rb;
-        held = held && OpensWithOneOf(c.loc, {ra.status == 0 ? "a" : "b"}, FingerprintIn(won.out));
-        tally.Trial(held, "round " + std::to_string(round) + ": " + std::to_string(ra.status) +
-                              "/" + std::to_string(rb.status) + " " + ra.err + rb.err);
-      }
+    Tally tally("concurrent setup, " + c.what);
+    for (int round = 0; round < kRounds; ++round) {
+      std::filesystem::remove(c.file);
+      auto setup = [&](const std::string& pw) {
+        return Args{"setup", c.loc, "--kdf", "1", "--password-file", PasswordFile(pw)};
+      };
+      auto [ra, rb] = RaceOf(setup("a"), setup("b"));
+      bool held = (ra.status == 0) != (rb.status == 0) && ra.status + rb.status == 4;
+      const ToolResult& won = ra.status == 0 ? ra : rb;
+      held = held && OpensWithOneOf(c.loc, {ra.status == 0 ? "a" : "b"}, FingerprintIn(won.out));
+      tally.Trial(held, Race(round, ra, rb));
     }
   }
   Tally tally("concurrent kek put");
   props_ = {kMdfpp};
   for (int round = 0; round < kRounds; ++round) {
-    std::filesystem::remove(dir_ + "/kmstore/e-vold");
-    auto [ra, rb] = race({"kek", "put", "vold", "--random"}, {"kek", "put", "vold", "--random"});
+    std::filesystem::remove(Path("kmstore/e-vold"));
+    auto [ra, rb] = RaceOf({"kek", "put", "vold", "--random"}, {"kek", "put", "vold", "--random"});
     bool held = (ra.status == 0) != (rb.status == 0) && ra.status + rb.status == 4;
-    Result get = Tool({"kek", "get", "vold"});
+    ToolResult get = Tool({"kek", "get", "vold"});
     held = held && get.status == 0 &&
            FingerprintIn(get.out) == FingerprintIn(ra.status == 0 ? ra.out : rb.out);
-    tally.Trial(held, "round " + std::to_string(round) + ": " + std::to_string(ra.status) + "/" +
-                          std::to_string(rb.status) + " " + ra.err + rb.err);
+    tally.Trial(held, Race(round, ra, rb));
   }
 }
 
@@ -332,7 +228,7 @@ TEST_F(ToolReliabilityTest, ABusyPlaceIsReportedAfterTheWaitAndLeftAlone) {
   ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1"}).status, 0);
   props_ = {kMdfpp};
   ASSERT_EQ(Setup("userdata", "pw", {"--kdf", "1"}).status, 0);
-  std::filesystem::create_directories(dir_ + "/locks");
+  std::filesystem::create_directories(Path("locks"));
   struct Case {
     std::string loc;
     std::string lock_file;  // what another command would hold
@@ -340,14 +236,14 @@ TEST_F(ToolReliabilityTest, ABusyPlaceIsReportedAfterTheWaitAndLeftAlone) {
   };
   const std::vector<Case> cases = {
       {MetadataFile(), MetadataFile(), MetadataFile() + " at offset 0"},
-      {"userdata", dir_ + "/locks/e-userdata", "secure-storage entry \"userdata\""},
+      {"userdata", Path("locks/e-userdata"), "secure-storage entry \"userdata\""},
   };
   for (const Case& c : cases) {
     int fd = open(c.lock_file.c_str(), O_RDWR | O_CREAT, 0600);
     ASSERT_EQ(flock(fd, LOCK_EX), 0);
-    std::vector<uint8_t> before = c.loc[0] == '/' ? ReadFile(c.loc) : std::vector<uint8_t>{};
-    Result busy = Tool({"--wait", "0", "passwd", c.loc, "--password-file", PasswordFile("pw"),
-                        "--new-password-file", PasswordFile("new")});
+    Args passwd = Passwd(c.loc, "pw", "new");
+    passwd.insert(passwd.begin(), {"--wait", "0"});
+    ToolResult busy = Tool(passwd);
     close(fd);
     tally.Trial(busy.status == 4 &&
                     busy.err == "tavikm: " + c.described +
@@ -376,17 +272,12 @@ TEST_F(ToolReliabilityTest, SetupAtAnOffsetChangesOnlyItsOwnBytes) {
     std::vector<uint8_t> before = ReadFile(MetadataFile());
     std::string offset = std::to_string(c.offset);
     std::string pw = "pw" + offset;
-    Result setup = Setup(MetadataFile(), pw, {"--kdf", c.kdf, "--offset", offset, "--force"});
-    std::vector<uint8_t> after = ReadFile(MetadataFile());
-    bool held = after.size() == before.size();
-    for (size_t i = 0; held && i < after.size(); ++i) {
-      bool inside = c.fits && i >= c.offset && i < c.offset + KM_META_SIZE;
-      held = inside || after[i] == before[i];
-    }
+    ToolResult setup = Setup(MetadataFile(), pw, {"--kdf", c.kdf, "--offset", offset, "--force"});
+    bool held = ElsewhereUnchanged(before, c.fits ? c.offset : KM_METADATA_FILE_SIZE);
     if (c.fits) {
-      held = held && setup.status == 0;
-      Result unlock = Unlock(MetadataFile(), pw, {"--offset", offset});
-      held = held && unlock.status == 0 && FingerprintIn(unlock.out) == FingerprintIn(setup.out);
+      ToolResult unlock = Unlock(MetadataFile(), pw, {"--offset", offset});
+      held = held && setup.status == 0 && unlock.status == 0 &&
+             FingerprintIn(unlock.out) == FingerprintIn(setup.out);
     } else {
       held = held && setup.status == 4 &&
              setup.err.find("would overlap the record at offset") != std::string::npos;
@@ -397,16 +288,10 @@ TEST_F(ToolReliabilityTest, SetupAtAnOffsetChangesOnlyItsOwnBytes) {
   // record by itself at offset 0: the tool must put it at its own offset only.
   props_ = {"ro.build.version.security_patch=2099-12-05"};
   const std::vector<uint8_t> before = ReadFile(MetadataFile());
-  Result upgraded = Unlock(MetadataFile(), "pw5408", {"--offset", "5408"});
-  const std::vector<uint8_t> after = ReadFile(MetadataFile());
-  bool elsewhere_unchanged = true;
-  for (size_t i = 0; i < after.size(); ++i) {
-    if ((i < 5408 || i >= 5408 + KM_META_SIZE) && after[i] != before[i])
-      elsewhere_unchanged = false;
-  }
+  ToolResult upgraded = Unlock(MetadataFile(), "pw5408", {"--offset", "5408"});
   tally.Trial(upgraded.status == 0 &&
                   upgraded.out.find("the record was stored again") != std::string::npos &&
-                  elsewhere_unchanged,
+                  ElsewhereUnchanged(before, 5408),
               "kdf 4 upgrade at 5408: " + upgraded.err);
   tally.Trial(
       Unlock(MetadataFile(), "pw5408", {"--offset", "5408"}).out.find("Note:") == std::string::npos,
@@ -434,11 +319,10 @@ TEST_F(ToolReliabilityTest, OnlyRegularFilesAndBlockDevicesAreMetadataFiles) {
   for (const auto& [path, kind] : files) {
     const std::string sentence = "tavikm: " + path + " is " + kind +
                                  ", not a metadata file (a regular file or a block device)\n";
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"setup", path, "--password-file", PasswordFile("pw")},
-          std::vector<std::string>{"unlock", path, "--password-file", PasswordFile("pw")},
-          Passwd(path, "pw", "new"), std::vector<std::string>{"inspect", "--file", path}}) {
-      Result result = Tool(args);
+    for (const Args& args : {Args{"setup", path, "--password-file", PasswordFile("pw")},
+                             Args{"unlock", path, "--password-file", PasswordFile("pw")},
+                             Passwd(path, "pw", "new"), Args{"inspect", "--file", path}}) {
+      ToolResult result = Tool(args);
       tally.Trial(result.status == 4 && result.err == sentence && result.out.empty(),
                   args[0] + " " + path + ": " + std::to_string(result.status) + " " + result.err);
     }
@@ -447,12 +331,12 @@ TEST_F(ToolReliabilityTest, OnlyRegularFilesAndBlockDevicesAreMetadataFiles) {
 
   // A FIFO in place of a secure-storage entry or of build.prop blocks nothing.
   props_ = {kMdfpp};
-  std::filesystem::create_directories(dir_ + "/kmstore");
-  ASSERT_EQ(mkfifo((dir_ + "/kmstore/e-userdata").c_str(), 0600), 0);
-  Result entry = Unlock("userdata", "pw");
+  std::filesystem::create_directories(Path("kmstore"));
+  ASSERT_EQ(mkfifo(Path("kmstore/e-userdata").c_str(), 0600), 0);
+  ToolResult entry = Unlock("userdata", "pw");
   tally.Trial(entry.status == 4, "kmstore FIFO: " + entry.err);
-  ASSERT_EQ(mkfifo((dir_ + "/build.prop").c_str(), 0600), 0);
-  Result prop = Unlock(Scratch("absent"), "pw");
+  ASSERT_EQ(mkfifo(Path("build.prop").c_str(), 0600), 0);
+  ToolResult prop = Unlock(Scratch("absent"), "pw");
   tally.Trial(prop.status == 3, "build.prop FIFO: " + prop.err);
 }
 
@@ -470,10 +354,9 @@ TEST_F(ToolReliabilityTest, HostileRecordsAndNamesAreRefusedBeforeTheLibrarySees
     bad[offsetof(km_meta, r_factor)] = cost.r;
     bad[offsetof(km_meta, p_factor)] = cost.p;
     WriteFile(MetadataFile(), bad);
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"unlock", MetadataFile(), "--password-file", PasswordFile("pw")},
-          Passwd(MetadataFile(), "pw", "new")}) {
-      Result result = Tool(args);
+    for (const Args& args : {Args{"unlock", MetadataFile(), "--password-file", PasswordFile("pw")},
+                             Passwd(MetadataFile(), "pw", "new")}) {
+      ToolResult result = Tool(args);
       tally.Trial(result.status == 4 &&
                       result.err.rfind("tavikm: the record looks damaged: ", 0) == 0 &&
                       ReadFile(MetadataFile()) == bad,
@@ -482,20 +365,17 @@ TEST_F(ToolReliabilityTest, HostileRecordsAndNamesAreRefusedBeforeTheLibrarySees
   }
   // Nor does the tool create such a record.
   props_ = {"ro.crypto.scrypt_params=20:4:0"};
-  Result setup = Setup(Scratch("costly"), "pw", {"--kdf", "2"});
+  ToolResult setup = Setup(Scratch("costly"), "pw", {"--kdf", "2"});
   tally.Trial(setup.status == 4 && !std::filesystem::exists(Scratch("costly")), setup.err);
-  props_.clear();
 
   // Key locations and KEK names the record's 256-byte key_name cannot hold.
   const std::string longest(255, 'k'), too_long(256, 'k'), far_too_long(441, 'k');
   props_ = {kMdfpp};
   for (const std::string& name : {too_long, far_too_long}) {
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"setup", name, "--password-file", PasswordFile("pw")},
-          std::vector<std::string>{"unlock", name, "--password-file", PasswordFile("pw")},
-          std::vector<std::string>{"kek", "put", name, "--random"},
-          std::vector<std::string>{"kek", "delete", name}}) {
-      Result result = Tool(args);
+    for (const Args& args : {Args{"setup", name, "--password-file", PasswordFile("pw")},
+                             Args{"unlock", name, "--password-file", PasswordFile("pw")},
+                             Args{"kek", "put", name, "--random"}, Args{"kek", "delete", name}}) {
+      ToolResult result = Tool(args);
       tally.Trial(result.status == 1 && result.err.find("bytes long") != std::string::npos,
                   args[0] + " of " + std::to_string(name.size()) + ": " + result.err);
     }
@@ -506,16 +386,15 @@ TEST_F(ToolReliabilityTest, HostileRecordsAndNamesAreRefusedBeforeTheLibrarySees
   ASSERT_EQ(Setup("userdata", "pw", {"--kdf", "1"}).status, 0);
   ASSERT_EQ(Setup("rek", "pw", {"--kdf", "4"}).status, 0);
   for (const std::string& name : {std::string("userdata"), std::string("rek")}) {
-    const std::vector<uint8_t> entry = ReadFile(dir_ + "/kmstore/e-" + name);
-    for (const std::vector<std::string>& args :
-         {std::vector<std::string>{"kek", "delete", name},
-          std::vector<std::string>{"kek", "put", name, "--random", "--force"}}) {
-      Result result = Tool(args);
+    const std::vector<uint8_t> entry = ReadFile(Path("kmstore/e-" + name));
+    for (const Args& args :
+         {Args{"kek", "delete", name}, Args{"kek", "put", name, "--random", "--force"}}) {
+      ToolResult result = Tool(args);
       tally.Trial(result.status == 4 &&
                       result.err == "tavikm: the entry \"" + name +
                                         "\" is a master-key record, not a KEK; kek " + args[1] +
                                         " leaves it alone\n" &&
-                      ReadFile(dir_ + "/kmstore/e-" + name) == entry,
+                      ReadFile(Path("kmstore/e-" + name)) == entry,
                   args[1] + " " + name + ": " + result.err);
     }
   }
@@ -528,7 +407,7 @@ TEST_F(ToolReliabilityTest, SecretsStayOutOfCoreDumps) {
   std::string fifo = Scratch("password-fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   pid_t pid =
-      Start({"unlock", MetadataFile(), "--password-file", fifo},
+      Start(ToolArgv({"unlock", MetadataFile(), "--password-file", fifo}), "",
             {{"LD_PRELOAD", TAVIKM_TEAR_SHIM}, {"TEAR_REPORT", Scratch("report")}}, "probe");
   int writer = open(fifo.c_str(), O_WRONLY);
   ASSERT_GE(writer, 0);
@@ -542,7 +421,7 @@ TEST_F(ToolReliabilityTest, SecretsStayOutOfCoreDumps) {
   }
   ASSERT_EQ(write(writer, "pw\n", 3), 3);
   close(writer);
-  Result unlock = Finish(pid, "probe");
+  ToolResult unlock = Finish(pid, "probe");
   tally.Trial(unlock.status == 0, unlock.err);
   tally.Trial(Slurp(Scratch("report")).find("dumpable=0 core=0\n") != std::string::npos,
               Slurp(Scratch("report")));
