@@ -353,8 +353,9 @@ TEST_F(KeymasterClientTest, AnUpdateThatClaimsTooMuchOrTakesNothingEndsTheOperat
       // Aborted once, at the stall, not again on destruction, and nothing stays open on the
       // device; the caller reports the failed step, the client adds no line of its own.
       {"takes nothing", [] { tavikm_host::SetKeymasterUpdateLimit(0); }, 1, {}},
+      // One byte past the input is already too much.
       {"claims too much",
-       [] { tavikm_host::SetKeymasterUpdateOverReport(5); },
+       [] { tavikm_host::SetKeymasterUpdateOverReport(1); },
        0,
        {KmError("update reported too much input consumed")}},
   };

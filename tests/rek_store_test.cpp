@@ -230,6 +230,19 @@ TEST_F(RekStoreUpgradeTest, Pbkdf2RekLeavesAnotherRecordAtOffsetZeroAlone) {
             texts.end());
 }
 
+// The KDF hands out the KEK's whole ciphertext, tag included, and nothing past it.
+TEST_F(RekStoreUpgradeTest, Pbkdf2RekHandsOutCiphertextAndTag) {
+  const std::string file = device_.Path("metadata");
+  uint8_t master_key[32];
+  km_meta meta;
+  ASSERT_EQ(km_initial_setup(file.c_str(), "pw", 2, master_key, 32, KM_KDF_PBKDF2_REK, &meta), 0);
+  uint8_t ikey[64];
+  memset(ikey, 0xAB, sizeof(ikey));
+  ASSERT_EQ(km_pbkdf2_rek("pw", 2, meta.salt, ikey, &meta), 0);
+  EXPECT_NE(std::vector<uint8_t>(ikey + 32, ikey + 48), std::vector<uint8_t>(16, 0xAB));
+  EXPECT_EQ(std::vector<uint8_t>(ikey + 48, ikey + 64), std::vector<uint8_t>(16, 0xAB));
+}
+
 // The failures of the store that only a faulty device shows.
 TEST_F(RekStoreUpgradeTest, DeviceFaults) {
   constexpr char kName[] = "k";
@@ -263,6 +276,19 @@ TEST_F(RekStoreUpgradeTest, DeviceFaults) {
          fail_writes();
        },
        put, false, false, -1, kWriteUpgradeFails},
+      // Only -2 leads to an upgrade; any other failure ends the put.
+      {"encryption fails during a put",
+       [&] {
+         tavikm_host::FailKeymasterCall(
+             tavikm_host::KeymasterCall::kBegin, 1,
+             android::hardware::keymaster::V4_0::ErrorCode::INCOMPATIBLE_PADDING_MODE);
+       },
+       put,
+       false,
+       false,
+       -1,
+       {"km_put_kek_enc_by_rek : Failed to encrypt KEK by keymaster, rc=-1",
+        "In addition, Not case of upgrading"}},
       {"upgrade during a get, write fails",
        [&] {
          ASSERT_EQ(put(), 0);
