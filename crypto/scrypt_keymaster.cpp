@@ -12,6 +12,7 @@
 
 #include "common/log.h"
 #include "common/record_view.h"
+#include "common/scopers.h"
 #include "crypto/kdf.h"
 #include "tavikm.h"
 #include "tavikm_keymaster.h"
@@ -74,11 +75,9 @@ int km_scrypt_keymaster(const char* password, unsigned long password_len, const 
     return -1;
   }
 
-  rc = crypto_scrypt(signature, signature_size, salt, kSaltLength, cost.N, cost.r, cost.p, out,
-                     meta->keysize);
-  OPENSSL_cleanse(signature, signature_size);
-  free(signature);
-  if (rc != 0) {
+  const tavikm::ScopedWipedBuffer owned_signature(signature, signature_size);
+  if (crypto_scrypt(signature, signature_size, salt, kSaltLength, cost.N, cost.r, cost.p, out,
+                    meta->keysize) != 0) {
     KM_LOGE("scrypt failed");
     return -1;
   }

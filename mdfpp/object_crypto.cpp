@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "common/scopers.h"
 #include "keymaster/Keymaster.h"
 #include "mdfpp/service.h"
 #include "tavikm_keymaster.h"
@@ -61,12 +62,6 @@ unsigned char* Duplicate(const std::string& bytes) {
   auto* copy = static_cast<unsigned char*>(malloc(bytes.size() ? bytes.size() : 1));
   if (copy && !bytes.empty()) memcpy(copy, bytes.data(), bytes.size());
   return copy;
-}
-
-void WipeAndFree(unsigned char* buffer, size_t size) {
-  if (!buffer) return;
-  OPENSSL_cleanse(buffer, size);
-  free(buffer);
 }
 
 // Wipes the call's copies of the key, the object and the result on every way out: one of them
@@ -164,6 +159,8 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
     }
     OPENSSL_cleanse(&output[0], output.size());
   }
+  const tavikm::ScopedWipedBuffer owned_first(first, update_length);
+  const tavikm::ScopedWipedBuffer owned_second(second, finish_length);
 
   // The result's length is a 32-bit count; a result that cannot be counted so cannot be handed
   // out either.
@@ -175,14 +172,10 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
              : nullptr;
   if (!*out) {
     KM_STREAM_LOG(ERROR) << direction.allocation;
-    WipeAndFree(first, update_length);
-    WipeAndFree(second, finish_length);
     return -1;
   }
   if (update_length) memcpy(*out, first, update_length);
   if (finish_length) memcpy(*out + update_length, second, finish_length);
-  WipeAndFree(first, update_length);
-  WipeAndFree(second, finish_length);
   OPENSSL_cleanse(&key[0], key.size());
   return 0;
 }
