@@ -11,6 +11,7 @@
 #include <openssl/evp.h>
 
 #include "common/flags.h"
+#include "common/key_upgrade.h"
 #include "common/log.h"
 #include "common/record_view.h"
 #include "common/scopers.h"
@@ -41,29 +42,27 @@ void InitKekRecord(km_meta* meta) {
 int PutKekByKeymaster4(km_meta* rec, const char* key_name, const uint8_t* kek, uint64_t kek_len) {
   unsigned char* out = nullptr;
   unsigned int out_len = 0;
-  int rc = km_encrypt_with_record_key(rec, kek, kek_len, &out, &out_len);
-  if (rc < 0) {
-    KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_put_kek_enc_by_rek", rc);
-    if (rc != -2) {
-      KM_LOGE("In addition, Not case of upgrading");
-      return rc;
-    }
-    if (km_upgrade_aes_key(rec) != 0) return -1;
-    // Back to the entry the record is for, whatever the MDFPP flag says: KEK records live
-    // nowhere else.
-    rc = km_put_km_meta_to_secure_storage(key_name, rec);
-    if (rc < 0) {
-      KM_LOGE("Failed to write upgraded km_meta\n");
-      return rc;
-    }
-    // The first attempt produced nothing: encrypt again with the upgraded key, or the KEK
-    // would be stored empty.
-    rc = km_encrypt_with_record_key(rec, kek, kek_len, &out, &out_len);
-    if (rc < 0) {
-      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_put_kek_enc_by_rek", rc);
-      return rc;
-    }
-  }
+  // An attempt that asked for an upgrade produced nothing: encrypt once more with the upgraded
+  // key, or the KEK would be stored empty.
+  const int rc = tavikm::RetryAfterKeyUpgrade(
+      1,
+      [&](bool upgraded) {
+        const int r = km_encrypt_with_record_key(rec, kek, kek_len, &out, &out_len);
+        if (r < 0) {
+          KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_put_kek_enc_by_rek", r);
+          if (!upgraded && r != tavikm::kKeyRequiresUpgrade) {
+            KM_LOGE("In addition, Not case of upgrading");
+          }
+        }
+        return r;
+      },
+      // Back to the entry the record is for, whatever the MDFPP flag says: KEK records live
+      // nowhere else.
+      [&] {
+        return km_upgrade_aes_key_and_store(
+            rec, [&] { return km_put_km_meta_to_secure_storage(key_name, rec); });
+      });
+  if (rc < 0) return rc;
   const tavikm::ScopedWipedBuffer ciphertext(out, out_len);
   km_copy_into_record(rec, rec->xtkm_value, out, out_len);
   rec->xtkm_value_size = out_len;  // the ciphertext's length, unlike every other writer
@@ -206,17 +205,13 @@ int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_
     const tavikm::ScopedWipedBuffer plain(out, out_len);
     if (rc < 0) {
       KM_LOGE("Failed to decrypt KEK by keymaster");
-      if (rc != -2) return -1;
+      if (rc != tavikm::kKeyRequiresUpgrade) return -1;
       // The key needs an upgrade: store the upgraded record and hand back an empty KEK, which
       // tells the caller to ask again. These two failures leave the record allocated.
-      if (km_upgrade_aes_key(rec) != 0) {
-        owned_rec.release();
-        return -1;
-      }
       // Back to the entry it was read from, whatever the MDFPP flag says.
-      rc = km_put_km_meta_to_secure_storage(key_name, rec);
-      if (rc < 0) {
-        KM_LOGE("Failed to write upgraded km_meta\n");
+      rc = km_upgrade_aes_key_and_store(
+          rec, [&] { return km_put_km_meta_to_secure_storage(key_name, rec); });
+      if (rc != 0) {
         owned_rec.release();
         return rc;
       }
@@ -313,39 +308,37 @@ int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsign
     return 0;
   }
 
-  for (;;) {
-    unsigned char* out = nullptr;
-    unsigned int out_len = 0;
-    // The output length lands in the low half of xtkm_value_size, as it always has.
-    int rc = km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
-      int r = km_encrypt_with_record_key(meta, derived, view.keysize(), &out, size);
-      out_len = *size;
-      return r;
-    });
-    if (rc == -2) {
-      KM_LOGI("NEED TO UPGRADE KEY\n");
-      if (km_upgrade_aes_key(meta) != 0) return -1;
-      if (!MayWriteBackAtZero(key_loc, meta)) {
-        KM_LOGI("Upgraded key of %s not stored: another record at offset 0", key_loc);
-        continue;
-      }
-      if (km_put_km_meta(key_loc, 0, meta) < 0) {
-        KM_LOGE("Failed to write upgraded km_meta\n");
-        return -1;
-      }
-      KM_LOGI("Write upgraded Key successfully");
-      continue;
-    }
-    if (rc == 0) {
-      // The ciphertext and its tag, never more than the key buffer holds.
-      const tavikm::ScopedWipedBuffer ciphertext(out, out_len);
-      memcpy(ikey, out, std::min<size_t>(out_len, kKekBuffer));
-      return 0;
-    }
-    if (rc == -1) {
-      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_pbkdf2_rek", -1);
-      return -1;
-    }
-    return rc < 0 ? rc : 0;
-  }
+  unsigned char* out = nullptr;
+  unsigned int out_len = 0;
+  const int rc = tavikm::RetryAfterKeyUpgrade(
+      tavikm::kAsOftenAsAsked,
+      [&](bool) {
+        // The output length lands in the low half of xtkm_value_size, as it always has.
+        const int r = km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
+          const int encrypted =
+              km_encrypt_with_record_key(meta, derived, view.keysize(), &out, size);
+          out_len = *size;
+          return encrypted;
+        });
+        if (r == -1) KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_pbkdf2_rek", -1);
+        return r;
+      },
+      [&] {
+        KM_LOGI("NEED TO UPGRADE KEY\n");
+        const int stored = km_upgrade_aes_key_and_store(meta, [&] {
+          if (!MayWriteBackAtZero(key_loc, meta)) {
+            KM_LOGI("Upgraded key of %s not stored: another record at offset 0", key_loc);
+            return 0;
+          }
+          const int put = km_put_km_meta(key_loc, 0, meta);
+          if (put >= 0) KM_LOGI("Write upgraded Key successfully");
+          return put;
+        });
+        return stored == 0 ? 0 : -1;
+      });
+  if (rc != 0) return rc < 0 ? rc : 0;
+  // The ciphertext and its tag, never more than the key buffer holds.
+  const tavikm::ScopedWipedBuffer ciphertext(out, out_len);
+  memcpy(ikey, out, std::min<size_t>(out_len, kKekBuffer));
+  return 0;
 }

@@ -14,6 +14,7 @@
 #include <openssl/crypto.h>
 
 #include "common/flags.h"
+#include "common/key_upgrade.h"
 #include "common/log.h"
 #include "common/record_view.h"
 #include "common/scopers.h"
@@ -51,33 +52,28 @@ void KekEntryName(const km_meta* meta, char (&name)[256]) {
 int EncryptKekByKeymaster4(km_meta* meta, const uint8_t* kek, uint64_t kek_len) {
   unsigned char* out = nullptr;
   unsigned int out_len = 0;
-  auto encrypt = [&] {
-    return km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
-      int rc = km_encrypt_with_record_key(meta, kek, kek_len, &out, size);
-      out_len = *size;
-      return rc;
-    });
-  };
-  int rc = encrypt();
-  if (rc < 0) {
-    KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", rc);
-    if (rc != -2) {
-      KM_LOGE("%s : Failed to upgrade key", "km_get_km_meta");
-      return -1;
-    }
-    if (km_upgrade_aes_key(meta) != 0) return -1;
-    rc = km_put_km_meta(meta->key_name, 0, meta);
-    if (rc < 0) {
-      KM_LOGE("Failed to write upgraded km_meta\n");
-      return rc;
-    }
-    // Encrypt once more with the upgraded key: the first attempt produced nothing.
-    rc = encrypt();
-    if (rc < 0) {
-      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", rc);
-      return -1;
-    }
-  }
+  // Encrypt once more with the upgraded key: the first attempt produced nothing. Every failure
+  // of the encryption itself is -1 here; a failed store keeps its own result.
+  const int rc = tavikm::RetryAfterKeyUpgrade(
+      1,
+      [&](bool upgraded) {
+        const int r = km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
+          const int encrypted = km_encrypt_with_record_key(meta, kek, kek_len, &out, size);
+          out_len = *size;
+          return encrypted;
+        });
+        if (r >= 0) return r;
+        KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", r);
+        if (upgraded) return -1;
+        if (r == tavikm::kKeyRequiresUpgrade) return r;
+        KM_LOGE("%s : Failed to upgrade key", "km_get_km_meta");
+        return -1;
+      },
+      [&] {
+        return km_upgrade_aes_key_and_store(
+            meta, [&] { return km_put_km_meta(meta->key_name, 0, meta); });
+      });
+  if (rc < 0) return rc;
   // The output is the KEK plus its 16-byte tag: copy what there is, at most the field.
   const tavikm::ScopedWipedBuffer ciphertext(out, out_len);
   memcpy(meta->xtkm_value, out, std::min<size_t>(out_len, sizeof(meta->xtkm_value)));
