@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include "common/byte_string.h"
 #include "common/scopers.h"
 #include "keymaster/Keymaster.h"
 #include "mdfpp/service.h"
@@ -47,13 +48,6 @@ const Direction kDecryption = {
     "Error allocation buffer for keymaster encryption",
     "Error allocation buffer for keymaster decryption",
 };
-
-// Filled with assign(), which keeps standard library templates out of the exported symbols.
-std::string Bytes(const unsigned char* data, unsigned long size) {
-  std::string bytes;
-  if (size) bytes.assign(reinterpret_cast<const char*>(data), size);
-  return bytes;
-}
 
 int32_t Code(const KeymasterOperation& op) { return static_cast<int32_t>(op.getErrorCode()); }
 
@@ -94,9 +88,9 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
     KM_LOG_INVALID_ARGUMENT();
     return -1;
   }
-  std::string key = Bytes(key_blob, key_blob_size);
-  std::string input = Bytes(object, object_size);
-  std::string nonce_bytes = Bytes(nonce, nonce_size);
+  std::string key = tavikm::ByteString(key_blob, key_blob_size);
+  std::string input = tavikm::ByteString(object, object_size);
+  std::string nonce_bytes = tavikm::ByteString(nonce, nonce_size);
   std::string output;
   // Room for the result and its tag up front, so appending leaves no unwiped copy behind.
   output.reserve(input.size() + 16);
