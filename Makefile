@@ -45,7 +45,7 @@ bench:
 	build/bench/bench/scrypt_bench
 	build/bench/bench/e2e_bench
 
-.PHONY: openssl-test fuzz fuzz-ci fuzz-seeds valgrind-test coverage format format-check check-layers
+.PHONY: openssl-test fuzz fuzz-ci fuzz-seeds valgrind-test coverage format format-check check-layers android-bp
 
 # The library and its tests against the system OpenSSL 3 instead of BoringSSL.
 openssl-test:
@@ -104,6 +104,10 @@ format-check:
 	@scripts/install-deps --format
 	@clang-format-14 --dry-run --Werror $(FORMAT_FILES)
 	@echo "format-check: all $(words $(FORMAT_FILES)) C/C++ files match .clang-format"
+
+# Android.bp's srcs written anew from cmake/library_sources.txt (android_bp_test checks them).
+android-bp:
+	scripts/gen-android-bp
 
 # The library's folders use only those below them (scripts/check-layers); run after a build.
 check-layers: build
