@@ -46,33 +46,17 @@ inline void WipeAndFree(void* data, size_t size) {
 // freed when the scoper goes.
 class ScopedWipedBuffer {
  public:
-  ScopedWipedBuffer() = default;
-  ScopedWipedBuffer(void* data, size_t size)
-      : data_(static_cast<unsigned char*>(data)), size_(size) {}
-  ~ScopedWipedBuffer() { reset(); }
-  ScopedWipedBuffer(ScopedWipedBuffer&& other) noexcept
-      : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
-  ScopedWipedBuffer& operator=(ScopedWipedBuffer&& other) noexcept {
-    if (this != &other) reset(other.release(), std::exchange(other.size_, 0));
-    return *this;
-  }
+  ScopedWipedBuffer(void* data, size_t size) : data_(data), size_(size) {}
+  ~ScopedWipedBuffer() { WipeAndFree(data_, size_); }
   ScopedWipedBuffer(const ScopedWipedBuffer&) = delete;
   ScopedWipedBuffer& operator=(const ScopedWipedBuffer&) = delete;
 
-  unsigned char* get() const { return data_; }
-  size_t size() const { return size_; }
-  // Wipes and frees what is held, then takes `data`.
-  void reset(void* data = nullptr, size_t size = 0) {
-    WipeAndFree(data_, size_);
-    data_ = static_cast<unsigned char*>(data);
-    size_ = size;
-  }
   // Gives up ownership without wiping.
-  unsigned char* release() { return std::exchange(data_, nullptr); }
+  void* release() { return std::exchange(data_, nullptr); }
 
  private:
-  unsigned char* data_ = nullptr;
-  size_t size_ = 0;
+  void* data_;
+  size_t size_;
 };
 
 // Wipes memory the caller owns (a local array, a record) when the scoper goes.
@@ -91,22 +75,16 @@ class ScopedCleanse {
 // A file descriptor, closed when the scoper goes. Negative: none.
 class ScopedFd {
  public:
-  ScopedFd() = default;
   explicit ScopedFd(int fd) : fd_(fd) {}
   ~ScopedFd() { reset(); }
-  ScopedFd(ScopedFd&& other) noexcept : fd_(other.release()) {}
-  ScopedFd& operator=(ScopedFd&& other) noexcept {
-    if (this != &other) reset(other.release());
-    return *this;
-  }
   ScopedFd(const ScopedFd&) = delete;
   ScopedFd& operator=(const ScopedFd&) = delete;
 
   int get() const { return fd_; }
   bool ok() const { return fd_ >= 0; }
-  void reset(int fd = -1) {
+  void reset() {
     if (fd_ >= 0) ::close(fd_);
-    fd_ = fd;
+    fd_ = -1;
   }
   int release() { return std::exchange(fd_, -1); }
   // Closes now, for callers that must see close()'s own result (a write's last error can
@@ -114,7 +92,7 @@ class ScopedFd {
   int close() { return fd_ < 0 ? 0 : ::close(std::exchange(fd_, -1)); }
 
  private:
-  int fd_ = -1;
+  int fd_;
 };
 
 }  // namespace tavikm
