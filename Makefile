@@ -45,7 +45,8 @@ bench:
 	build/bench/bench/scrypt_bench
 	build/bench/bench/e2e_bench
 
-.PHONY: openssl-test fuzz fuzz-ci fuzz-seeds valgrind-test coverage format format-check check-layers faults
+.PHONY: openssl-test fuzz fuzz-ci fuzz-seeds valgrind-test coverage format format-check check-layers \
+  android-bp faults
 
 # The library and its tests against the system OpenSSL 3 instead of BoringSSL.
 openssl-test:
@@ -109,6 +110,10 @@ format-check:
 # suites; every fault must fail one (about a minute per fault on 2 cores; not part of ci).
 faults:
 	scripts/plant-faults
+
+# Android.bp's srcs written anew from cmake/library_sources.txt (android_bp_test checks them).
+android-bp:
+	scripts/gen-android-bp
 
 # The library's folders use only those below them (scripts/check-layers); run after a build.
 check-layers: build

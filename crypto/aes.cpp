@@ -3,7 +3,7 @@
 #include <openssl/evp.h>
 
 #include "common/log.h"
-#include "crypto/scopers.h"
+#include "common/scopers.h"
 #include "tavikm.h"
 
 namespace {

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include "common/log.h"
+#include "common/scopers.h"
 #include "tavikm.h"
 
 namespace {
@@ -37,8 +38,7 @@ uint8_t* km_convert_hex_ascii_to_key(const char* hex, size_t* out_size) {
     if (high < 0 || low < 0) {
       // The count of bytes converted so far stays with the caller on purpose.
       KM_LOGE("Invalid hex string");
-      OPENSSL_cleanse(key, i / 2);
-      free(key);
+      tavikm::WipeAndFree(key, i / 2);
       return nullptr;
     }
     key[i / 2] = static_cast<uint8_t>(high * 16 + low);

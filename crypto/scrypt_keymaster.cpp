@@ -10,8 +10,10 @@
 
 #include <openssl/crypto.h>
 
+#include "common/key_upgrade.h"
 #include "common/log.h"
 #include "common/record_view.h"
+#include "common/scopers.h"
 #include "crypto/kdf.h"
 #include "tavikm.h"
 #include "tavikm_keymaster.h"
@@ -52,33 +54,34 @@ int km_scrypt_keymaster(const char* password, unsigned long password_len, const 
 
   unsigned char* signature = nullptr;
   unsigned long signature_size = 0;
-  int rc;
   // A key bound to an older system is upgraded in place in the caller's record, as often as
   // the Keymaster asks; the caller stores the record for the upgrade to last.
-  while ((rc = keymaster_sign_object_for_cryptfs_scrypt_mdfpp(
-              meta->km_key_blob, km_key_blob_length(meta), kRateLimitSeconds, object,
-              sizeof(object), &signature, &signature_size)) == -2) {
-    if (keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaKeySize, kRsaExponent, kRateLimitSeconds,
-                                                       meta->km_key_blob, km_key_blob_length(meta),
-                                                       meta->km_key_blob, KM_KEY_BLOB_CAPACITY,
-                                                       &meta->km_key_blob_size) != 0) {
-      KM_LOGE("Failed to upgrade key");
-      KM_LOGE("Signing failed");
-      OPENSSL_cleanse(object, sizeof(object));
-      return -1;
-    }
-  }
+  const int rc = tavikm::RetryAfterKeyUpgrade(
+      tavikm::kAsOftenAsAsked,
+      [&](bool) {
+        return keymaster_sign_object_for_cryptfs_scrypt_mdfpp(
+            meta->km_key_blob, km_key_blob_length(meta), kRateLimitSeconds, object, sizeof(object),
+            &signature, &signature_size);
+      },
+      [&] {
+        if (keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
+                kRsaKeySize, kRsaExponent, kRateLimitSeconds, meta->km_key_blob,
+                km_key_blob_length(meta), meta->km_key_blob, KM_KEY_BLOB_CAPACITY,
+                &meta->km_key_blob_size) == 0) {
+          return 0;
+        }
+        KM_LOGE("Failed to upgrade key");
+        return -1;
+      });
   OPENSSL_cleanse(object, sizeof(object));
   if (rc != 0) {
     KM_LOGE("Signing failed");
     return -1;
   }
 
-  rc = crypto_scrypt(signature, signature_size, salt, kSaltLength, cost.N, cost.r, cost.p, out,
-                     meta->keysize);
-  OPENSSL_cleanse(signature, signature_size);
-  free(signature);
-  if (rc != 0) {
+  const tavikm::ScopedWipedBuffer owned_signature(signature, signature_size);
+  if (crypto_scrypt(signature, signature_size, salt, kSaltLength, cost.N, cost.r, cost.p, out,
+                    meta->keysize) != 0) {
     KM_LOGE("scrypt failed");
     return -1;
   }

@@ -2,7 +2,7 @@
 #include <openssl/evp.h>
 
 #include "common/log.h"
-#include "crypto/scopers.h"
+#include "common/scopers.h"
 #include "tavikm.h"
 
 int km_sha256(const uint8_t* data, size_t len, uint8_t* digest) {

@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "common/byte_string.h"
 #include "keymaster/stream_log.h"
 
 namespace android {
@@ -27,14 +28,6 @@ hidl_vec<uint8_t> BlobView(const char* bytes, size_t length) {
   hidl_vec<uint8_t> view;
   view.setToExternal(reinterpret_cast<uint8_t*>(const_cast<char*>(bytes)), length);
   return view;
-}
-
-// Filled with assign(): building a string from a pointer range would instantiate a standard
-// library template in this shared object, where it would be exported.
-std::string ToString(const hidl_vec<uint8_t>& bytes) {
-  std::string s;
-  if (!bytes.empty()) s.assign(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-  return s;
 }
 
 // The level's name, or its number as 0x-hex (written into `buffer`) for a level without one.
@@ -137,7 +130,7 @@ bool KeymasterOperation::finish(std::string* output) {
                       const hidl_vec<uint8_t>& out) {
     kmError = error;
     if (kmError != km::ErrorCode::OK) return;
-    if (output) *output = ToString(out);
+    if (output) *output = tavikm::ByteString(out.data(), out.size());
   };
   auto rc = device->finish(operationHandle, hidl_vec<km::KeyParameter>(), hidl_vec<uint8_t>(),
                            hidl_vec<uint8_t>(), km::HardwareAuthToken(), km::VerificationToken(),
@@ -180,7 +173,7 @@ bool Keymaster::generateKey(const km::AuthorizationSet& inParams, std::string* k
                       const km::KeyCharacteristics& /*characteristics*/) {
     kmError = error;
     if (kmError != km::ErrorCode::OK) return;
-    if (key) *key = ToString(keyBlob);
+    if (key) *key = tavikm::ByteString(keyBlob.data(), keyBlob.size());
   };
   auto rc = device->generateKey(inParams.hidl_data(), callback);
   if (!rc.isOk()) {
@@ -214,7 +207,7 @@ bool Keymaster::upgradeKey(const std::string& oldKey, const km::AuthorizationSet
   auto callback = [&](km::ErrorCode error, const hidl_vec<uint8_t>& upgradedKeyBlob) {
     kmError = error;
     if (kmError != km::ErrorCode::OK) return;
-    if (newKey) *newKey = ToString(upgradedKeyBlob);
+    if (newKey) *newKey = tavikm::ByteString(upgradedKeyBlob.data(), upgradedKeyBlob.size());
   };
   auto rc = device->upgradeKey(BlobView(oldKey), inParams.hidl_data(), callback);
   if (!rc.isOk()) {

@@ -16,6 +16,7 @@
 
 #include "common/log.h"
 #include "common/record_view.h"
+#include "common/scopers.h"
 
 namespace {
 
@@ -47,10 +48,7 @@ const CipherMessages kDecryptMessages = {
 
 // The device's output blob belongs to us: wiped, then released.
 void ReleaseOutput(keymaster_blob_t* output) {
-  if (output->data) {
-    OPENSSL_cleanse(const_cast<uint8_t*>(output->data), output->data_length);
-    free(const_cast<uint8_t*>(output->data));
-  }
+  tavikm::WipeAndFree(const_cast<uint8_t*>(output->data), output->data_length);
   output->data = nullptr;
   output->data_length = 0;
 }
@@ -65,6 +63,51 @@ bool TakeOutput(keymaster_blob_t* output, unsigned char* out, size_t* offset) {
   }
   ReleaseOutput(output);
   return fits;
+}
+
+// One message through an open keymaster1 device: begin, one update of the whole message,
+// finish. 0 when all 32 bytes came out into `out`.
+int RunMessage(keymaster1_device_t* km1, const keymaster_key_blob_t* key,
+               const keymaster_key_param_set_t& param_set, const keymaster_blob_t& input,
+               unsigned char* out, keymaster_purpose_t purpose, const CipherMessages& messages) {
+  keymaster_operation_handle_t handle = 0;
+  keymaster_key_param_set_t out_params = {nullptr, 0};
+  keymaster_blob_t output = {nullptr, 0};
+  size_t consumed = 0;
+  size_t written = 0;
+  keymaster_error_t error = km1->begin(km1, purpose, key, &param_set, &out_params, &handle);
+  keymaster_free_param_set(&out_params);
+  if (error != KM_ERROR_OK) {
+    KM_LOGE(messages.begin, error);
+    return -1;
+  }
+  // A failed update ends the operation on the device: there is nothing to abort.
+  error = km1->update(km1, handle, nullptr, &input, &consumed, nullptr, &output);
+  if (error != KM_ERROR_OK) {
+    ReleaseOutput(&output);
+    if (messages.update) KM_LOGE(messages.update, error);
+    return -1;
+  }
+  if (consumed != kMessageSize) {
+    // Part of a message cannot be finished into a whole one. The device still holds the
+    // operation open, so it is aborted here; the update's own message (if any) says it failed,
+    // with the code the device gave.
+    ReleaseOutput(&output);
+    km1->abort(km1, handle);
+    if (messages.update) KM_LOGE(messages.update, error);
+    return -1;
+  }
+  if (!TakeOutput(&output, out, &written)) {
+    km1->abort(km1, handle);
+    return -1;
+  }
+  error = km1->finish(km1, handle, nullptr, nullptr, nullptr, &output);
+  if (error != KM_ERROR_OK) {
+    ReleaseOutput(&output);
+    KM_LOGE(messages.finish, error);
+    return -1;
+  }
+  return TakeOutput(&output, out, &written) ? 0 : -1;
 }
 
 int CipherMessage(km_meta* meta, keymaster_key_blob_t* key, const unsigned char* in,
@@ -85,52 +128,7 @@ int CipherMessage(km_meta* meta, keymaster_key_blob_t* key, const unsigned char*
     return -1;
   }
   // Messages go through the keymaster1 interface only.
-  if (!km1) {
-    if (km0) keymaster0_close(km0);
-    return -1;
-  }
-
-  int result = -1;
-  keymaster_operation_handle_t handle = 0;
-  keymaster_key_param_set_t out_params = {nullptr, 0};
-  keymaster_blob_t output = {nullptr, 0};
-  size_t consumed = 0;
-  size_t written = 0;
-  keymaster_error_t error = km1->begin(km1, purpose, key, &param_set, &out_params, &handle);
-  keymaster_free_param_set(&out_params);
-  if (error != KM_ERROR_OK) {
-    KM_LOGE(messages.begin, error);
-    goto done;
-  }
-  // A failed update ends the operation on the device: there is nothing to abort.
-  error = km1->update(km1, handle, nullptr, &input, &consumed, nullptr, &output);
-  if (error != KM_ERROR_OK) {
-    ReleaseOutput(&output);
-    if (messages.update) KM_LOGE(messages.update, error);
-    goto done;
-  }
-  if (consumed != kMessageSize) {
-    // Part of a message cannot be finished into a whole one. The device still holds the
-    // operation open, so it is aborted here; the update's own message (if any) says it failed,
-    // with the code the device gave.
-    ReleaseOutput(&output);
-    km1->abort(km1, handle);
-    if (messages.update) KM_LOGE(messages.update, error);
-    goto done;
-  }
-  if (!TakeOutput(&output, out, &written)) {
-    km1->abort(km1, handle);
-    goto done;
-  }
-  error = km1->finish(km1, handle, nullptr, nullptr, nullptr, &output);
-  if (error != KM_ERROR_OK) {
-    ReleaseOutput(&output);
-    KM_LOGE(messages.finish, error);
-    goto done;
-  }
-  if (TakeOutput(&output, out, &written)) result = 0;
-
-done:
+  const int result = km1 ? RunMessage(km1, key, param_set, input, out, purpose, messages) : -1;
   // Opened for this one message and closed again: nothing is kept between calls.
   if (km0) keymaster0_close(km0);
   if (km1) keymaster1_close(km1);
@@ -202,8 +200,8 @@ int km_keymaster_decrypt_message(km_meta* meta, keymaster_key_blob_t* key, const
 }
 
 int km_generate_HMAC(km_meta* meta) {
-  unsigned char mac_key[kKeyBufferSize];
-  memset(mac_key, 0, sizeof(mac_key));
+  unsigned char mac_key[kKeyBufferSize] = {};
+  const tavikm::ScopedCleanse wipe_mac_key(mac_key, sizeof(mac_key));
   // No early return: the generator is trusted, a failure is only logged.
   if (RAND_bytes(mac_key, kMacKeySize) != 1) {
     KM_LOGE("Getting random bytes error = %ld\n", static_cast<long>(ERR_get_error()));
@@ -214,15 +212,12 @@ int km_generate_HMAC(km_meta* meta) {
   if (!RecordKey(meta, &key) ||
       km_keymaster_encrypt_message(meta, &key, mac_key, meta->mac_key_enc) < 0) {
     KM_LOGE("Failed to encrypt mac key by keymaster");
-    OPENSSL_cleanse(mac_key, sizeof(mac_key));
     return -1;
   }
 
   unsigned char mac[EVP_MAX_MD_SIZE];
   unsigned int mac_len = 0;
-  bool made = XtkmMac(meta, mac_key, mac, &mac_len);
-  OPENSSL_cleanse(mac_key, sizeof(mac_key));
-  if (!made) {
+  if (!XtkmMac(meta, mac_key, mac, &mac_len)) {
     KM_LOGE("Failed to create %.*s_mac\n", NameLength(meta), meta->key_name);
     return -1;
   }
@@ -232,21 +227,18 @@ int km_generate_HMAC(km_meta* meta) {
 }
 
 int km_verify_HMAC(km_meta* meta) {
-  unsigned char mac_key[kKeyBufferSize];
-  memset(mac_key, 0, sizeof(mac_key));
+  unsigned char mac_key[kKeyBufferSize] = {};
+  const tavikm::ScopedCleanse wipe_mac_key(mac_key, sizeof(mac_key));
   keymaster_key_blob_t key;
   if (!RecordKey(meta, &key) ||
       km_keymaster_decrypt_message(meta, &key, meta->mac_key_enc, mac_key) < 0) {
     KM_LOGE("Failed to decrypt mac key by keymaster");
-    OPENSSL_cleanse(mac_key, sizeof(mac_key));
     return -1;
   }
 
   unsigned char mac[EVP_MAX_MD_SIZE];
   unsigned int mac_len = 0;
-  bool made = XtkmMac(meta, mac_key, mac, &mac_len);
-  OPENSSL_cleanse(mac_key, sizeof(mac_key));
-  if (!made) {
+  if (!XtkmMac(meta, mac_key, mac, &mac_len)) {
     KM_LOGE("Failed to create %.*s_mac for verify\n", NameLength(meta), meta->key_name);
     return -1;
   }

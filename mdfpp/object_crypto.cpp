@@ -9,6 +9,8 @@
 
 #include <string>
 
+#include "common/byte_string.h"
+#include "common/scopers.h"
 #include "keymaster/Keymaster.h"
 #include "mdfpp/service.h"
 #include "tavikm_keymaster.h"
@@ -47,13 +49,6 @@ const Direction kDecryption = {
     "Error allocation buffer for keymaster decryption",
 };
 
-// Filled with assign(), which keeps standard library templates out of the exported symbols.
-std::string Bytes(const unsigned char* data, unsigned long size) {
-  std::string bytes;
-  if (size) bytes.assign(reinterpret_cast<const char*>(data), size);
-  return bytes;
-}
-
 int32_t Code(const KeymasterOperation& op) { return static_cast<int32_t>(op.getErrorCode()); }
 
 // A copy of `bytes` in a fresh malloc()ed buffer; null when it cannot be had.
@@ -61,12 +56,6 @@ unsigned char* Duplicate(const std::string& bytes) {
   auto* copy = static_cast<unsigned char*>(malloc(bytes.size() ? bytes.size() : 1));
   if (copy && !bytes.empty()) memcpy(copy, bytes.data(), bytes.size());
   return copy;
-}
-
-void WipeAndFree(unsigned char* buffer, size_t size) {
-  if (!buffer) return;
-  OPENSSL_cleanse(buffer, size);
-  free(buffer);
 }
 
 // Wipes the call's copies of the key, the object and the result on every way out: one of them
@@ -99,9 +88,9 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
     KM_LOG_INVALID_ARGUMENT();
     return -1;
   }
-  std::string key = Bytes(key_blob, key_blob_size);
-  std::string input = Bytes(object, object_size);
-  std::string nonce_bytes = Bytes(nonce, nonce_size);
+  std::string key = tavikm::ByteString(key_blob, key_blob_size);
+  std::string input = tavikm::ByteString(object, object_size);
+  std::string nonce_bytes = tavikm::ByteString(nonce, nonce_size);
   std::string output;
   // Room for the result and its tag up front, so appending leaves no unwiped copy behind.
   output.reserve(input.size() + 16);
@@ -164,6 +153,8 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
     }
     OPENSSL_cleanse(&output[0], output.size());
   }
+  const tavikm::ScopedWipedBuffer owned_first(first, update_length);
+  const tavikm::ScopedWipedBuffer owned_second(second, finish_length);
 
   // The result's length is a 32-bit count; a result that cannot be counted so cannot be handed
   // out either.
@@ -175,14 +166,10 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
              : nullptr;
   if (!*out) {
     KM_STREAM_LOG(ERROR) << direction.allocation;
-    WipeAndFree(first, update_length);
-    WipeAndFree(second, finish_length);
     return -1;
   }
   if (update_length) memcpy(*out, first, update_length);
   if (finish_length) memcpy(*out + update_length, second, finish_length);
-  WipeAndFree(first, update_length);
-  WipeAndFree(second, finish_length);
   OPENSSL_cleanse(&key[0], key.size());
   return 0;
 }

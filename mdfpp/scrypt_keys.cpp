@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "common/byte_string.h"
 #include "keymaster/Keymaster.h"
 #include "mdfpp/service.h"
 #include "tavikm_keymaster.h"
@@ -53,13 +54,6 @@ bool UpgradedBlobIsEmpty(const std::string& blob) {
   return true;
 }
 
-// Filled with assign(), which keeps standard library templates out of the exported symbols.
-std::string Bytes(const unsigned char* data, unsigned long size) {
-  std::string bytes;
-  if (size) bytes.assign(reinterpret_cast<const char*>(data), size);
-  return bytes;
-}
-
 }  // namespace
 
 int keymaster_compatibility_cryptfs_scrypt_mdfpp(void) {
@@ -100,7 +94,7 @@ int keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
     return -1;
   }
   // Copied first: the destination may be the very buffer the old blob is in.
-  std::string old_key = Bytes(key_blob, key_blob_size);
+  std::string old_key = tavikm::ByteString(key_blob, key_blob_size);
   std::string new_key;
   if (!dev.upgradeKey(old_key, RsaParams(rsa_key_size, rsa_exponent, ratelimit), &new_key)) {
     return -1;
@@ -118,7 +112,7 @@ int keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(const unsigned char* key_blob
                                                    unsigned int key_buffer_size,
                                                    unsigned long* key_out_size) {
   // Copied first: the destination may be the very buffer the old blob is in.
-  std::string old_key = Bytes(key_blob, key_blob_size);
+  std::string old_key = tavikm::ByteString(key_blob, key_blob_size);
   // The encryption's begin parameters, with the old blob itself standing in the NONCE slot:
   // this is the set the AES key's blobs have always been upgraded with, and it stays so.
   km::AuthorizationSetBuilder params;

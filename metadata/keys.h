@@ -7,6 +7,7 @@
 
 #include <hardware/keymaster_defs.h>
 
+#include "common/log.h"
 #include "common/record_view.h"
 #include "tavikm.h"
 
@@ -19,6 +20,20 @@ int km_ensure_aes_key(km_meta* meta);
 
 // Upgrades the record's AES key blob in place. 0, or -1 after "Failed to upgrade key".
 int km_upgrade_aes_key(km_meta* meta);
+
+// Upgrades the record's AES key, then stores the record with `store()` so the upgrade lasts.
+// -1 when the upgrade fails; the store's negative result, after "Failed to write upgraded
+// km_meta\n", when storing fails; 0 otherwise.
+template <typename Store>
+int km_upgrade_aes_key_and_store(km_meta* meta, Store&& store) {
+  if (km_upgrade_aes_key(meta) != 0) return -1;
+  const int rc = store();
+  if (rc < 0) {
+    KM_LOGE("Failed to write upgraded km_meta\n");
+    return rc;
+  }
+  return 0;
+}
 
 // Object encryption with the record's AES key and the first 12 bytes of object_iv as nonce.
 // `out_size` is updated in place. Returns the service's result (0, -1, -2).

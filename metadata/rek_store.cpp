@@ -11,8 +11,10 @@
 #include <openssl/evp.h>
 
 #include "common/flags.h"
+#include "common/key_upgrade.h"
 #include "common/log.h"
 #include "common/record_view.h"
+#include "common/scopers.h"
 #include "keymaster/legacy_keymaster.h"
 #include "metadata/keys.h"
 #include "metadata/kmstore.h"
@@ -36,44 +38,35 @@ void InitKekRecord(km_meta* meta) {
   meta->minor_version = KM_META_MINOR_VERSION;
 }
 
-// Wipes and releases a Keymaster output buffer.
-void FreeOutput(unsigned char* out, unsigned int len) {
-  if (!out) return;
-  OPENSSL_cleanse(out, len);
-  free(out);
-}
-
 // Encrypts the KEK with Keymaster 4.0 object encryption into the record's XTKM value.
 int PutKekByKeymaster4(km_meta* rec, const char* key_name, const uint8_t* kek, uint64_t kek_len) {
   unsigned char* out = nullptr;
   unsigned int out_len = 0;
-  int rc = km_encrypt_with_record_key(rec, kek, kek_len, &out, &out_len);
-  if (rc < 0) {
-    KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_put_kek_enc_by_rek", rc);
-    if (rc != -2) {
-      KM_LOGE("In addition, Not case of upgrading");
-      return rc;
-    }
-    if (km_upgrade_aes_key(rec) != 0) return -1;
-    // Back to the entry the record is for, whatever the MDFPP flag says: KEK records live
-    // nowhere else.
-    rc = km_put_km_meta_to_secure_storage(key_name, rec);
-    if (rc < 0) {
-      KM_LOGE("Failed to write upgraded km_meta\n");
-      return rc;
-    }
-    // The first attempt produced nothing: encrypt again with the upgraded key, or the KEK
-    // would be stored empty.
-    rc = km_encrypt_with_record_key(rec, kek, kek_len, &out, &out_len);
-    if (rc < 0) {
-      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_put_kek_enc_by_rek", rc);
-      return rc;
-    }
-  }
+  // An attempt that asked for an upgrade produced nothing: encrypt once more with the upgraded
+  // key, or the KEK would be stored empty.
+  const int rc = tavikm::RetryAfterKeyUpgrade(
+      1,
+      [&](bool upgraded) {
+        const int r = km_encrypt_with_record_key(rec, kek, kek_len, &out, &out_len);
+        if (r < 0) {
+          KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_put_kek_enc_by_rek", r);
+          if (!upgraded && r != tavikm::kKeyRequiresUpgrade) {
+            KM_LOGE("In addition, Not case of upgrading");
+          }
+        }
+        return r;
+      },
+      // Back to the entry the record is for, whatever the MDFPP flag says: KEK records live
+      // nowhere else.
+      [&] {
+        return km_upgrade_aes_key_and_store(
+            rec, [&] { return km_put_km_meta_to_secure_storage(key_name, rec); });
+      });
+  if (rc < 0) return rc;
+  const tavikm::ScopedWipedBuffer ciphertext(out, out_len);
   km_copy_into_record(rec, rec->xtkm_value, out, out_len);
   rec->xtkm_value_size = out_len;  // the ciphertext's length, unlike every other writer
   rec->keysize = kek_len;
-  FreeOutput(out, out_len);
   return 0;
 }
 
@@ -173,31 +166,23 @@ int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_
     KM_LOGE("km_meta_t allocation fail!!\n");
     return -1;
   }
+  tavikm::ScopedWipedBuffer owned_rec(rec, sizeof(*rec));
   uint8_t kek[kKekBuffer] = {};
-  unsigned char* out = nullptr;
-  unsigned int out_len = 0;
-  // The common exit: wipe, release, return.
-  auto finish = [&](int result) {
-    OPENSSL_cleanse(kek, sizeof(kek));
-    FreeOutput(out, out_len);
-    OPENSSL_cleanse(rec, sizeof(*rec));
-    free(rec);
-    return result;
-  };
+  const tavikm::ScopedCleanse wipe_kek(kek, sizeof(kek));
 
   kmstore_device* device = nullptr;
   // The get names the put in its message, as it always has.
   int rc = km_open_kmstore(kKmstoreInitFailed, "km_put_kek_enc_by_rek", &device);
-  if (rc < 0) return finish(-1);
+  if (rc < 0) return -1;
   uint64_t length = sizeof(km_meta);
   rc = device->read(key_name, reinterpret_cast<uint8_t*>(rec), &length);
   if (rc < 0) {
     KM_LOGE("Failed to read a key encrypted by rek from Secure Storage: key_name = %s\n", key_name);
-    return finish(-1);
+    return -1;
   }
   if (rc == 1) {
     KM_LOGI("NO key from Secure Storage: key_name = %s\n", key_name);
-    return finish(1);
+    return 1;
   }
   if (rc == 0) {
     KM_LOGI("Successfully get a key encrypted by rek from Secure Storage: key_name = %s\n",
@@ -208,44 +193,43 @@ int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_
   const RecordView view(rec);
   if (!view.ok()) {
     KM_LOGE("Failed to decrypt KEK by keymaster");
-    return finish(-1);
+    return -1;
   }
   if (!km_flag_is_set(supportCBConly)) {
     unsigned long ignored = rec->km_key_blob_size;
+    unsigned char* out = nullptr;
+    unsigned int out_len = 0;
     rc = keymaster_decrypt_object_for_mdfpp(
         rec->km_key_blob, view.key_blob_size(), rec->object_iv, 12, 1, rec->xtkm_value,
         view.xtkm_value_size(), &out, &out_len, rec->km_key_blob, KM_KEY_BLOB_CAPACITY, &ignored);
+    const tavikm::ScopedWipedBuffer plain(out, out_len);
     if (rc < 0) {
       KM_LOGE("Failed to decrypt KEK by keymaster");
-      if (rc != -2) return finish(-1);
+      if (rc != tavikm::kKeyRequiresUpgrade) return -1;
       // The key needs an upgrade: store the upgraded record and hand back an empty KEK, which
       // tells the caller to ask again. These two failures leave the record allocated.
-      if (km_upgrade_aes_key(rec) != 0) {
-        OPENSSL_cleanse(kek, sizeof(kek));
-        return -1;
-      }
       // Back to the entry it was read from, whatever the MDFPP flag says.
-      rc = km_put_km_meta_to_secure_storage(key_name, rec);
-      if (rc < 0) {
-        KM_LOGE("Failed to write upgraded km_meta\n");
-        OPENSSL_cleanse(kek, sizeof(kek));
+      rc = km_upgrade_aes_key_and_store(
+          rec, [&] { return km_put_km_meta_to_secure_storage(key_name, rec); });
+      if (rc != 0) {
+        owned_rec.release();
         return rc;
       }
       *kek_len_out = 0;
-      return finish(0);
+      return 0;
     }
     if (out_len > kKekBuffer) {
       KM_LOGE("Failed to decrypt KEK by keymaster");
-      return finish(-1);
+      return -1;
     }
     memcpy(kek_out, out, out_len);
     *kek_len_out = out_len;
-    return finish(rc);
+    return rc;
   }
 
   if (km_verify_HMAC(rec) < 0) {
     KM_LOGE("Failed to verify %.*s_mac", view.key_name_length(), view.key_name());
-    return finish(-1);
+    return -1;
   }
   KM_LOGI("success to verify %.*s_mac", view.key_name_length(), view.key_name());
   keymaster_key_blob_t key = km_legacy_key_blob(rec);
@@ -253,11 +237,11 @@ int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_
   // The plain KEK is copied out of the 64-byte buffer: no more than that.
   if (rc < 0 || view.xtkm_value_size() > kKekBuffer) {
     KM_LOGE("Failed to decrypt KEK by keymaster");
-    return finish(-1);
+    return -1;
   }
   memcpy(kek_out, kek, view.xtkm_value_size());
   *kek_len_out = view.xtkm_value_size();
-  return finish(rc);
+  return rc;
 }
 
 int km_delete_kek_enc_by_rek(const char* key_name) {
@@ -283,15 +267,12 @@ int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsign
   auto* meta = static_cast<km_meta*>(params);
   uint8_t derived[kKekBuffer] = {};
   uint8_t kek[kKekBuffer] = {};
-  auto finish = [&](int result) {
-    OPENSSL_cleanse(derived, sizeof(derived));
-    OPENSSL_cleanse(kek, sizeof(kek));
-    return result;
-  };
+  const tavikm::ScopedCleanse wipe_derived(derived, sizeof(derived));
+  const tavikm::ScopedCleanse wipe_kek(kek, sizeof(kek));
   const RecordView view(meta);
   if (!view.ok(RecordView::kKeysize)) {
     KM_LOGE("Unsupported keysize %llu", static_cast<unsigned long long>(meta->keysize));
-    return finish(-1);
+    return -1;
   }
   // The key location, bounded to its field.
   char key_loc[sizeof(meta->key_name) + 1] = {};
@@ -303,63 +284,61 @@ int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsign
   if (km_flag_is_set(supportRekKek)) {
     if (km_verify_HMAC(meta) < 0) {
       KM_LOGE("Failed to verify %s_mac by keymaster", key_loc);
-      return finish(-1);
+      return -1;
     }
     KM_LOGI("success to verify %s_mac by keymaster", key_loc);
     if (km_keymaster_decrypt_message(meta, &key, meta->xtkm_value, kek) < 0) {
       KM_LOGE("(%s)Failed to decrypt KEK by keymaster", "km_pbkdf2_rek");
-      return finish(-1);
+      return -1;
     }
     // The wrapping key: the password-derived key encrypted under the KEK.
     if (km_aes_encrypt(derived, static_cast<int>(view.keysize()), kek, view.keysize(),
                        meta->object_iv, ikey, 0) < 0) {
       KM_LOGE("(%s)Failed to encrypt KEK by REK to generate DEKEK\n", "km_pbkdf2_rek");
-      return finish(-1);
+      return -1;
     }
-    return finish(0);
+    return 0;
   }
 
   if (km_flag_is_set(supportCBConly)) {
     if (km_keymaster_encrypt_message(meta, &key, derived, ikey) < 0) {
       KM_LOGE("Failed to decrypt KEK by keymaster");
-      return finish(-1);
+      return -1;
     }
-    return finish(0);
+    return 0;
   }
 
-  for (;;) {
-    unsigned char* out = nullptr;
-    unsigned int out_len = 0;
-    // The output length lands in the low half of xtkm_value_size, as it always has.
-    int rc = km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
-      int r = km_encrypt_with_record_key(meta, derived, view.keysize(), &out, size);
-      out_len = *size;
-      return r;
-    });
-    if (rc == -2) {
-      KM_LOGI("NEED TO UPGRADE KEY\n");
-      if (km_upgrade_aes_key(meta) != 0) return finish(-1);
-      if (!MayWriteBackAtZero(key_loc, meta)) {
-        KM_LOGI("Upgraded key of %s not stored: another record at offset 0", key_loc);
-        continue;
-      }
-      if (km_put_km_meta(key_loc, 0, meta) < 0) {
-        KM_LOGE("Failed to write upgraded km_meta\n");
-        return finish(-1);
-      }
-      KM_LOGI("Write upgraded Key successfully");
-      continue;
-    }
-    if (rc == 0) {
-      // The ciphertext and its tag, never more than the key buffer holds.
-      memcpy(ikey, out, std::min<size_t>(out_len, kKekBuffer));
-      FreeOutput(out, out_len);
-      return finish(0);
-    }
-    if (rc == -1) {
-      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_pbkdf2_rek", -1);
-      return finish(-1);
-    }
-    return finish(rc < 0 ? rc : 0);
-  }
+  unsigned char* out = nullptr;
+  unsigned int out_len = 0;
+  const int rc = tavikm::RetryAfterKeyUpgrade(
+      tavikm::kAsOftenAsAsked,
+      [&](bool) {
+        // The output length lands in the low half of xtkm_value_size, as it always has.
+        const int r = km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
+          const int encrypted =
+              km_encrypt_with_record_key(meta, derived, view.keysize(), &out, size);
+          out_len = *size;
+          return encrypted;
+        });
+        if (r == -1) KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_pbkdf2_rek", -1);
+        return r;
+      },
+      [&] {
+        KM_LOGI("NEED TO UPGRADE KEY\n");
+        const int stored = km_upgrade_aes_key_and_store(meta, [&] {
+          if (!MayWriteBackAtZero(key_loc, meta)) {
+            KM_LOGI("Upgraded key of %s not stored: another record at offset 0", key_loc);
+            return 0;
+          }
+          const int put = km_put_km_meta(key_loc, 0, meta);
+          if (put >= 0) KM_LOGI("Write upgraded Key successfully");
+          return put;
+        });
+        return stored == 0 ? 0 : -1;
+      });
+  if (rc != 0) return rc < 0 ? rc : 0;
+  // The ciphertext and its tag, never more than the key buffer holds.
+  const tavikm::ScopedWipedBuffer ciphertext(out, out_len);
+  memcpy(ikey, out, std::min<size_t>(out_len, kKekBuffer));
+  return 0;
 }

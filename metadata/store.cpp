@@ -10,6 +10,7 @@
 
 #include "common/flags.h"
 #include "common/log.h"
+#include "common/scopers.h"
 #include "metadata/kmstore.h"
 #include "metadata/upgrade.h"
 #include "tavikm.h"
@@ -52,31 +53,27 @@ int GetFromSecureStorage(const char* key_loc, km_meta* meta) {
 }
 
 int GetFromFile(const char* key_loc, uint64_t offset, km_meta* meta) {
-  int fd = open(key_loc, O_RDWR | O_CLOEXEC);
-  if (fd < 0) {
+  tavikm::ScopedFd fd(open(key_loc, O_RDWR | O_CLOEXEC));
+  if (!fd.ok()) {
     KM_LOGE("Cannot open metadata file %s for get\n", key_loc);
     return -1;
   }
   struct stat st;
-  if (fstat(fd, &st) != 0 || (S_ISREG(st.st_mode) && st.st_size != KM_METADATA_FILE_SIZE)) {
+  if (fstat(fd.get(), &st) != 0 || (S_ISREG(st.st_mode) && st.st_size != KM_METADATA_FILE_SIZE)) {
     KM_LOGE("metadata file %s is not the expected size!\n", key_loc);
-    close(fd);
     return -1;
   }
-  if (lseek64(fd, static_cast<off64_t>(offset), SEEK_SET) == -1) {
+  if (lseek64(fd.get(), static_cast<off64_t>(offset), SEEK_SET) == -1) {
     KM_LOGE("Cannot seek to real block device metadata\n");
-    close(fd);
     return -1;
   }
-  if (TransferAll(read, fd, reinterpret_cast<uint8_t*>(meta), KM_META_SIZE) != KM_META_SIZE) {
+  if (TransferAll(read, fd.get(), reinterpret_cast<uint8_t*>(meta), KM_META_SIZE) != KM_META_SIZE) {
     KM_LOGE("Cannot read real block device metadata\n");
-    close(fd);
     return -1;
   }
   if (meta->magic != KM_META_MAGIC) {
     KM_LOGE("magic = %d, Bad magic for real block device %s\n", static_cast<int>(meta->magic),
             key_loc);
-    close(fd);
     return -1;
   }
   if (meta->major_version != KM_META_MAJOR_VERSION) {
@@ -88,42 +85,38 @@ int GetFromFile(const char* key_loc, uint64_t offset, km_meta* meta) {
     KM_LOGW("Warning: metadata minor version %d, expected <= %d, continuing...\n",
             meta->minor_version, KM_META_MINOR_VERSION);
   }
-  close(fd);
   return 0;
 }
 
 // Writes `image` (2704 bytes) into the metadata file at `offset`; a regular file is then set to
 // its fixed length and synchronised. Shared by put and delete, messages included.
 int WriteToFile(const char* key_loc, int64_t offset, const void* image) {
-  int fd = open(key_loc, O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) {
+  tavikm::ScopedFd fd(open(key_loc, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!fd.ok()) {
     KM_LOGE("Cannot open metadata file %s for put\n", key_loc);
     return -1;
   }
-  if (lseek64(fd, offset, SEEK_SET) == -1) {
+  if (lseek64(fd.get(), offset, SEEK_SET) == -1) {
     KM_LOGE("Cannot seek to real block device meatadata\n");
-    close(fd);
     return -1;
   }
-  if (TransferAll(write, fd, static_cast<const uint8_t*>(image), KM_META_SIZE) != KM_META_SIZE) {
+  if (TransferAll(write, fd.get(), static_cast<const uint8_t*>(image), KM_META_SIZE) !=
+      KM_META_SIZE) {
     KM_LOGE("Cannot write real block device metadata\n");
-    close(fd);
     return -1;
   }
   struct stat st;
-  if (fstat(fd, &st) != 0 || (S_ISREG(st.st_mode) && ftruncate(fd, KM_METADATA_FILE_SIZE) != 0)) {
+  if (fstat(fd.get(), &st) != 0 ||
+      (S_ISREG(st.st_mode) && ftruncate(fd.get(), KM_METADATA_FILE_SIZE) != 0)) {
     KM_LOGE("Cannot set metadata file size\n");
-    close(fd);
     return -1;
   }
   // The record guards the disk's master key: make it survive a power cut before reporting it
   // stored.
-  if (!Sync(fd)) {
+  if (!Sync(fd.get())) {
     KM_LOGE("Cannot write real block device metadata\n");
-    close(fd);
     return -1;
   }
-  close(fd);
   return 0;
 }
 
@@ -164,13 +157,11 @@ int km_put_km_meta_to_secure_storage(const char* key_loc, const km_meta* meta) {
 }
 
 bool km_peek_file_record(const char* key_loc, int64_t offset, km_meta* meta) {
-  int fd = open(key_loc, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  bool read_all =
-      lseek64(fd, offset, SEEK_SET) != -1 &&
-      TransferAll(read, fd, reinterpret_cast<uint8_t*>(meta), KM_META_SIZE) == KM_META_SIZE;
-  close(fd);
-  return read_all;
+  tavikm::ScopedFd fd(open(key_loc, O_RDONLY | O_CLOEXEC));
+  if (!fd.ok()) return false;
+  return lseek64(fd.get(), offset, SEEK_SET) != -1 &&
+         TransferAll(read, fd.get(), reinterpret_cast<uint8_t*>(meta), KM_META_SIZE) ==
+             KM_META_SIZE;
 }
 
 int km_delete_meta(const char* key_loc, int64_t offset) {

@@ -14,8 +14,10 @@
 #include <openssl/crypto.h>
 
 #include "common/flags.h"
+#include "common/key_upgrade.h"
 #include "common/log.h"
 #include "common/record_view.h"
+#include "common/scopers.h"
 #include "keymaster/legacy_keymaster.h"
 #include "metadata/keys.h"
 #include "tavikm.h"
@@ -50,37 +52,31 @@ void KekEntryName(const km_meta* meta, char (&name)[256]) {
 int EncryptKekByKeymaster4(km_meta* meta, const uint8_t* kek, uint64_t kek_len) {
   unsigned char* out = nullptr;
   unsigned int out_len = 0;
-  auto encrypt = [&] {
-    return km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
-      int rc = km_encrypt_with_record_key(meta, kek, kek_len, &out, size);
-      out_len = *size;
-      return rc;
-    });
-  };
-  int rc = encrypt();
-  if (rc < 0) {
-    KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", rc);
-    if (rc != -2) {
-      KM_LOGE("%s : Failed to upgrade key", "km_get_km_meta");
-      return -1;
-    }
-    if (km_upgrade_aes_key(meta) != 0) return -1;
-    rc = km_put_km_meta(meta->key_name, 0, meta);
-    if (rc < 0) {
-      KM_LOGE("Failed to write upgraded km_meta\n");
-      return rc;
-    }
-    // Encrypt once more with the upgraded key: the first attempt produced nothing.
-    rc = encrypt();
-    if (rc < 0) {
-      KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", rc);
-      return -1;
-    }
-  }
+  // Encrypt once more with the upgraded key: the first attempt produced nothing. Every failure
+  // of the encryption itself is -1 here; a failed store keeps its own result.
+  const int rc = tavikm::RetryAfterKeyUpgrade(
+      1,
+      [&](bool upgraded) {
+        const int r = km_with_low_half(&meta->xtkm_value_size, [&](unsigned int* size) {
+          const int encrypted = km_encrypt_with_record_key(meta, kek, kek_len, &out, size);
+          out_len = *size;
+          return encrypted;
+        });
+        if (r >= 0) return r;
+        KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", r);
+        if (upgraded) return -1;
+        if (r == tavikm::kKeyRequiresUpgrade) return r;
+        KM_LOGE("%s : Failed to upgrade key", "km_get_km_meta");
+        return -1;
+      },
+      [&] {
+        return km_upgrade_aes_key_and_store(
+            meta, [&] { return km_put_km_meta(meta->key_name, 0, meta); });
+      });
+  if (rc < 0) return rc;
   // The output is the KEK plus its 16-byte tag: copy what there is, at most the field.
+  const tavikm::ScopedWipedBuffer ciphertext(out, out_len);
   memcpy(meta->xtkm_value, out, std::min<size_t>(out_len, sizeof(meta->xtkm_value)));
-  OPENSSL_cleanse(out, out_len);
-  free(out);
   return 0;
 }
 
@@ -127,10 +123,7 @@ int km_meta_upgrade_kek(const char* key_loc, km_meta* meta) {
   uint64_t kek_len = 32;
   char entry[256];
   KekEntryName(meta, entry);
-  auto finish = [&](int result) {
-    OPENSSL_cleanse(kek, sizeof(kek));
-    return result;
-  };
+  const tavikm::ScopedCleanse wipe_kek(kek, sizeof(kek));
 
   kmstore_device* device = nullptr;
   int rc = kmstore_device_init(&device);
@@ -139,38 +132,38 @@ int km_meta_upgrade_kek(const char* key_loc, km_meta* meta) {
   // lose the real one.
   if (rc < 0 || rc == 1 || !device) {
     KM_LOGE("Failed to read kek_rek from Secure Storage\n");
-    return finish(-1);
+    return -1;
   }
   kek_len = std::min<uint64_t>(kek_len, sizeof(kek));
 
-  if (km_ensure_aes_key(meta) != 0) return finish(-1);
+  if (km_ensure_aes_key(meta) != 0) return -1;
 
   if (!km_flag_is_set(supportCBConly)) {
     rc = EncryptKekByKeymaster4(meta, kek, kek_len);
-    if (rc != 0) return finish(rc);
+    if (rc != 0) return rc;
   } else {
     keymaster_key_blob_t key = km_legacy_key_blob(meta);
     rc = km_keymaster_encrypt_message(meta, &key, kek, meta->xtkm_value);
     if (rc < 0) {
       KM_LOGE("%s : Failed to encrypt KEK by keymaster, rc=%d", "km_get_km_meta", rc);
-      return finish(-1);
+      return -1;
     }
   }
   meta->xtkm_value_size = meta->keysize;
 
   if (km_flag_is_set(supportCBConly) && km_generate_HMAC(meta) < 0) {
     KM_LOGE("Failed to generate %s_mac by keymaster", meta->key_name);
-    return finish(-1);
+    return -1;
   }
   meta->major_version = KM_META_MAJOR_VERSION;
-  if (WriteBack(key_loc, meta) != 0) return finish(-1);
+  if (WriteBack(key_loc, meta) != 0) return -1;
 
   // Last: the record already holds the KEK. A failure here leaves a stale entry behind, and the
   // next read, finding a current record, does not try again.
   if (device->remove(entry) < 0) {
     KM_LOGE("Failed to Remove Key file : %s", entry);
     KM_LOGE("Error::%s", strerror(errno));
-    return finish(-1);
+    return -1;
   }
-  return finish(0);
+  return 0;
 }

@@ -18,6 +18,8 @@
 #include <openssl/sha.h>
 
 #include "builtin_modules.h"
+#include "common/files.h"
+#include "common/scopers.h"
 #include "tavikm_host/device.h"
 #include "tavikm_host/kmstore.h"
 #include "tavikm_kmstore.h"
@@ -44,57 +46,25 @@ int EntryPath(const char* name, std::string* path, std::string* dir_out) {
   return 0;
 }
 
-void SyncDir(const std::string& dir) {
-  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd >= 0) {
-    fsync(fd);
-    close(fd);
-  }
-}
-
-bool WriteAll(int fd, const uint8_t* data, uint64_t length) {
-  while (length > 0) {
-    ssize_t n = write(fd, data, length);
-    if (n < 0 && errno == EINTR) continue;
-    if (n == 0) errno = EIO;
-    if (n <= 0) return false;
-    data += n;
-    length -= static_cast<uint64_t>(n);
-  }
-  return true;
-}
-
 int KmstoreRead(const char* name, uint8_t* buffer, uint64_t* size) {
   if (!name || !size || (!buffer && *size)) return -EINVAL;
   std::string path;
   if (int rc = EntryPath(name, &path, nullptr); rc != 0) return rc;
   // Without O_NONBLOCK a FIFO put in the folder would block the read forever.
-  int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return errno == ENOENT ? 1 : -errno;
+  tavikm::ScopedFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.ok()) return errno == ENOENT ? 1 : -errno;
   struct stat st;
-  if (fstat(fd, &st) != 0) {
-    int err = errno;
-    close(fd);
-    return -err;
-  }
-  if (!S_ISREG(st.st_mode)) {
-    close(fd);
-    return -EINVAL;
-  }
+  if (fstat(fd.get(), &st) != 0) return -errno;
+  if (!S_ISREG(st.st_mode)) return -EINVAL;
   uint64_t stored = static_cast<uint64_t>(st.st_size);
   uint64_t want = stored < *size ? stored : *size;
   uint64_t got = 0;
   while (got < want) {
-    ssize_t n = read(fd, buffer + got, want - got);
+    ssize_t n = read(fd.get(), buffer + got, want - got);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      int err = n < 0 ? errno : EIO;
-      close(fd);
-      return -err;
-    }
+    if (n <= 0) return -(n < 0 ? errno : EIO);
     got += static_cast<uint64_t>(n);
   }
-  close(fd);
   *size = stored;
   return 0;
 }
@@ -113,10 +83,10 @@ int KmstoreWrite(const char* name, const uint8_t* buffer, uint64_t length) {
   // created by another writer, and is not replaced.
   struct stat st;
   bool creates = lstat(path.c_str(), &st) != 0;
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return -errno;
-  int err = WriteAll(fd, buffer, length) && fsync(fd) == 0 ? 0 : errno;
-  if (close(fd) != 0 && !err) err = errno;
+  tavikm::ScopedFd fd(open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+  if (!fd.ok()) return -errno;
+  int err = tavikm::WriteAll(fd.get(), buffer, length) && fsync(fd.get()) == 0 ? 0 : errno;
+  if (fd.close() != 0 && !err) err = errno;
   if (!err) {
     std::function<bool(const std::string&)> hook;
     {
@@ -138,7 +108,7 @@ int KmstoreWrite(const char* name, const uint8_t* buffer, uint64_t length) {
     errno = err;
     return -err;
   }
-  SyncDir(dir);
+  tavikm::SyncDir(dir);
   return 0;
 }
 
@@ -147,7 +117,7 @@ int KmstoreRemove(const char* name) {
   std::string dir, path;
   if (int rc = EntryPath(name, &path, &dir); rc != 0) return rc;
   if (unlink(path.c_str()) != 0) return errno == ENOENT ? 1 : -errno;
-  SyncDir(dir);
+  tavikm::SyncDir(dir);
   return 0;
 }
 

@@ -19,6 +19,8 @@
 
 #include "cli.h"
 #include "commands.h"
+#include "common/files.h"
+#include "common/scopers.h"
 #include "log_sink.h"
 #include "operations.h"
 #include "place.h"
@@ -108,49 +110,34 @@ Backup Decode(const std::vector<uint8_t>& bytes, const std::string& file) {
 }
 
 std::vector<uint8_t> ReadBackupFile(const std::string& file) {
-  int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw InputError("cannot open " + file + ": " + strerror(errno));
+  tavikm::ScopedFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.ok()) throw InputError("cannot open " + file + ": " + strerror(errno));
   std::vector<uint8_t> bytes;
   uint8_t buffer[4096];
   const size_t limit = kHeaderSize + kMaxKeyLoc + KM_META_SIZE + kDigestSize;
   for (;;) {
-    ssize_t n = read(fd, buffer, sizeof(buffer));
+    ssize_t n = read(fd.get(), buffer, sizeof(buffer));
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      int err = errno;
-      close(fd);
-      throw InputError("cannot read " + file + ": " + strerror(err));
-    }
+    if (n < 0) throw InputError("cannot read " + file + ": " + strerror(errno));
     if (n == 0) break;
     bytes.insert(bytes.end(), buffer, buffer + n);
     if (bytes.size() > limit) break;  // longer than any backup; Decode refuses it
   }
-  close(fd);
   return bytes;
 }
 
 // Writes a new file `file` (never replacing one), synchronised before it is reported written.
 void WriteNewFile(const std::string& file, const std::vector<uint8_t>& bytes) {
-  int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0) {
+  tavikm::ScopedFd fd(open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!fd.ok()) {
     if (errno == EEXIST) {
       throw ToolError(kExitFailure, file + " already exists; a backup never replaces a file");
     }
     throw ToolError(kExitFailure, "cannot create " + file + ": " + strerror(errno));
   }
-  size_t done = 0;
-  int err = 0;
-  while (done < bytes.size()) {
-    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      err = n < 0 ? errno : EIO;
-      break;
-    }
-    done += static_cast<size_t>(n);
-  }
-  if (!err && fsync(fd) != 0) err = errno;
-  if (close(fd) != 0 && !err) err = errno;
+  int err =
+      tavikm::WriteAll(fd.get(), bytes.data(), bytes.size()) && fsync(fd.get()) == 0 ? 0 : errno;
+  if (fd.close() != 0 && !err) err = errno;
   if (err) {
     unlink(file.c_str());
     throw ToolError(kExitFailure, "cannot write " + file + ": " + strerror(err));

@@ -12,6 +12,7 @@
 #include <optional>
 
 #include "cli.h"
+#include "common/scopers.h"
 #include "operations.h"
 #include "password.h"
 #include "place.h"
@@ -97,14 +98,13 @@ KeyBytes KeyFromHex(std::string hex, const std::string& source) {
   size_t size = 0;
   uint8_t* bytes = km_convert_hex_ascii_to_key(hex.c_str(), &size);
   OPENSSL_cleanse(&hex[0], hex.size());
+  const tavikm::ScopedWipedBuffer owned(bytes, size);
   if (!bytes) throw UsageError(source + " is not hexadecimal text of 16 or 32 bytes");
   bool ok = size == 16 || size == 32;
   if (ok) {
     memcpy(key.data(), bytes, size);
     key.set_size(size);
   }
-  OPENSSL_cleanse(bytes, size);
-  free(bytes);
   if (!ok)
     throw UsageError(source + " holds " + std::to_string(size) + " bytes; a KEK has 16 or 32");
   return key;

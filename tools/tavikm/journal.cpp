@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "cli.h"
+#include "common/files.h"
+#include "common/scopers.h"
 #include "tavikm_host/device.h"
 
 namespace tavikm_tool {
@@ -28,17 +30,9 @@ std::string JournalPath(const std::string& path) {
   return JournalDir() + "/" + Hex(digest, 16);
 }
 
-void SyncDir(const std::string& dir) {
-  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  fsync(fd);
-  close(fd);
-}
-
-bool WriteAll(int fd, const uint8_t* data, size_t size, uint64_t offset, bool positioned) {
+bool WriteAllAt(int fd, const uint8_t* data, size_t size, uint64_t offset) {
   while (size > 0) {
-    ssize_t n =
-        positioned ? pwrite(fd, data, size, static_cast<off_t>(offset)) : write(fd, data, size);
+    ssize_t n = pwrite(fd, data, size, static_cast<off_t>(offset));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     data += n;
@@ -102,7 +96,7 @@ bool Parse(const std::vector<uint8_t>& bytes, Parsed* out) {
 
 void Remove(const std::string& journal) {
   unlink(journal.c_str());
-  SyncDir(JournalDir());
+  tavikm::SyncDir(JournalDir());
 }
 
 }  // namespace
@@ -128,15 +122,16 @@ void WriteJournal(const std::string& path, uint64_t offset, const km_meta& old_i
   Put(&bytes, digest, sizeof(digest));
 
   std::string journal = JournalPath(path);
-  int fd = open(journal.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) throw ToolError(kExitFailure, "cannot write " + journal + ": " + strerror(errno));
-  bool ok = WriteAll(fd, bytes.data(), bytes.size(), 0, false) && fsync(fd) == 0;
-  ok = close(fd) == 0 && ok;
+  tavikm::ScopedFd fd(
+      open(journal.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!fd.ok()) throw ToolError(kExitFailure, "cannot write " + journal + ": " + strerror(errno));
+  bool ok = tavikm::WriteAll(fd.get(), bytes.data(), bytes.size()) && fsync(fd.get()) == 0;
+  ok = fd.close() == 0 && ok;
   if (!ok) {
     Remove(journal);
     throw ToolError(kExitFailure, "cannot write " + journal + "; the record is unchanged");
   }
-  SyncDir(dir);
+  tavikm::SyncDir(dir);
 }
 
 void DropJournal(const std::string& path) { Remove(JournalPath(path)); }
@@ -158,20 +153,21 @@ Replay ReplayJournal(const std::string& path) {
     return Replay::kDiscarded;
   }
 
-  int file = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-  if (file < 0) throw ToolError(kExitFailure, "cannot open " + path + ": " + strerror(errno));
+  tavikm::ScopedFd file(open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  if (!file.ok()) throw ToolError(kExitFailure, "cannot open " + path + ": " + strerror(errno));
   km_meta current;
   uint8_t digest[SHA256_DIGEST_LENGTH];
-  bool ok = ReadAll(file, reinterpret_cast<uint8_t*>(&current), sizeof(current), parsed.offset);
+  bool ok =
+      ReadAll(file.get(), reinterpret_cast<uint8_t*>(&current), sizeof(current), parsed.offset);
   if (ok) Sha256(current, digest);
   Replay result = Replay::kCompleted;
   if (!ok || CRYPTO_memcmp(digest, parsed.intended, sizeof(digest)) != 0) {
     result = Replay::kRestored;
-    ok = WriteAll(file, reinterpret_cast<const uint8_t*>(&parsed.old_image), KM_META_SIZE,
-                  parsed.offset, true);
+    ok = WriteAllAt(file.get(), reinterpret_cast<const uint8_t*>(&parsed.old_image), KM_META_SIZE,
+                    parsed.offset);
   }
-  ok = fsync(file) == 0 && ok;
-  close(file);
+  ok = fsync(file.get()) == 0 && ok;
+  file.reset();
   if (!ok) {
     throw ToolError(kExitFailure, "cannot put back the record of " + path + " from " + journal);
   }

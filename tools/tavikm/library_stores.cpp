@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "cli.h"
+#include "common/scopers.h"
 #include "journal.h"
 
 namespace tavikm_tool {
@@ -33,9 +34,9 @@ int UndoLibraryStores(const OpenedPlace& opened, const km_meta& meta,
   if (target[0] != '/' && mdfpp_property_get(supportMdfpp)) return call();
 
   struct stat st;
-  int fd = OpenMetadataFile(target, &st);
-  if (fd < 0) return call();  // the library would create it; nothing there to lose
-  close(fd);
+  if (!tavikm::ScopedFd(OpenMetadataFile(target, &st)).ok()) {
+    return call();  // the library would create it; nothing there to lose
+  }
   // The file of another place needs its own lock and journal replay; the command's own file has
   // had both.
   std::unique_ptr<OpenedPlace> other;
@@ -48,23 +49,20 @@ int UndoLibraryStores(const OpenedPlace& opened, const km_meta& meta,
   if (!realpath(target.c_str(), resolved)) {
     throw ToolError(kExitFailure, "cannot resolve " + target + ": " + strerror(errno));
   }
-  int file = open(resolved, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-  if (file < 0) throw ToolError(kExitFailure, "cannot open " + target + ": " + strerror(errno));
+  tavikm::ScopedFd file(open(resolved, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  if (!file.ok()) throw ToolError(kExitFailure, "cannot open " + target + ": " + strerror(errno));
   km_meta before;
-  if (!ReadAt(file, &before)) {
-    close(file);
-    throw ToolError(kExitFailure, "cannot read " + target);
-  }
+  if (!ReadAt(file.get(), &before)) throw ToolError(kExitFailure, "cannot read " + target);
   // The intended image is the old one: a crash inside the call gets the old bytes back.
   WriteJournal(resolved, 0, before, before);
   int rc = call();
   km_meta after;
-  bool ok = ReadAt(file, &after);
+  bool ok = ReadAt(file.get(), &after);
   if (ok && memcmp(&after, &before, sizeof(before)) != 0) {
-    ok = pwrite(file, &before, sizeof(before), 0) == static_cast<ssize_t>(sizeof(before)) &&
-         fsync(file) == 0;
+    ok = pwrite(file.get(), &before, sizeof(before), 0) == static_cast<ssize_t>(sizeof(before)) &&
+         fsync(file.get()) == 0;
   }
-  close(file);
+  file.reset();
   if (!ok) throw ToolError(kExitFailure, "cannot put back offset 0 of " + target);
   DropJournal(resolved);
   return rc;

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "cli.h"
+#include "common/scopers.h"
 
 namespace tavikm_tool {
 namespace {
@@ -49,16 +50,10 @@ Password FromFile(const std::string& file) {
     }
     return password;
   }
-  int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw InputError("cannot open password file " + file + ": " + strerror(errno));
-  bool any;
-  try {
-    any = ReadLine(fd, &password, file);
-  } catch (...) {
-    close(fd);
-    throw;
-  }
-  close(fd);
+  tavikm::ScopedFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.ok()) throw InputError("cannot open password file " + file + ": " + strerror(errno));
+  const bool any = ReadLine(fd.get(), &password, file);
+  fd.reset();
   if (!any) throw InputError("password file " + file + " is empty");
   return password;
 }

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "cli.h"
+#include "common/scopers.h"
 #include "log_sink.h"
 
 namespace tavikm_tool {
@@ -67,8 +68,8 @@ void CheckRoom(const Place& place) {
 }
 
 int OpenMetadataFile(const std::string& path, struct stat* st) {
-  int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
+  tavikm::ScopedFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.ok()) {
     if (errno == ENOENT) return -1;
     int err = errno;
     // A socket cannot be opened at all; say what it is rather than "No such device".
@@ -78,17 +79,14 @@ int OpenMetadataFile(const std::string& path, struct stat* st) {
     }
     throw ToolError(kExitFailure, "cannot open " + path + ": " + strerror(err));
   }
-  if (fstat(fd, st) != 0) {
-    int err = errno;
-    close(fd);
-    throw ToolError(kExitFailure, "cannot read the status of " + path + ": " + strerror(err));
+  if (fstat(fd.get(), st) != 0) {
+    throw ToolError(kExitFailure, "cannot read the status of " + path + ": " + strerror(errno));
   }
   if (!S_ISREG(st->st_mode) && !S_ISBLK(st->st_mode)) {
-    close(fd);
     throw ToolError(kExitFailure, path + " is " + KindOf(st->st_mode) +
                                       ", not a metadata file (a regular file or a block device)");
   }
-  return fd;
+  return fd.release();
 }
 
 bool RawRecord::Kek() const {
@@ -128,24 +126,19 @@ RawRecord ReadRaw(const Place& place) {
     return raw;
   }
   struct stat st;
-  int fd = OpenMetadataFile(place.loc, &st);
-  if (fd < 0) return raw;
+  tavikm::ScopedFd fd(OpenMetadataFile(place.loc, &st));
+  if (!fd.ok()) return raw;
   raw.found = true;
   raw.regular_file = S_ISREG(st.st_mode);
   raw.file_size = static_cast<uint64_t>(st.st_size);
   while (raw.stored_length < KM_META_SIZE) {
-    ssize_t n = pread(fd, buffer + raw.stored_length, KM_META_SIZE - raw.stored_length,
+    ssize_t n = pread(fd.get(), buffer + raw.stored_length, KM_META_SIZE - raw.stored_length,
                       static_cast<off_t>(place.offset + raw.stored_length));
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) {
-      int err = errno;
-      close(fd);
-      throw ToolError(kExitFailure, "cannot read " + place.loc + ": " + strerror(err));
-    }
+    if (n < 0) throw ToolError(kExitFailure, "cannot read " + place.loc + ": " + strerror(errno));
     if (n == 0) break;
     raw.stored_length += static_cast<uint64_t>(n);
   }
-  close(fd);
   return raw;
 }
 

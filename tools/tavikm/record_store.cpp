@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "cli.h"
+#include "common/files.h"
+#include "common/scopers.h"
 #include "journal.h"
 #include "log_sink.h"
 
@@ -22,25 +24,6 @@ std::string DirOf(const std::string& path) {
   size_t slash = path.rfind('/');
   if (slash == std::string::npos) return ".";
   return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-void SyncDir(const std::string& dir) {
-  int fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  fsync(fd);
-  close(fd);
-}
-
-bool WriteAll(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n == 0) errno = EIO;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
 }
 
 ToolError StoreFailed(const Place& place, const std::string& what) {
@@ -55,12 +38,13 @@ void CreateFile(const Place& place, const km_meta& image) {
   std::string dir = DirOf(place.loc);
   std::string base = place.loc.substr(place.loc.rfind('/') + 1);
   std::string tmp = dir + "/.tavikm-new-" + std::to_string(getpid()) + "-" + base;
-  int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0) {
+  tavikm::ScopedFd fd(open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  if (!fd.ok()) {
     throw ToolError(kExitFailure, "cannot create " + place.loc + ": " + strerror(errno));
   }
-  int err = WriteAll(fd, file.data(), file.size()) && fsync(fd) == 0 ? 0 : errno;
-  if (close(fd) != 0 && !err) err = errno;
+  int err =
+      tavikm::WriteAll(fd.get(), file.data(), file.size()) && fsync(fd.get()) == 0 ? 0 : errno;
+  if (fd.close() != 0 && !err) err = errno;
   if (err) {
     unlink(tmp.c_str());
     throw ToolError(kExitFailure, "cannot create " + place.loc + ": " + strerror(err));
@@ -68,7 +52,7 @@ void CreateFile(const Place& place, const km_meta& image) {
   int rc = link(tmp.c_str(), place.loc.c_str());
   err = errno;
   unlink(tmp.c_str());
-  SyncDir(dir);
+  tavikm::SyncDir(dir);
   if (rc != 0 && err == EEXIST) {
     throw ToolError(kExitFailure, place.loc +
                                       " was created by another command meanwhile; nothing was "

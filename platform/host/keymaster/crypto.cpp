@@ -9,16 +9,6 @@
 namespace tavikm_host::km {
 namespace {
 
-struct PkeyDeleter {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-using Pkey = std::unique_ptr<EVP_PKEY, PkeyDeleter>;
-
-struct PkeyCtxDeleter {
-  void operator()(EVP_PKEY_CTX* ctx) const { EVP_PKEY_CTX_free(ctx); }
-};
-using PkeyCtx = std::unique_ptr<EVP_PKEY_CTX, PkeyCtxDeleter>;
-
 bool Fail() {
   ERR_clear_error();
   return false;
@@ -36,18 +26,18 @@ const EVP_CIPHER* Cbc(size_t key_size) {
   return nullptr;
 }
 
-Pkey ParsePrivate(const SecretBytes& der) {
+tavikm::ScopedPkey ParsePrivate(const SecretBytes& der) {
   const uint8_t* p = der.data();
-  Pkey key(d2i_PrivateKey(EVP_PKEY_RSA, nullptr, &p, static_cast<long>(der.size())));
+  tavikm::ScopedPkey key(d2i_PrivateKey(EVP_PKEY_RSA, nullptr, &p, static_cast<long>(der.size())));
   if (!key) ERR_clear_error();
   return key;
 }
 
 bool RawOperation(const SecretBytes& der, bool private_key, const uint8_t* in, size_t size,
                   std::vector<uint8_t>* out) {
-  Pkey key = ParsePrivate(der);
+  tavikm::ScopedPkey key = ParsePrivate(der);
   if (!key || size != static_cast<size_t>(EVP_PKEY_size(key.get()))) return Fail();
-  PkeyCtx ctx(EVP_PKEY_CTX_new(key.get(), nullptr));
+  tavikm::ScopedPkeyCtx ctx(EVP_PKEY_CTX_new(key.get(), nullptr));
   std::vector<uint8_t> result(size);
   size_t result_size = result.size();
   bool ok;
@@ -136,7 +126,7 @@ bool AesStream::FinishCbc(std::vector<uint8_t>* out) {
 }
 
 bool GenerateRsaKey(unsigned bits, SecretBytes* der) {
-  PkeyCtx ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr));
+  tavikm::ScopedPkeyCtx ctx(EVP_PKEY_CTX_new_id(EVP_PKEY_RSA, nullptr));
   EVP_PKEY* raw = nullptr;
   // Both libraries default to the public exponent 65537.
   if (!ctx || EVP_PKEY_keygen_init(ctx.get()) <= 0 ||
@@ -144,7 +134,7 @@ bool GenerateRsaKey(unsigned bits, SecretBytes* der) {
       EVP_PKEY_keygen(ctx.get(), &raw) <= 0) {
     return Fail();
   }
-  Pkey key(raw);
+  tavikm::ScopedPkey key(raw);
   int size = i2d_PrivateKey(key.get(), nullptr);
   if (size <= 0) return Fail();
   SecretBytes out(static_cast<size_t>(size));
@@ -155,7 +145,7 @@ bool GenerateRsaKey(unsigned bits, SecretBytes* der) {
 }
 
 size_t RsaModulusSize(const SecretBytes& der) {
-  Pkey key = ParsePrivate(der);
+  tavikm::ScopedPkey key = ParsePrivate(der);
   return key ? static_cast<size_t>(EVP_PKEY_size(key.get())) : 0;
 }
 
@@ -170,7 +160,7 @@ bool RsaRawPublic(const SecretBytes& der, const uint8_t* in, size_t size,
 }
 
 bool RsaPublicKeyInfo(const SecretBytes& der, std::vector<uint8_t>* out) {
-  Pkey key = ParsePrivate(der);
+  tavikm::ScopedPkey key = ParsePrivate(der);
   if (!key) return false;
   int size = i2d_PUBKEY(key.get(), nullptr);
   if (size <= 0) return Fail();

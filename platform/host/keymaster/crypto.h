@@ -7,19 +7,14 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <memory>
 #include <vector>
 
 #include <openssl/evp.h>
 
+#include "common/scopers.h"
 #include "secret_bytes.h"
 
 namespace tavikm_host::km {
-
-struct CipherCtxDeleter {
-  void operator()(EVP_CIPHER_CTX* ctx) const { EVP_CIPHER_CTX_free(ctx); }
-};
-using CipherCtx = std::unique_ptr<EVP_CIPHER_CTX, CipherCtxDeleter>;
 
 // AES (128 or 256 bits by key length) in GCM or CBC-without-padding mode, fed in pieces.
 class AesStream {
@@ -39,7 +34,7 @@ class AesStream {
   bool FinishCbc(std::vector<uint8_t>* out);
 
  private:
-  CipherCtx ctx_;
+  tavikm::ScopedCipherCtx ctx_;
 };
 
 // A fresh RSA key of `bits` with exponent 65537, as DER (PKCS#1 private key).

@@ -21,6 +21,7 @@
 #include <openssl/rand.h>
 #include <openssl/sha.h>
 
+#include "common/files.h"
 #include "tavikm_host/device.h"
 #include "tavikm_host/keymaster.h"
 
@@ -56,17 +57,6 @@ bool ReadExactly(const std::string& path, uint8_t* out, size_t size) {
   return ok;
 }
 
-bool WriteAll(int fd, const uint8_t* data, size_t size) {
-  while (size > 0) {
-    ssize_t n = write(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 // Writes a fresh secret to a temporary file and links it into place, so a reader never sees a
 // partial secret and two first users agree on one.
 bool CreateSecret(const std::string& dir, const std::string& path) {
@@ -75,7 +65,8 @@ bool CreateSecret(const std::string& dir, const std::string& path) {
   std::string temp = dir + "/.device_secret.XXXXXX";
   int fd = mkstemp(temp.data());
   if (fd < 0) return false;
-  bool ok = fchmod(fd, 0600) == 0 && WriteAll(fd, fresh.data(), fresh.size()) && fsync(fd) == 0;
+  bool ok =
+      fchmod(fd, 0600) == 0 && tavikm::WriteAll(fd, fresh.data(), fresh.size()) && fsync(fd) == 0;
   close(fd);
   if (ok && link(temp.c_str(), path.c_str()) != 0 && errno != EEXIST) ok = false;
   unlink(temp.c_str());
@@ -288,7 +279,7 @@ bool StartRateLimit(const std::string& key_id, uint32_t seconds, uint64_t now_ms
   }
   kept += key_id + " " + std::to_string(now_ms) + " " + std::to_string(seconds) + "\n";
   bool ok = lseek(fd, 0, SEEK_SET) == 0 && ftruncate(fd, 0) == 0 &&
-            WriteAll(fd, reinterpret_cast<const uint8_t*>(kept.data()), kept.size());
+            tavikm::WriteAll(fd, reinterpret_cast<const uint8_t*>(kept.data()), kept.size());
   close(fd);
   return ok;
 }

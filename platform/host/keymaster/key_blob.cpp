@@ -84,7 +84,7 @@ bool SealKeyBlob(const KeyBlobContents& contents, std::vector<uint8_t>* blob) {
   size_t body = out.size();
   out.resize(body + plain.size() + kTagSize);
 
-  CipherCtx ctx(EVP_CIPHER_CTX_new());
+  tavikm::ScopedCipherCtx ctx(EVP_CIPHER_CTX_new());
   int n = 0, final_n = 0;
   bool ok = ctx && EVP_EncryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) &&
             EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, kNonceSize, nullptr) &&
@@ -116,7 +116,7 @@ bool OpenKeyBlob(const uint8_t* blob, size_t size, KeyBlobContents* contents) {
   uint8_t tag[kTagSize];
   memcpy(tag, blob + size - kTagSize, kTagSize);
   SecretBytes plain(cipher_size);
-  CipherCtx ctx(EVP_CIPHER_CTX_new());
+  tavikm::ScopedCipherCtx ctx(EVP_CIPHER_CTX_new());
   int n = 0, final_n = 0;
   bool ok = ctx && EVP_DecryptInit_ex(ctx.get(), EVP_aes_256_gcm(), nullptr, nullptr, nullptr) &&
             EVP_CIPHER_CTX_ctrl(ctx.get(), EVP_CTRL_GCM_SET_IVLEN, kNonceSize, nullptr) &&
