@@ -168,17 +168,6 @@ inline hw::AuthorizationSetBuilder AesGcmKey(uint32_t bits = 256) {
   return params;
 }
 
-// The library's RSA binding key.
-inline hw::AuthorizationSetBuilder RsaSigningKey(uint32_t min_seconds_between_ops) {
-  hw::AuthorizationSetBuilder params;
-  params.RsaSigningKey(2048, 65537)
-      .NoDigestOrPadding()
-      .Authorization(hw::TAG_BLOB_USAGE_REQUIREMENTS, hw::KeyBlobUsageRequirements::STANDALONE)
-      .Authorization(hw::TAG_NO_AUTH_REQUIRED)
-      .Authorization(hw::TAG_MIN_SECONDS_BETWEEN_OPS, min_seconds_between_ops);
-  return params;
-}
-
 // The library's GCM operation parameters with a caller nonce (referred to, not copied).
 inline hw::AuthorizationSetBuilder GcmParams(const Bytes& nonce) {
   hw::AuthorizationSetBuilder params;
