@@ -1,6 +1,7 @@
 // The AES side of the Keymaster services on the software Keymaster and on injected faults: the
 // security probes, AES key creation into the caller's buffer, object encryption and decryption
-// with the rate-limit wait and the upgrade answer, and the upgrade of the AES key's blob.
+// with the rate-limit wait and the upgrade answer. Upgrading the AES key's blob is tested with
+// the RSA key's, in mdfpp_rsa_test.cpp.
 #include <cutils/properties.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,7 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>

@@ -1,6 +1,7 @@
 // The scrypt-binding side of the Keymaster services on the software Keymaster and on injected
 // faults: the RSA key made and upgraded into the caller's buffer, and objects signed with it
-// (checked with the key's public half), with the key's own rate limit waited out.
+// (checked with the key's public half), with the key's own rate limit waited out; and both
+// upgrade services, the AES key's too.
 #include <cutils/properties.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
