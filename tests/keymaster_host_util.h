@@ -97,13 +97,6 @@ inline BlobResult Upgrade(hw::IKeymasterDevice& km, const Bytes& blob,
   return result;
 }
 
-inline BlobResult Export(hw::IKeymasterDevice& km, const Bytes& blob,
-                         hw::KeyFormat format = hw::KeyFormat::X509) {
-  BlobResult result;
-  ExpectOk(km.exportKey(format, View(blob), {}, {}, result.Callback()));
-  return result;
-}
-
 struct Begun {
   ErrorCode error = ErrorCode::UNKNOWN_ERROR;
   uint64_t handle = 0;

@@ -84,7 +84,9 @@ class MdfppRsaTest : public MdfppTest {
   // s^e mod n with the key's public half: for a raw signature, the object itself.
   Bytes Recover(const Bytes& key, const Bytes& signature) {
     kmhost::KeymasterPtr km = kmhost::FirstDevice();
-    kmhost::BlobResult spki = kmhost::Export(*km, key);
+    kmhost::BlobResult spki;
+    kmhost::ExpectOk(
+        km->exportKey(hw::KeyFormat::X509, kmhost::View(key), {}, {}, spki.Callback()));
     EXPECT_EQ(spki.error, ErrorCode::OK);
     const uint8_t* p = spki.blob.data();
     EVP_PKEY* pub = d2i_PUBKEY(nullptr, &p, static_cast<long>(spki.blob.size()));
