@@ -172,10 +172,12 @@ TEST_F(MdfppRsaTest, KeysThatNeedAnUpgradeAreUpgradedInPlaceAndWorkAgain) {
   Bytes sealed, opened, signature;
   const auto crypt = [&](auto service, const Bytes& key, const Bytes& in, Bytes* out) {
     unsigned char* buffer = nullptr;
-    unsigned int size = 0;
+    unsigned int size = 0xdead;
+    // No upgrade buffer: a service that wrote one on -2 would fault.
     int rc = service(key.data(), key.size(), nonce.data(), nonce.size(), 1, in.data(), in.size(),
                      &buffer, &size, nullptr, 0, nullptr);
     if (rc == 0) out->assign(buffer, buffer + size);
+    EXPECT_TRUE(rc == 0 || (buffer == nullptr && size == 0xdeadu));  // nothing handed out
     free(buffer);
     return rc;
   };
