@@ -143,7 +143,14 @@ TEST_F(KeymasterDeviceTest, RsaGenerationRefusesWhatThisHardwareCannotMake) {
 TEST_F(KeymasterDeviceTest, RawRsaSignsNumbersBelowTheModulusOnly) {
   uint64_t now = 5000;
   tavikm_host::SetKeymasterClock([&now] { return now; });
-  KeyResult key = Generate(*km_, RsaSigningKey(1));
+  // The library's RSA binding key.
+  hw::AuthorizationSetBuilder params;
+  params.RsaSigningKey(2048, 65537)
+      .NoDigestOrPadding()
+      .Authorization(hw::TAG_BLOB_USAGE_REQUIREMENTS, hw::KeyBlobUsageRequirements::STANDALONE)
+      .Authorization(hw::TAG_NO_AUTH_REQUIRED)
+      .Authorization(hw::TAG_MIN_SECONDS_BETWEEN_OPS, 1u);
+  KeyResult key = Generate(*km_, params);
   ASSERT_EQ(key.error, ErrorCode::OK);
   hw::AuthorizationSetBuilder raw;
   raw.NoDigestOrPadding();

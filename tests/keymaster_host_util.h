@@ -97,13 +97,6 @@ inline BlobResult Upgrade(hw::IKeymasterDevice& km, const Bytes& blob,
   return result;
 }
 
-inline BlobResult Export(hw::IKeymasterDevice& km, const Bytes& blob,
-                         hw::KeyFormat format = hw::KeyFormat::X509) {
-  BlobResult result;
-  ExpectOk(km.exportKey(format, View(blob), {}, {}, result.Callback()));
-  return result;
-}
-
 struct Begun {
   ErrorCode error = ErrorCode::UNKNOWN_ERROR;
   uint64_t handle = 0;
@@ -165,17 +158,6 @@ inline hw::AuthorizationSetBuilder AesGcmKey(uint32_t bits = 256) {
       .Authorization(hw::TAG_NO_AUTH_REQUIRED)
       .Authorization(hw::TAG_MIN_MAC_LENGTH, 128u)
       .Padding(hw::PaddingMode::NONE);
-  return params;
-}
-
-// The library's RSA binding key.
-inline hw::AuthorizationSetBuilder RsaSigningKey(uint32_t min_seconds_between_ops) {
-  hw::AuthorizationSetBuilder params;
-  params.RsaSigningKey(2048, 65537)
-      .NoDigestOrPadding()
-      .Authorization(hw::TAG_BLOB_USAGE_REQUIREMENTS, hw::KeyBlobUsageRequirements::STANDALONE)
-      .Authorization(hw::TAG_NO_AUTH_REQUIRED)
-      .Authorization(hw::TAG_MIN_SECONDS_BETWEEN_OPS, min_seconds_between_ops);
   return params;
 }
 

@@ -1,6 +1,7 @@
 // The AES side of the Keymaster services on the software Keymaster and on injected faults: the
 // security probes, AES key creation into the caller's buffer, object encryption and decryption
-// with the rate-limit wait and the upgrade answer, and the upgrade of the AES key's blob.
+// with the rate-limit wait and the upgrade answer. Upgrading the AES key's blob is tested with
+// the RSA key's, in mdfpp_rsa_test.cpp.
 #include <cutils/properties.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,7 +9,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -203,47 +203,6 @@ TEST_F(MdfppAesTest, FailedStepsAreNamedPerDirection) {
       tavikm_host::SetKeymasterUpdateLimit(tavikm_host::kWholeUpdates);
     }
   }
-}
-
-// ---- Upgrade of the AES key ----------------------------------------------------------------
-
-TEST_F(MdfppAesTest, AKeyThatNeedsAnUpgradeIsUpgradedInPlaceAndWorksAgain) {
-  auto received = kmdev::UseOnly<kmdev::RecordingKeymaster>();
-  // As the records hold it: a 2048-byte buffer and its length field.
-  Bytes blob(2048, 0);
-  unsigned int created = 0;
-  ASSERT_EQ(keymaster_create_aes_key_for_mdfpp(blob.data(), blob.size(), &created), 0);
-  Bytes old_key(blob.begin(), blob.begin() + created);
-  Bytes sealed, opened;
-  ASSERT_EQ(Encrypt(old_key, Pattern(32), &sealed), 0);
-
-  property_set("ro.build.version.security_patch", "2027-02-01");
-  log_.Clear();
-  EXPECT_EQ(Decrypt(old_key, sealed, &opened), -2);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("begin failed, code -62"),
-                                                KmError("Keymaster key requires upgrade")}));
-
-  received->calls.clear();
-  unsigned long size = created;
-  ASSERT_EQ(keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(blob.data(), size, blob.data(),
-                                                           blob.size(), &size),
-            0);
-  auto upgrades = received->Of(KeymasterCall::kUpgradeKey);
-  ASSERT_EQ(upgrades.size(), 1u);
-  EXPECT_EQ(upgrades[0].key, old_key);
-  // The old blob stands in the NONCE parameter.
-  const auto& params = upgrades[0].params;
-  auto nonce = std::find_if(params.begin(), params.end(),
-                            [](const hw::KeyParameter& p) { return p.tag == hw::Tag::NONCE; });
-  ASSERT_NE(nonce, params.end());
-  EXPECT_EQ(Bytes(nonce->blob.begin(), nonce->blob.end()), old_key);
-  ASSERT_GT(size, 0u);
-  Bytes new_key(blob.begin(), blob.begin() + size);
-  EXPECT_NE(new_key, old_key);
-  EXPECT_EQ(Bytes(blob.begin() + size, blob.end()), Bytes(blob.size() - size, 0));
-
-  ASSERT_EQ(Decrypt(new_key, sealed, &opened), 0);
-  EXPECT_EQ(opened, Pattern(32));
 }
 
 }  // namespace

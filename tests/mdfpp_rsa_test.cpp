@@ -1,6 +1,7 @@
 // The scrypt-binding side of the Keymaster services on the software Keymaster and on injected
 // faults: the RSA key made and upgraded into the caller's buffer, and objects signed with it
-// (checked with the key's public half), with the key's own rate limit waited out.
+// (checked with the key's public half), with the key's own rate limit waited out; and both
+// upgrade services, the AES key's too.
 #include <cutils/properties.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -40,6 +41,16 @@ Bytes BindingObject() {
   return object;
 }
 
+// The upgrade services as the records call them: in place, with the blob's length in `size`.
+int UpgradeRsa(Bytes* record, unsigned long* size) {
+  return keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
+      kRsaBits, kExponent, 1, record->data(), *size, record->data(), record->size(), size);
+}
+int UpgradeAes(Bytes* record, unsigned long* size) {
+  return keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(record->data(), *size, record->data(),
+                                                        record->size(), size);
+}
+
 class MdfppRsaTest : public MdfppTest {
  protected:
   Bytes CreateKey(unsigned int ratelimit = 1) {
@@ -73,7 +84,9 @@ class MdfppRsaTest : public MdfppTest {
   // s^e mod n with the key's public half: for a raw signature, the object itself.
   Bytes Recover(const Bytes& key, const Bytes& signature) {
     kmhost::KeymasterPtr km = kmhost::FirstDevice();
-    kmhost::BlobResult spki = kmhost::Export(*km, key);
+    kmhost::BlobResult spki;
+    kmhost::ExpectOk(
+        km->exportKey(hw::KeyFormat::X509, kmhost::View(key), {}, {}, spki.Callback()));
     EXPECT_EQ(spki.error, ErrorCode::OK);
     const uint8_t* p = spki.blob.data();
     EVP_PKEY* pub = d2i_PUBKEY(nullptr, &p, static_cast<long>(spki.blob.size()));
@@ -151,36 +164,62 @@ TEST_F(MdfppRsaTest, NoKeyNoSize) {
 
 // ---- Upgrade --------------------------------------------------------------------------------
 
-TEST_F(MdfppRsaTest, AKeyThatNeedsAnUpgradeIsUpgradedInPlaceAndSignsAgain) {
+// Both keys as the records hold them (a 2048-byte buffer and its length field): refused with
+// -2 after a patch raise, upgraded in place, and usable again.
+TEST_F(MdfppRsaTest, KeysThatNeedAnUpgradeAreUpgradedInPlaceAndWorkAgain) {
   auto received = kmdev::UseOnly<kmdev::RecordingKeymaster>();
-  // As the records hold it: a 2048-byte buffer and its length field.
-  Bytes blob(2048, 0);
-  unsigned long size = 0;
-  ASSERT_EQ(keymaster_create_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, blob.data(),
-                                                          blob.size(), &size),
-            0);
-  Bytes old_key(blob.begin(), blob.begin() + size);
-
+  const Bytes nonce(12, 0x4e);
+  Bytes sealed, opened, signature;
+  const auto crypt = [&](auto service, const Bytes& key, const Bytes& in, Bytes* out) {
+    unsigned char* buffer = nullptr;
+    unsigned int size = 0xdead;
+    // No upgrade buffer: a service that wrote one on -2 would fault.
+    int rc = service(key.data(), key.size(), nonce.data(), nonce.size(), 1, in.data(), in.size(),
+                     &buffer, &size, nullptr, 0, nullptr);
+    if (rc == 0) out->assign(buffer, buffer + size);
+    EXPECT_TRUE(rc == 0 || (buffer == nullptr && size == 0xdeadu));  // nothing handed out
+    free(buffer);
+    return rc;
+  };
+  const Bytes rsa_key = CreateKey(), aes_key = CreateAesKey();
+  ASSERT_EQ(crypt(keymaster_encrypt_object_for_mdfpp, aes_key, Pattern(32), &sealed), 0);
+  const auto check = [&](const Bytes& old_key, auto upgrade, auto use, bool old_blob_as_nonce) {
+    log_.Clear();
+    EXPECT_EQ(use(old_key), -2);
+    EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("begin failed, code -62"),
+                                                  KmError("Keymaster key requires upgrade")}));
+    Bytes record(2048, 0);
+    std::copy(old_key.begin(), old_key.end(), record.begin());
+    unsigned long size = old_key.size();
+    received->calls.clear();
+    ASSERT_EQ(upgrade(&record, &size), 0);
+    auto upgrades = received->Of(KeymasterCall::kUpgradeKey);
+    ASSERT_EQ(upgrades.size(), 1u);
+    EXPECT_EQ(upgrades[0].key, old_key);
+    // The AES key's old blob stands in the NONCE parameter.
+    const auto& params = upgrades[0].params;
+    EXPECT_EQ(std::any_of(params.begin(), params.end(),
+                          [&](const hw::KeyParameter& p) {
+                            return p.tag == hw::Tag::NONCE &&
+                                   Bytes(p.blob.begin(), p.blob.end()) == old_key;
+                          }),
+              old_blob_as_nonce);
+    Bytes new_key(record.begin(), record.begin() + size);
+    EXPECT_NE(new_key, old_key);
+    EXPECT_EQ(Bytes(record.begin() + size, record.end()), Bytes(record.size() - size, 0));
+    EXPECT_EQ(use(new_key), 0);
+  };
   property_set("ro.build.version.security_patch", "2027-04-01");
-  Bytes signature;
-  log_.Clear();
-  EXPECT_EQ(Sign(old_key, BindingObject(), &signature), -2);
-  EXPECT_EQ(log_.Lines(), (std::vector<LogLine>{DeviceLine(), KmError("begin failed, code -62"),
-                                                KmError("Keymaster key requires upgrade")}));
-
-  received->calls.clear();
-  ASSERT_EQ(keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(kRsaBits, kExponent, 1, blob.data(),
-                                                           size, blob.data(), blob.size(), &size),
-            0);
-  auto upgrades = received->Of(KeymasterCall::kUpgradeKey);
-  ASSERT_EQ(upgrades.size(), 1u);
-  EXPECT_EQ(upgrades[0].key, old_key);
-  Bytes new_key(blob.begin(), blob.begin() + size);
-  EXPECT_NE(new_key, old_key);
-  EXPECT_EQ(Bytes(blob.begin() + size, blob.end()), Bytes(blob.size() - size, 0));
-
-  ASSERT_EQ(Sign(new_key, BindingObject(), &signature), 0);
-  EXPECT_EQ(Recover(new_key, signature), BindingObject());
+  check(
+      rsa_key, UpgradeRsa, [&](const Bytes& key) { return Sign(key, BindingObject(), &signature); },
+      false);
+  check(
+      aes_key, UpgradeAes,
+      [&](const Bytes& key) {
+        return crypt(keymaster_decrypt_object_for_mdfpp, key, sealed, &opened);
+      },
+      true);
+  EXPECT_EQ(opened, Pattern(32));
 }
 
 // ---- The caller's buffer: one rule for each service that fills one --------------------------
@@ -266,26 +305,15 @@ INSTANTIATE_TEST_SUITE_P(EachService, DestinationTest,
 // Both upgrade services, in place as the records call them, when no new blob comes back: the
 // record's blob and its length must stay as they were.
 TEST_F(MdfppRsaTest, AnUpgradeWithoutANewBlobLeavesTheRecordsBlobAlone) {
-  using Upgrade = int (*)(Bytes * blob, unsigned long* size);
   struct Service {
     const char* name;
     Bytes key;
-    Upgrade upgrade;
+    int (*upgrade)(Bytes* record, unsigned long* size);
     bool clears_size_first;
   };
   const Service services[] = {
-      {"scrypt", CreateKey(),
-       [](Bytes* blob, unsigned long* size) {
-         return keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
-             kRsaBits, kExponent, 1, blob->data(), *size, blob->data(), blob->size(), size);
-       },
-       true},
-      {"pbkdf2", CreateAesKey(),
-       [](Bytes* blob, unsigned long* size) {
-         return keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(blob->data(), *size, blob->data(),
-                                                               blob->size(), size);
-       },
-       false},
+      {"scrypt", CreateKey(), UpgradeRsa, true},
+      {"pbkdf2", CreateAesKey(), UpgradeAes, false},
   };
   struct Device {
     const char* what;

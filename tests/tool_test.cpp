@@ -193,7 +193,7 @@ TEST_F(ToolTest, AnOlderGenerationIsInspectedAsStoredAndUpgradedByUnlock) {
   EXPECT_EQ(Entry("userdata").size(), static_cast<size_t>(KM_META_SIZE));
 }
 
-TEST_F(ToolTest, InspectJsonMatchesTheStoredRecord) {
+TEST_F(ToolTest, InspectShowsTheStoredRecordAsJsonAndTextEvenABadOne) {
   ASSERT_EQ(
       Setup(MetadataFile(), "pw", {"--kdf", "2", "--keysize", "16", "--offset", "4096"}).status, 0);
   std::vector<uint8_t> file = ReadFile(MetadataFile());
@@ -230,12 +230,11 @@ TEST_F(ToolTest, InspectJsonMatchesTheStoredRecord) {
   EXPECT_NE(text.out.find("magic              0xd14ab29c (valid)"), kNone) << text.out;
   EXPECT_NE(text.out.find("salt               " + HexOf(meta.salt, 16)), kNone);
   EXPECT_NE(text.out.find("scrypt cost        N=1024 r=1 p=1"), kNone);
-}
 
-TEST_F(ToolTest, InspectShowsABadRecordAsItIs) {
-  // unlock refuses it: see EachExitStatusHasOneMeaningAndAFailedCommandChangesNothing.
+  // A bad record is shown as it is (unlock refuses it: see
+  // EachExitStatusHasOneMeaningAndAFailedCommandChangesNothing).
   WriteFile(MetadataFile(), std::vector<uint8_t>(KM_METADATA_FILE_SIZE, 0x5a));
-  ToolResult inspect = Tool({"inspect", MetadataFile()});
+  inspect = Tool({"inspect", MetadataFile()});
   EXPECT_EQ(inspect.status, 0) << inspect.err;
   EXPECT_NE(inspect.out.find("magic              0x5a5a5a5a (bad magic)"), kNone) << inspect.out;
   EXPECT_NE(inspect.out.find("non-zero bytes in reserved0 reserved1 pad0 pad1"), kNone);

@@ -7,6 +7,7 @@
 #include <android/log.h>
 
 #include <mutex>
+#include <utility>
 
 namespace tavikm_test {
 namespace {
@@ -31,21 +32,17 @@ void Capture(const __android_logger_data* data, const char* message) {
   if (g_lines) g_lines->push_back(std::move(line));
 }
 
+// Each libbase severity with its liblog priority; anything else is fatal.
+constexpr std::pair<android::base::LogSeverity, int> kLevels[] = {
+    {android::base::VERBOSE, ANDROID_LOG_VERBOSE}, {android::base::DEBUG, ANDROID_LOG_DEBUG},
+    {android::base::INFO, ANDROID_LOG_INFO},       {android::base::WARNING, ANDROID_LOG_WARN},
+    {android::base::ERROR, ANDROID_LOG_ERROR},
+};
+
 int PriorityOf(android::base::LogSeverity severity) {
-  switch (severity) {
-    case android::base::VERBOSE:
-      return ANDROID_LOG_VERBOSE;
-    case android::base::DEBUG:
-      return ANDROID_LOG_DEBUG;
-    case android::base::INFO:
-      return ANDROID_LOG_INFO;
-    case android::base::WARNING:
-      return ANDROID_LOG_WARN;
-    case android::base::ERROR:
-      return ANDROID_LOG_ERROR;
-    default:
-      return ANDROID_LOG_FATAL;
-  }
+  for (const auto& level : kLevels)
+    if (level.first == severity) return level.second;
+  return ANDROID_LOG_FATAL;
 }
 
 }  // namespace
@@ -72,20 +69,9 @@ LogLine LogLine::Base(android::base::LogSeverity severity, std::string file, std
 }
 
 android::base::LogSeverity LogLine::severity() const {
-  switch (priority) {
-    case ANDROID_LOG_VERBOSE:
-      return android::base::VERBOSE;
-    case ANDROID_LOG_DEBUG:
-      return android::base::DEBUG;
-    case ANDROID_LOG_INFO:
-      return android::base::INFO;
-    case ANDROID_LOG_WARN:
-      return android::base::WARNING;
-    case ANDROID_LOG_ERROR:
-      return android::base::ERROR;
-    default:
-      return android::base::FATAL;
-  }
+  for (const auto& level : kLevels)
+    if (level.second == priority) return level.first;
+  return android::base::FATAL;
 }
 
 bool LogLine::operator==(const LogLine& other) const {
