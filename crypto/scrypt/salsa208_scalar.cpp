@@ -8,8 +8,12 @@
 #include <string.h>
 
 #include "crypto/scrypt/backends.h"
+#include "crypto/scrypt/table_entry.h"
 
 namespace {
+
+using tavikm_scrypt::PrefetchEntry;
+using tavikm_scrypt::XorInto;
 
 #define KM_ROTL(x, n) (((x) << (n)) | ((x) >> (32 - (n))))
 
@@ -86,21 +90,9 @@ inline __attribute__((always_inline)) const uint32_t* NextEntry(Block& s, const 
                                                                 uint64_t N, size_t words) {
   const uint64_t k = (static_cast<uint64_t>(s.x1) << 32 | s.x0) & (N - 1);
   const uint32_t* v = V + k * words;
-  // A random, cold line set: ask for all of it now, the block needed first ahead of the rest.
-  __builtin_prefetch(v + words - 16);
-  for (size_t i = 0; i + 16 < words; i += 16) __builtin_prefetch(v + i);
+  PrefetchEntry(v, words);
   LoadXor(s, v + words - 16);
   return v;
-}
-
-// x ^= v over `words` words, 16 bytes at a time (both aligned). Ahead of BlockMix and on the
-// vector unit, which the core leaves idle, this takes the general registers a quarter of the
-// operations it would inside BlockMix; they are what the core is short of.
-typedef uint32_t Vec __attribute__((vector_size(16)));
-inline __attribute__((always_inline)) void XorInto(uint32_t* x, const uint32_t* v, size_t words) {
-  Vec* xv = reinterpret_cast<Vec*>(x);
-  const Vec* vv = reinterpret_cast<const Vec*>(v);
-  for (size_t i = 0; i < words / 4; i++) xv[i] ^= vv[i];
 }
 
 void Smix(uint8_t* B, size_t r, uint64_t N, void* v_area, void* xy_area) {

@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "crypto/scrypt/backends.h"
+#include "crypto/scrypt/table_entry.h"
 
 #if defined(__x86_64__) && defined(__ELF__)
 
@@ -13,23 +14,13 @@ extern "C" void km_salsa208_blockmix_x86_64(const uint32_t* in, uint32_t* out, s
 
 namespace {
 
-// The entry at index Integerify(last) mod N, its lines requested, the block needed first ahead
-// of the rest.
+// The entry at index Integerify(last) mod N, its lines requested.
 inline const uint32_t* NextEntry(const uint32_t* last, const uint32_t* V, uint64_t N,
                                  size_t words) {
   const uint64_t k = (static_cast<uint64_t>(last[1]) << 32 | last[0]) & (N - 1);
   const uint32_t* v = V + k * words;
-  __builtin_prefetch(v + words - 16);
-  for (size_t i = 0; i + 16 < words; i += 16) __builtin_prefetch(v + i);
+  tavikm_scrypt::PrefetchEntry(v, words);
   return v;
-}
-
-// x ^= v over `words` words, 16 bytes at a time (both aligned), ahead of BlockMix.
-typedef uint32_t Vec __attribute__((vector_size(16)));
-inline void XorInto(uint32_t* x, const uint32_t* v, size_t words) {
-  Vec* xv = reinterpret_cast<Vec*>(x);
-  const Vec* vv = reinterpret_cast<const Vec*>(v);
-  for (size_t i = 0; i < words / 4; i++) xv[i] ^= vv[i];
 }
 
 void Smix(uint8_t* B, size_t r, uint64_t N, void* v_area, void* xy_area) {
@@ -46,9 +37,9 @@ void Smix(uint8_t* B, size_t r, uint64_t N, void* v_area, void* xy_area) {
     km_salsa208_blockmix_x86_64(vj + words, j + 2 < N ? vj + 2 * words : X, r);
   }
   for (uint64_t j = 0; j < N; j += 2) {
-    XorInto(X, NextEntry(X + words - 16, V, N, words), words);
+    tavikm_scrypt::XorInto(X, NextEntry(X + words - 16, V, N, words), words);
     km_salsa208_blockmix_x86_64(X, Y, r);
-    XorInto(Y, NextEntry(Y + words - 16, V, N, words), words);
+    tavikm_scrypt::XorInto(Y, NextEntry(Y + words - 16, V, N, words), words);
     km_salsa208_blockmix_x86_64(Y, X, r);
   }
   memcpy(B, X, 128 * r);
