@@ -10,9 +10,13 @@
 
 #if defined(__x86_64__) && defined(__ELF__)
 
-extern "C" void km_salsa208_blockmix_x86_64(const uint32_t* in, uint32_t* out, size_t r);
+extern "C" void km_salsa208_blockmix_x86_64(const uint32_t* in, const uint32_t* v, size_t v_step,
+                                            uint32_t* out, size_t r);
 
 namespace {
+
+// The first loop's BlockMix has nothing to XOR in: one block of zeros stands for all of v.
+alignas(64) const uint32_t kZeroBlock[16] = {};
 
 // The entry at index Integerify(last) mod N, its lines requested.
 inline const uint32_t* NextEntry(const uint32_t* last, const uint32_t* V, uint64_t N,
@@ -33,14 +37,14 @@ void Smix(uint8_t* B, size_t r, uint64_t N, void* v_area, void* xy_area) {
   memcpy(V, B, 128 * r);
   for (uint64_t j = 0; j < N; j += 2) {
     uint32_t* vj = V + j * words;
-    km_salsa208_blockmix_x86_64(vj, vj + words, r);
-    km_salsa208_blockmix_x86_64(vj + words, j + 2 < N ? vj + 2 * words : X, r);
+    km_salsa208_blockmix_x86_64(vj, kZeroBlock, 0, vj + words, r);
+    km_salsa208_blockmix_x86_64(vj + words, kZeroBlock, 0, j + 2 < N ? vj + 2 * words : X, r);
   }
+  // The entry is XORed in block by block inside BlockMix, so the first core waits only for
+  // the entry's first and last lines, not for all of them.
   for (uint64_t j = 0; j < N; j += 2) {
-    tavikm_scrypt::XorInto(X, NextEntry(X + words - 16, V, N, words), words);
-    km_salsa208_blockmix_x86_64(X, Y, r);
-    tavikm_scrypt::XorInto(Y, NextEntry(Y + words - 16, V, N, words), words);
-    km_salsa208_blockmix_x86_64(Y, X, r);
+    km_salsa208_blockmix_x86_64(X, NextEntry(X + words - 16, V, N, words), 64, Y, r);
+    km_salsa208_blockmix_x86_64(Y, NextEntry(Y + words - 16, V, N, words), 64, X, r);
   }
   memcpy(B, X, 128 * r);
 }
