@@ -270,9 +270,9 @@ int main(int argc, char** argv) {
 
   // Defaults that give stable medians; any flag on the command line overrides them.
   std::vector<char*> args(argv, argv + argc);
-  char reps[] = "--benchmark_repetitions=11";
+  char reps[] = "--benchmark_repetitions=15";
   char interleave[] = "--benchmark_enable_random_interleaving=true";
-  char min_time[] = "--benchmark_min_time=0.2";
+  char min_time[] = "--benchmark_min_time=0.4";
   char aggregates[] = "--benchmark_report_aggregates_only=true";
   args.insert(args.begin() + 1, {reps, interleave, min_time, aggregates});
   int args_count = static_cast<int>(args.size());
