@@ -14,6 +14,7 @@
 
 #include <cutils/properties.h>
 
+#include "common/scopers.h"
 #include "tavikm_host/device.h"
 
 namespace {
@@ -42,17 +43,19 @@ std::map<std::string, std::string> LoadBuildProp() {
     return props;
   }
   // Only a regular file: a FIFO or a device in its place would block or never end.
-  int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return props;
-  struct stat st;
-  bool regular = fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
   std::string text;
-  char buffer[4096];
-  ssize_t n = 0;
-  while (regular && ((n = read(fd, buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR))) {
-    if (n > 0) text.append(buffer, static_cast<size_t>(n));
+  {
+    tavikm::ScopedFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.ok()) return props;
+    struct stat st;
+    bool regular = fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode);
+    char buffer[4096];
+    ssize_t n = 0;
+    while (regular &&
+           ((n = read(fd.get(), buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR))) {
+      if (n > 0) text.append(buffer, static_cast<size_t>(n));
+    }
   }
-  close(fd);
   std::istringstream in(text);
   std::string line;
   while (std::getline(in, line)) {

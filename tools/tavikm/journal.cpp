@@ -138,15 +138,16 @@ void DropJournal(const std::string& path) { Remove(JournalPath(path)); }
 
 Replay ReplayJournal(const std::string& path) {
   std::string journal = JournalPath(path);
-  int fd = open(journal.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return Replay::kNone;
   std::vector<uint8_t> bytes;
-  struct stat st;
-  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size < 65536) {
-    bytes.resize(static_cast<size_t>(st.st_size));
-    if (!ReadAll(fd, bytes.data(), bytes.size(), 0)) bytes.clear();
+  {
+    tavikm::ScopedFd fd(open(journal.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd.ok()) return Replay::kNone;
+    struct stat st;
+    if (fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size < 65536) {
+      bytes.resize(static_cast<size_t>(st.st_size));
+      if (!ReadAll(fd.get(), bytes.data(), bytes.size(), 0)) bytes.clear();
+    }
   }
-  close(fd);
   Parsed parsed;
   if (!Parse(bytes, &parsed) || parsed.path != path) {
     Remove(journal);

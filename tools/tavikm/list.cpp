@@ -16,6 +16,7 @@
 
 #include "cli.h"
 #include "commands.h"
+#include "common/scopers.h"
 #include "operations.h"
 #include "place.h"
 #include "record_view.h"
@@ -91,10 +92,9 @@ std::vector<Item> FileItems(const std::string& path) {
   const uint8_t magic[4] = {KM_META_MAGIC & 0xff, (KM_META_MAGIC >> 8) & 0xff,
                             (KM_META_MAGIC >> 16) & 0xff, KM_META_MAGIC >> 24};
   std::vector<uint8_t> bytes(static_cast<size_t>(std::min<uint64_t>(end, 1 << 20)));
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw ToolError(kExitFailure, "cannot open " + path + ": " + strerror(errno));
-  ssize_t got = pread(fd, bytes.data(), bytes.size(), 0);
-  close(fd);
+  tavikm::ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.ok()) throw ToolError(kExitFailure, "cannot open " + path + ": " + strerror(errno));
+  ssize_t got = pread(fd.get(), bytes.data(), bytes.size(), 0);
   if (got < 0) throw ToolError(kExitFailure, "cannot read " + path + ": " + strerror(errno));
   for (size_t at = 0; at + KM_META_SIZE <= static_cast<size_t>(got);) {
     if (memcmp(bytes.data() + at, magic, sizeof(magic)) != 0) {

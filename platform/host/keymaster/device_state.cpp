@@ -22,6 +22,7 @@
 #include <openssl/sha.h>
 
 #include "common/files.h"
+#include "common/scopers.h"
 #include "tavikm_host/device.h"
 #include "tavikm_host/keymaster.h"
 
@@ -38,12 +39,12 @@ std::string KeymasterDir() {
 }
 
 bool ReadExactly(const std::string& path, uint8_t* out, size_t size) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
+  tavikm::ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd.ok()) return false;
   size_t got = 0;
   bool ok = true;
   while (ok && got < size) {
-    ssize_t n = read(fd, out + got, size - got);
+    ssize_t n = read(fd.get(), out + got, size - got);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0)
       ok = false;
@@ -52,9 +53,7 @@ bool ReadExactly(const std::string& path, uint8_t* out, size_t size) {
   }
   // The secret is exactly its size: a longer file is as corrupt as a shorter one.
   uint8_t extra;
-  if (ok && read(fd, &extra, 1) != 0) ok = false;
-  close(fd);
-  return ok;
+  return ok && read(fd.get(), &extra, 1) == 0;
 }
 
 // Writes a fresh secret to a temporary file and links it into place, so a reader never sees a
@@ -63,11 +62,11 @@ bool CreateSecret(const std::string& dir, const std::string& path) {
   SecretBytes fresh(kDeviceSecretSize);
   if (RAND_bytes(fresh.data(), fresh.size()) != 1) return false;
   std::string temp = dir + "/.device_secret.XXXXXX";
-  int fd = mkstemp(temp.data());
-  if (fd < 0) return false;
-  bool ok =
-      fchmod(fd, 0600) == 0 && tavikm::WriteAll(fd, fresh.data(), fresh.size()) && fsync(fd) == 0;
-  close(fd);
+  tavikm::ScopedFd fd(mkstemp(temp.data()));
+  if (!fd.ok()) return false;
+  bool ok = fchmod(fd.get(), 0600) == 0 && tavikm::WriteAll(fd.get(), fresh.data(), fresh.size()) &&
+            fsync(fd.get()) == 0;
+  fd.reset();
   if (ok && link(temp.c_str(), path.c_str()) != 0 && errno != EEXIST) ok = false;
   unlink(temp.c_str());
   return ok;
@@ -252,11 +251,13 @@ bool MarkKeyDeleted(const std::string& key_id) {
 bool RateLimitRunning(const std::string& key_id, uint64_t now_ms) {
   std::string path = RateLimitsPath(false);
   if (path.empty()) return false;
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  flock(fd, LOCK_SH);
-  std::vector<RateTimer> timers = ParseTimers(ReadAll(fd));
-  close(fd);
+  std::vector<RateTimer> timers;
+  {
+    tavikm::ScopedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.ok()) return false;
+    flock(fd.get(), LOCK_SH);
+    timers = ParseTimers(ReadAll(fd.get()));
+  }
   for (const RateTimer& timer : timers) {
     if (timer.key_id == key_id && timer.Running(now_ms)) return true;
   }
@@ -266,22 +267,20 @@ bool RateLimitRunning(const std::string& key_id, uint64_t now_ms) {
 bool StartRateLimit(const std::string& key_id, uint32_t seconds, uint64_t now_ms) {
   std::string path = RateLimitsPath(true);
   if (path.empty()) return false;
-  int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) return false;
+  tavikm::ScopedFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!fd.ok()) return false;
   // Held until close: the timers of other processes are read, kept and written back whole.
-  flock(fd, LOCK_EX);
+  flock(fd.get(), LOCK_EX);
   std::string kept;
-  for (const RateTimer& timer : ParseTimers(ReadAll(fd))) {
+  for (const RateTimer& timer : ParseTimers(ReadAll(fd.get()))) {
     // Timers that ran out are dropped, so the file stays as small as the keys in use.
     if (timer.key_id == key_id || !timer.Running(now_ms)) continue;
     kept += timer.key_id + " " + std::to_string(timer.start_ms) + " " +
             std::to_string(timer.seconds) + "\n";
   }
   kept += key_id + " " + std::to_string(now_ms) + " " + std::to_string(seconds) + "\n";
-  bool ok = lseek(fd, 0, SEEK_SET) == 0 && ftruncate(fd, 0) == 0 &&
-            tavikm::WriteAll(fd, reinterpret_cast<const uint8_t*>(kept.data()), kept.size());
-  close(fd);
-  return ok;
+  return lseek(fd.get(), 0, SEEK_SET) == 0 && ftruncate(fd.get(), 0) == 0 &&
+         tavikm::WriteAll(fd.get(), reinterpret_cast<const uint8_t*>(kept.data()), kept.size());
 }
 
 void ForgetRateLimits() {
