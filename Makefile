@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The README's commands. Each first installs what the build needs (scripts/install-deps).
 JOBS ?= $(shell nproc)
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // End-to-end cost of a setup and of an unlock per kdf_type, through the shipped library on the
 // host platform (software Keymaster, secure storage in a throwaway device directory), with the
 // default scrypt factors (N=2^15, r=2^3, p=2^1).

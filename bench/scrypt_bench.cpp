@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // crypto_scrypt against the scrypt of libsodium, libscrypt and libcrypto's EVP_PBE_scrypt, on
 // the same inputs in one run, plus each Salsa20/8 back end this CPU can run and the cost of
 // wiping the table. Before the run: which back end crypto_scrypt picked, what choosing it

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Imported targets for the platform libraries the library is written against.
 #
 # Debian ships liblog, libbase and BoringSSL under /usr/include/android and

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Cross build for AArch64 Linux with Debian's cross compiler and the arm64 packages installed
 # through dpkg multiarch (scripts/install-deps --aarch64). Test programs run under qemu.
 set(CMAKE_SYSTEM_NAME Linux)

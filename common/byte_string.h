@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bytes as the std::string in which the Keymaster client classes carry blobs and data.
 #ifndef TAVIKM_COMMON_BYTE_STRING_H_
 #define TAVIKM_COMMON_BYTE_STRING_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small POSIX file helpers shared by the host platform's secure storage and the tool's record
 // stores, which both replace files atomically. Header-only, like the scopers.
 #ifndef TAVIKM_COMMON_FILES_H_

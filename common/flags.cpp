@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The feature flags: their exported property names and how a flag is read.
 #include <string.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's own reading of a feature flag.
 #ifndef TAVIKM_COMMON_FLAGS_H_
 #define TAVIKM_COMMON_FLAGS_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one way the library answers a Keymaster key bound to an older system: upgrade the key,
 // store the record so the upgrade lasts, and call the Keymaster again.
 #ifndef TAVIKM_COMMON_KEY_UPGRADE_H_

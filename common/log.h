@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's logging: the Android log with tag "TAVIKM", and the system buffer for a few
 // Keymaster-key messages.
 #ifndef TAVIKM_COMMON_LOG_H_

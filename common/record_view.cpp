@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The checks behind RecordView: one bound per length field of a stored record.
 #include "common/record_view.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one checked view of a km_meta whose bytes came from storage: each length field the library
 // acts on, and whether it stays within what the record (and the buffers its readers fill) can
 // hold. Code that trusts a stored length or the stored key_name takes it from here and, when a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Owning handles that release (and, for secrets, wipe) what they hold when they go out of scope,
 // in the style of BoringSSL's scopers but built on std::unique_ptr alone, so the same code
 // compiles against BoringSSL and OpenSSL 3. Header-only: the library, the host platform and the

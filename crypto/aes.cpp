@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // AES-GCM and AES-CBC over libcrypto's EVP interface, with 16- or 32-byte keys and a 16-byte IV.
 // Each call builds its own cipher context and releases it on every path.
 #include <openssl/evp.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conversion between key bytes and hexadecimal key text.
 #include <ctype.h>
 #include <openssl/crypto.h>

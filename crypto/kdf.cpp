@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The KDF table and its two plain entries, PBKDF2-HMAC-SHA256 and scrypt. Both read their
 // parameters from the caller's record; neither reports failure, see km_scrypt.
 #include "crypto/kdf.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The KDF table: the five key-derivation functions of a record, indexed by kdf_type - 1.
 #ifndef TAVIKM_CRYPTO_KDF_H_
 #define TAVIKM_CRYPTO_KDF_H_

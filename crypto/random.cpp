@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Random bytes from libcrypto's generator.
 #include <openssl/err.h>
 #include <openssl/rand.h>

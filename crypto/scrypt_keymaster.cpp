@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The KDF of kdf_type 5 (and, nominally, 3): scrypt, a raw RSA signature by the record's
 // Keymaster key, and scrypt again over the signature. The final key can only be computed where
 // that Keymaster and the record's key blob are at hand.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Keymaster-bound scrypt KDF (kdf_type 5, and 3 which it refuses).
 #ifndef TAVIKM_CRYPTO_SCRYPT_KEYMASTER_H_
 #define TAVIKM_CRYPTO_SCRYPT_KEYMASTER_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SHA-256 of a buffer through the EVP digest interface.
 #include <openssl/evp.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Wrapping of the disk master key under a password-derived key: AES-GCM with the tag in the
 // record's key_mac, or AES-CBC in CBC-only mode, where a separate password MAC over the wrapped
 // key stands in for the tag.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Master-key wrapping over a given KDF table. The exported km_encrypt_key, km_decrypt_key and
 // km_get_key_mac_by_password are these with km_kdf_table; tests hand in tables of their own.
 #ifndef TAVIKM_CRYPTO_WRAP_H_

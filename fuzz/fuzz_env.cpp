@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fuzz targets' emulated device and input helpers.
 #include "fuzz_env.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What every fuzz target shares: a throwaway emulated device (never the user's home) with a fixed
 // Keymaster device secret, so the key blobs in the seed corpora open; quiet logs; a reset of the
 // device between inputs; and a reader/writer for the targets' little binary input layouts.

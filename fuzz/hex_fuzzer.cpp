@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: km_convert_hex_ascii_to_key over any text (the input up to its first NUL), checked
 // against the conversion back to text.
 #include <ctype.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: km_get_kek_enc_by_rek over a stored KEK record of any length and content, with
 // the CBC-only flag set (legacy Keymaster path and kek mac) or not (Keymaster 4.0 object
 // decryption, key upgrade and write-back included).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: key blobs handed to the software Keymaster 4.0 device's upgradeKey and begin (and,
 // when begin accepts, update and finish), through support::Keymaster enumeration as the library
 // reaches it.

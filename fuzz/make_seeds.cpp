@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes the fuzz targets' seed corpora: records of every generation, KEK records and metadata
 // files made by the library itself, key blobs made by the host Keymaster (current ones and ones
 // that need an upgrade), and the edge cases of hex text and scrypt arguments. The device secret

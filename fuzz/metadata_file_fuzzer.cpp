@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: a metadata file of any length and content, read through km_get_km_meta at any
 // offset. Input: offset (8 bytes, little-endian), then the file's whole content.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: crypto_scrypt's arguments.
 //
 // Input: N (8 bytes), r (4), p (4), output length (8), password length (2), then the password

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzz target: a secure-storage record of any length and content read through km_get_km_meta
 // with the MDFPP flag set, older generations and their upgrade (with the write-back) included,
 // on the software Keymaster.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * The secure-storage device that the platform's hardware module of class "tavikm" opens: the one
  * type the library and the module that implements it share, so the module needs nothing else of

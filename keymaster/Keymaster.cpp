@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Keymaster 4.0 client: device selection, the key calls and the operation's update, finish
 // and abort, translated between byte strings and the HAL's views and callbacks.
 #include "keymaster/Keymaster.h"

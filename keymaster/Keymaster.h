@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's client of the Keymaster 4.0 HAL: Keymaster picks one device and generates,
 // upgrades and deletes keys and begins operations on it; KeymasterOperation carries one begun
 // operation through update and finish, and aborts it when it is dropped unfinished. Key blobs

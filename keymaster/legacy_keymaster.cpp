@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The legacy Keymaster path: the "keystore" module's keymaster1 device encrypts and decrypts
 // 32-byte secrets with a record's AES key blob, and the kek mac (HMAC-SHA256 over the record's
 // XTKM value) is made and checked with a MAC key kept in the record, encrypted that way.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The legacy Keymaster path (keymaster1 devices through libhardware) and the kek mac it protects:
 // 32-byte secrets encrypted with a record's AES key blob in CBC mode, and the HMAC-SHA256 over a
 // record's XTKM value whose key is kept in the record, encrypted the same way.

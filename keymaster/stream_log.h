@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The stream logger of the Keymaster client and the Keymaster services: libbase lines under the
 // source name "Keymaster", whichever file writes them.
 #ifndef TAVIKM_KEYMASTER_STREAM_LOG_H_

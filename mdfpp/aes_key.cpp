@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The AES key service: is the Keymaster secure, and a new AES-256-GCM key for the records.
 #include <keymasterV4_0/authorization_set.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Object encryption and decryption with the Keymaster's AES-256-GCM key and the caller's nonce:
 // one operation per call, the result handed out in a malloc()ed buffer. A key that needs an
 // upgrade gives -2; the caller upgrades it, stores it and calls again.

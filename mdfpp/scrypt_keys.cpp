@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The RSA key that binds scrypt to the device: is the Keymaster secure, make the key, upgrade
 // its blob; and the upgrade of the AES key's blob. Blobs go out through the caller's buffer.
 #include <keymasterV4_0/authorization_set.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rate-limited begin shared by the object encryption and signing services.
 #include "mdfpp/service.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the Keymaster services share: their two common messages, and the begin that waits out
 // the key's rate limit.
 #ifndef TAVIKM_MDFPP_SERVICE_H_

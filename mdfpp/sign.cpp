@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Object signing with the RSA binding key: the object is signed as it is (no digest, no
 // padding) and the raw signature handed out in a malloc()ed buffer.
 #include <keymasterV4_0/authorization_set.h>

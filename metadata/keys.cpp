@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record's Keymaster AES key.
 #include "metadata/keys.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record's Keymaster AES key and the Keymaster 4.0 object encryption of small secrets with
 // it, as the setup, the REK/KEK store and the upgrade of older records use them.
 #ifndef TAVIKM_METADATA_KEYS_H_

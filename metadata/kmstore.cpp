@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The secure-storage device: opened once per process on first use and kept.
 #include <string.h>
 

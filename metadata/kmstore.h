@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening the secure-storage device on behalf of one record call.
 #ifndef TAVIKM_METADATA_KMSTORE_H_
 #define TAVIKM_METADATA_KMSTORE_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bounded writes into a caller's km_meta.
 #ifndef TAVIKM_METADATA_RECORD_H_
 #define TAVIKM_METADATA_RECORD_H_

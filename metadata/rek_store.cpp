@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The REK/KEK store: key-encryption keys kept by name in secure storage, each in a record of its
 // own, encrypted by the Keymaster; and the KDF of kdf_type 4, PBKDF2 combined with the record's
 // KEK so the wrapping key can only be rebuilt on this device.

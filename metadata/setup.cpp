@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Creating a key location's record: the KDF choice, the Keymaster key that binds the record to
 // the device, the KEK of PBKDF2-with-REK records, the wrapped master key, and storing it.
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Moving a km_meta record between the caller's memory and its place: an entry in secure
 // storage, or a metadata file (regular file or block device) at an offset.
 #include "metadata/store.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record store's pieces that the library's own rewrites of a record use.
 #ifndef TAVIKM_METADATA_STORE_H_
 #define TAVIKM_METADATA_STORE_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records of older generations, read from secure storage, brought to the current one: shorter
 // records are reported (and the 2592-byte generation rewritten at full length), and records
 // with major_version 2 or less get their KEK moved from the separate "%s_kek" entry into the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Bringing records of older generations, read from secure storage, to the current one.
 #ifndef TAVIKM_METADATA_UPGRADE_H_
 #define TAVIKM_METADATA_UPGRADE_H_

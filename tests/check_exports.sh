@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Checks that a shared library defines exactly the dynamic symbols listed in a file, by their
 # demangled names (C++ members with their parameter types; a constructor's or destructor's
 # variants count once).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The KDF table's two plain entries against independently computed keys, and scrypt factors
 // that crypto_scrypt refuses.
 #include <gtest/gtest.h>

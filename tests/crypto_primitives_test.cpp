@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exported cipher primitives at their edges: hex key text, the AES-GCM and AES-CBC
 // wrappers' refusals, padding switch and null AAD, SHA-256 and random bytes, with the exact log
 // lines each failure leaves. Known-answer runs over published vectors live in

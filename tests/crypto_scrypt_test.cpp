@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // crypto_scrypt: known answers on every back end this CPU can run, agreement between back ends,
 // the run-time choice of back end, and the argument checks with their errno.
 #include <errno.h>

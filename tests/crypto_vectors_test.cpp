@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Wycheproof known answers through the library's AES entry points: AES-GCM with a 16-byte IV
 // and AES-CBC with PKCS#7 padding, for the 128- and 256-bit keys the library offers.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Wrapping the master key under a password: GCM and CBC-only modes against independently
 // computed results, the all-zero-key rules, KDF lookup and failure paths, the password MAC, and
 // the exact log lines of each.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host platform's own behaviour: device directory, properties, module lookup and the
 // secure-storage module.
 #include <errno.h>

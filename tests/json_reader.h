@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A minimal JSON reader for the known-answer files under tests/vectors and the tool's --json
 // output: objects, arrays, strings (the one-character escapes; no \u, which neither uses),
 // numbers, true, false and null. Throws on bad input.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Keymaster 4.0 client classes on the software Keymaster and on injected faults: which
 // device is taken and how it is announced, what the key calls hand back and log, and how an
 // operation is fed, finished and aborted.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's software Keymaster 4.0 device as the library meets it: AES-GCM and raw RSA
 // operations, key blobs bound to the device directory and to the OS version and patch level,
 // rate limits, the operation table, and device enumeration.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fault injection into the emulated Keymaster hardware: each knob of
 // tavikm_host/keymaster_faults.h does what it says on the Keymaster 4.0 and the legacy devices,
 // counts are kept across enumerations, and ResetKeymaster undoes everything.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The legacy "keystore" module: its version from host.keystore.api_version, the keymaster1
 // device's AES-CBC over the Keymaster 4.0 device's key blobs (checked against libcrypto on the
 // record's key in keymaster_legacy_test.cpp), the checks the library's calls can meet, the shared

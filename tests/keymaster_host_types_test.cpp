@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's HIDL support and Keymaster 4.0 support-library types as the library and the host
 // Keymaster use them: the fatal checks of Return, and the byte values and binary form of
 // AuthorizationSet.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shorthands for the host Keymaster tests: synchronous wrappers that turn the HAL's callbacks
 // into return values (checking that each transport succeeded), and the key and operation
 // parameter sets the library uses.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The legacy Keymaster path on the host's "keystore" module: opening the device, the 32-byte
 // message encryption (checked against libcrypto on an imported key), its failure messages, and
 // the kek mac made and checked over a record.

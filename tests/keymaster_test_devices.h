@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keymaster 4.0 devices that tests put in place of the enumerated ones: a device that passes
 // every call to a software Keymaster and writes down what the library sent to upgradeKey, begin
 // and update (purposes, parameters, key blobs, inputs), and the means to override single calls.

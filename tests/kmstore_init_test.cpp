@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening the secure-storage device: once per process, a failure not remembered. The library
 // keeps the device for the life of the process, so every case runs in a fresh child process
 // (a fork of this one, which never opens the device itself).

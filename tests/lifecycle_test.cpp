@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The roads of a key location, end to end on the host platform: setup, unlock as the
 // storage-encryption service does it, a wrong password, and a Keymaster upgrade on the way,
 // for every KDF and every combination of the three feature flags.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The AES side of the Keymaster services on the software Keymaster and on injected faults: the
 // security probes, AES key creation into the caller's buffer, object encryption and decryption
 // with the rate-limit wait and the upgrade answer. Upgrading the AES key's blob is tested with

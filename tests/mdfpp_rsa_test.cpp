@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scrypt-binding side of the Keymaster services on the software Keymaster and on injected
 // faults: the RSA key made and upgraded into the caller's buffer, and objects signed with it
 // (checked with the key's public half), with the key's own rate limit waited out; and both

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the Keymaster service tests share: virtual Keymaster time (so a key's rate limit really
 // runs out without waiting), an AES key, and the expected log lines.
 #ifndef TAVIKM_TESTS_MDFPP_TEST_UTIL_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records in a metadata file: reading with its checks, writing, deleting, the bounded copy into
 // a record, and the choice between a file and secure storage. The record's offsets are pinned by
 // static_asserts beside the structure.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records in secure storage, through a scripted kmstore device that forwards to the built-in
 // one unless a test scripts an answer.
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The REK/KEK store: KEKs by name in secure storage, protected by Keymaster 4.0 object encryption
 // or, in CBC-only mode, by the legacy Keymaster path and a kek mac.
 #include <cutils/properties.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Keymaster-bound scrypt KDF: scrypt, a raw RSA signature by the record's key, scrypt again.
 #include <stdlib.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads the scrypt known answers in tests/vectors/scrypt_rfc7914.txt for the scrypt suites.
 #ifndef TAVIKM_TESTS_SCRYPT_VECTORS_H_
 #define TAVIKM_TESTS_SCRYPT_VECTORS_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Creating a record: the KDF choice, the scrypt factors from their property, the Keymaster key
 // and KEK of each type, and the order in which setup stores.
 #include <cutils/properties.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What survives what: the real tavikm binary under torn writes, concurrent commands, odd files,
 // hostile records and core-dump probes. Every test counts its trials and how many held, prints
 // both, and holds only when all held. A trial is a question asked of the tool from outside (a

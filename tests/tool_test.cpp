@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tavikm tool run as a user runs it: one process per command over a temporary device
 // directory, with its output, stderr and exit status checked. Records are crafted and checked
 // in this process through the library where the tool cannot make them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records of older generations in secure storage, brought to the current one when read.
 #include <errno.h>
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The table of Salsa20/8 back ends and the run-time choice among them: a back end is used only
 // when the CPU has its instructions and it reproduces a known answer on this CPU, and of those
 // the one that runs fastest here is kept. Which one that is cannot be told from the CPU's

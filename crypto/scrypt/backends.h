@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Salsa20/8 back ends behind crypto_scrypt: one SMix implementation per instruction set or
 // core shape, one of which is chosen once per process: among those the CPU can run and that
 // pass a known-answer test, the one that proves fastest here.

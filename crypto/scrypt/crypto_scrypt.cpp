@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // crypto_scrypt: scrypt (RFC 7914) over PBKDF2-HMAC-SHA256 from libcrypto and the SMix of the
 // Salsa20/8 back end chosen for this CPU.
 #include <errno.h>

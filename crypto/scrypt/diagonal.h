@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The diagonal layout the SIMD back ends keep blocks in while SMix runs: position i of a 16-word
 // block holds word 5i mod 16, so each 128-bit register holds one diagonal of the 4x4 matrix.
 #ifndef TAVIKM_CRYPTO_SCRYPT_DIAGONAL_H_

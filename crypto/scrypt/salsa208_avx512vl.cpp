@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // AVX-512VL Salsa20/8 back end: the SSE2 layout (four 128-bit registers, one per diagonal),
 // with each rotate-and-XOR folded into one three-way vpternlogd after the two shifts. The core
 // is one long dependency chain, so the step latency is what counts: add, shift, ternlog is 3

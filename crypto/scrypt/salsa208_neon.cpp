@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // NEON Salsa20/8 back end for AArch64, where NEON is always present: the 4x4 word matrix lives
 // in four 128-bit registers, one per diagonal, so the column and row rounds each work on all
 // four columns at once. A rotate is a shift and a shift-right-and-insert.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Portable Salsa20/8 back end: plain C on 32-bit words, for any CPU. Also the reference the
 // vector back ends are checked against.
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Scalar Salsa20/8 back end for wide out-of-order cores. The core is one chain of 32 dependent
 // add-rotate-XOR steps; on general registers each operation of a step takes one cycle, where
 // some cores (Zen 5 among them) take two for every vector operation, so a plain 32-bit core

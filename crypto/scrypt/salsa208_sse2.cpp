@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // SSE2 Salsa20/8 back end, the x86-64 baseline: the 4x4 word matrix lives in four 128-bit
 // registers, one per diagonal, so the column and row rounds each work on all four columns at
 // once. Rotates are two shifts folded into the XOR.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host platform's built-in hardware modules, one per class.
 #ifndef TAVIKM_HOST_BUILTIN_MODULES_H_
 #define TAVIKM_HOST_BUILTIN_MODULES_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The emulated device's state directory.
 #include <errno.h>
 #include <stdlib.h>

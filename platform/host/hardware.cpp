@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // hw_get_module_by_class over the built-in modules, with the host-only overrides tests use.
 #include <errno.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The built-in secure-storage module: class "tavikm", device "kmstore", one file per entry in
 // the device directory's kmstore/ folder. Writes are atomic (temporary file, fsync, rename,
 // fsync of the folder), so an entry always holds either its old or its new image; a write that

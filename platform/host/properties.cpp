@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // System properties: build.prop of the device directory, loaded once, plus property_set.
 #include <ctype.h>
 #include <errno.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Throwaway device directories for tests.
 #include "support/device_env.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A throwaway device directory per test: TAVIKM_DEVICE_DIR points at a fresh folder, properties
 // and module overrides start from a clean slate, and everything is undone afterwards.
 #ifndef TAVIKM_TESTS_SUPPORT_DEVICE_ENV_H_

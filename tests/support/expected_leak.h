@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A few failure paths of the library leave memory allocated by design (the object service's first
 // buffer after a failed finish, the KEK get's record after a failed upgrade write). The tests that
 // reach them run that one call through WithExpectedLeak: LeakSanitizer skips what it allocates,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log-capture fixture's plumbing.
 //
 // libbase sends its lines through liblog's logger hook (with the source file set), so one

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Captures what the library logs, so tests can assert exact lines: liblog lines with buffer,
 // priority, tag and text; libbase (stream logger) lines with severity, file, line and text.
 #ifndef TAVIKM_TESTS_SUPPORT_LOG_CAPTURE_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scripted secure-storage device and the environment that makes it the library's device.
 #include "support/scripted_kmstore.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A secure-storage device whose answers a test can script. The library keeps the first device it
 // opens for the whole process, so linking this file opens the scripted device before any test
 // runs (a global test environment); unscripted calls go to the built-in file-backed device.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * A fault injector for the tool's reliability tests, loaded with LD_PRELOAD. It counts the bytes
  * that write() and pwrite() put into files whose path begins with one of the prefixes in

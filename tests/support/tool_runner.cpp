@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs the tavikm binary for the tool suites.
 #include "support/tool_runner.h"
 

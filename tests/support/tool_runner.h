@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tavikm binary run as a user runs it: one process per command over the test's device
 // directory (under the cross build's emulator when there is one), with its standard input given
 // and its output, stderr and exit status captured.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Virtual Keymaster time and the sleep() that advances it.
 #include "support/virtual_time.h"
 

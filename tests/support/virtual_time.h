@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keymaster time without waiting: while a VirtualKeymasterTime is alive the emulated
 // Keymaster's clock is virtual, and sleep() (which the library calls between rate-limited
 // attempts) advances it instead of sleeping. Linking this file into a test executable replaces

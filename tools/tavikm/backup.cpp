@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `tavikm backup` and `tavikm restore`: a record's stored bytes (for secure storage, the entry
 // as stored, whatever its generation) in a file with a small header and a SHA-256 over both.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `tavikm benchmark`: how long the record KDFs take on this machine, and the scrypt cost that
 // makes an unlock take about the time asked for.
 #include <errno.h>

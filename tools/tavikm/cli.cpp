@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Option parsing, number parsing and the hex and fingerprint texts of the tavikm tool.
 #include "cli.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Command-line plumbing of the tavikm tool: exit codes, the error that carries one, and a small
 // option parser shared by every command.
 #ifndef TAVIKM_TOOLS_CLI_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // setup, unlock, passwd, inspect and kek: options, the library calls (operations.h) and output.
 #include "commands.h"
 

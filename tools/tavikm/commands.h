@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands of the tavikm tool. Each takes the arguments after its name, prints its results
 // and returns the exit code; failures are thrown as ToolError.
 #ifndef TAVIKM_TOOLS_COMMANDS_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `tavikm demo`: a narrated tour of the library in a throwaway device directory. Each step does
 // what the storage-encryption service would do and checks the outcome; the tour ends with one
 // line saying that every step passed, or stops at the first step that did not.

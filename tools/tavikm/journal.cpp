@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Journal files: "TAVIKMJ1", the offset (u64), the path's length (u32) and bytes, the old image,
 // the SHA-256 of the new image, and a SHA-256 over all of that.
 #include "journal.h"

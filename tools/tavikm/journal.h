@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The journal of an in-place record update in a metadata file. Before a record is overwritten
 // where it lies, the old 2704 bytes, the place and the SHA-256 of the image about to be written
 // go to a journal file in the device directory (journal/, one per metadata file) and reach the

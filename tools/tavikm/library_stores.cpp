@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Journaled undo of the stores the library makes by itself.
 #include "library_stores.h"
 

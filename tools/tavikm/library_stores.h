@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's own stores of a file record. The KDF of kdf_type 4 stores a record whose
 // Keymaster key it had to upgrade, and always at offset 0 of the file its key_name names,
 // whatever offset the record really lies at: beside another record at 0 that record would be

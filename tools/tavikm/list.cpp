@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `tavikm list`: the entries of secure storage (records and KEKs, with their names decoded from
 // the host's file names) and the records found in metadata files.
 #include <ctype.h>

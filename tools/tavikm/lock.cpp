@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Place locks: flock with a bounded wait.
 #include "lock.h"
 

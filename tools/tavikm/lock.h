@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Exclusive locks that serialise the tool's read, check and write of one place, so two commands
 // on one record run one after the other: flock on the metadata file itself, and for a
 // secure-storage entry a lock file of that entry in the device directory. A second command waits

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The liblog logger of the tavikm tool.
 #include "log_sink.h"
 

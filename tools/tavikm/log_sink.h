@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the library's log lines go while the tool runs: appended to log.txt in the device
 // directory, or written to stderr with -v. The sink also keeps the texts logged since the last
 // ForgetSeen(), so the tool can tell a wrong password from other failures by what the library

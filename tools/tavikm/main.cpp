@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // tavikm: the command-line tool over libtavikm on the host platform. Global options choose the
 // device directory and properties before anything touches the platform; then one command runs.
 #include <stdio.h>

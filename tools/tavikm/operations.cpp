@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tool's use of the library: setup, unlock, password change and the KEK store.
 #include "operations.h"
 

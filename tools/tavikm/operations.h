@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tool does with the library, the way the storage-encryption service does it: set up a
 // key location, unlock it, change its password, and keep KEKs. The commands print the results;
 // the demo narrates them. Every failure is a ToolError with its exit code and sentence.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Password input: files, standard input and an echo-less terminal prompt.
 #include "password.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the tool's passwords come from: a prompt without echo on a terminal, or the first line of
 // a file (standard input for "-").
 #ifndef TAVIKM_TOOLS_PASSWORD_H_

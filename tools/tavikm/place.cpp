@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Choosing a record's place and reading its raw bytes.
 #include "place.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The place of a record as the library chooses it (a secure-storage entry, or a metadata file at
 // an offset), and raw reads of whatever is stored there, without the library's checks or
 // upgrades.

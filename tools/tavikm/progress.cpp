@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The status line, and the tool's own sleep(): the library waits out the Keymaster's rate limit
 // with sleep(), so defining it here lets the status say why nothing seems to happen.
 #include "progress.h"

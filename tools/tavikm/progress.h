@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A one-line status on the terminal while slow work runs: a key derivation that takes longer
 // than half a second, and the waits the Keymaster's rate limit imposes. Nothing is shown when
 // stderr is not a terminal, nor with -v (the library's lines go there).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cost and kind checks of stored records.
 #include "record_checks.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks of stored records that protect the user from the library: a record whose scrypt cost
 // is beyond anything the tool creates (a damaged or hostile record would make a derivation run
 // for hours or exhaust memory), and master-key records that the KEK commands must not touch.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Locked, journaled and verified record stores.
 #include "record_store.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one way the tool changes a record. A command first opens the place (OpenedPlace: its lock
 // taken, a journal left by an interrupted change replayed), reads and checks under that lock,
 // and stores through StoreRecord, which picks the safe write for the place and reads the record

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decoding a raw record field by field for `tavikm inspect`.
 #include "record_view.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // `tavikm inspect`: every field of a stored record decoded, as text or as JSON, from the raw
 // bytes, so a bad or older record shows as it is.
 #ifndef TAVIKM_TOOLS_RECORD_VIEW_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Holders for the secrets the tool handles (passwords, master keys, KEKs): fixed storage on pages
 // kept out of core dumps (and locked where permitted), wiped when the holder goes away, so no
 // copy is left behind by a reallocation.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Core-dump hardening and secret pages.
 #include "secure_memory.h"
 

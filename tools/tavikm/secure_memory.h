@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeping secrets out of core dumps: the process-wide settings made at start, and the pages the
 // tool's password and key buffers live in.
 #ifndef TAVIKM_TOOLS_SECURE_MEMORY_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // AuthorizationSet and AuthorizationSetBuilder of the host's Keymaster 4.0 support library, and
 // the comparison of KeyParameters they rely on.
 #include <keymasterV4_0/authorization_set.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The emulated Keymaster's cryptography. Every failure clears libcrypto's error queue, so the
 // device never leaves errors behind for its callers to trip over.
 #include "crypto.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The emulated Keymaster's cryptography over libcrypto's EVP interface (the subset BoringSSL
 // and OpenSSL 3 share): streaming AES-GCM and AES-CBC, and RSA key generation, raw private and
 // public operations and public-key export.

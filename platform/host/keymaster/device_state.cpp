@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The emulated Keymaster's state outside its key blobs.
 #include "device_state.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the emulated Keymaster hardware keeps outside its key blobs: the device secret in the
 // device directory, the OS version and patch level it binds keys to, its clock, the list of
 // deleted keys and the rate-limit timers.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // support::Keymaster::enumerateAvailableDevices on the host: the devices host.keymaster.devices
 // names, each behind the fault-injection layer of tavikm_host/keymaster_faults.h.
 #include <ctype.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fault-injection state of the emulated Keymaster hardware.
 #include "faults.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fault-injection state behind tavikm_host/keymaster_faults.h, as the device layers see it.
 #ifndef TAVIKM_HOST_KEYMASTER_FAULTS_INTERNAL_H_
 #define TAVIKM_HOST_KEYMASTER_FAULTS_INTERNAL_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's HIDL transport status: descriptions, and the fatal checks of Return.
 #include <stdio.h>
 #include <stdlib.h>

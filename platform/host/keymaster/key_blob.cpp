@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sealing and opening of the emulated Keymaster's key blobs.
 //
 // Blob: "TKB1" | level (4 bytes, little-endian) | nonce (12) | ciphertext | GCM tag (16); the

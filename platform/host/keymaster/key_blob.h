@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The emulated Keymaster's key blobs: key material, authorizations and the hidden application
 // binding, sealed with AES-256-GCM under a key derived from the device secret.
 #ifndef TAVIKM_HOST_KEYMASTER_KEY_BLOB_H_

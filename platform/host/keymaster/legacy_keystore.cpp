@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The built-in legacy "keystore" module (class "keystore", no instance): its device "keymaster"
 // is a keymaster1 device when module_api_version is 1.0 and a keymaster0 device otherwise. The
 // keymaster1 device runs AES-CBC without padding over the same key blobs and operation table as

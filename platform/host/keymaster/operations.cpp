@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Operations of the emulated Keymaster hardware and their process-wide table.
 #include "operations.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Operations of the emulated Keymaster hardware and the one table that holds them, for the
 // Keymaster 4.0 devices and the legacy device alike, with the per-key rate limit.
 #ifndef TAVIKM_HOST_KEYMASTER_OPERATIONS_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Byte strings that hold key material: wiped when they go away.
 #ifndef TAVIKM_HOST_KEYMASTER_SECRET_BYTES_H_
 #define TAVIKM_HOST_KEYMASTER_SECRET_BYTES_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host platform's software Keymaster 4.0 device.
 #include "soft_keymaster.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The software Keymaster 4.0 device of the host platform: real AES-GCM and raw RSA over
 // libcrypto, key blobs sealed under the device secret, and the HAL's checks and error codes.
 #ifndef TAVIKM_HOST_KEYMASTER_SOFT_KEYMASTER_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Host version of the platform's system-property calls. Properties come from build.prop in the
  * device directory, loaded at the first access; property_set changes this process's view only.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Host version of the platform's hardware-module interface: module and device headers with the
  * platform's layout, and the lookup by class. The host's modules are built in (see

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Host version of the keymaster0 device interface: the pre-1.0 legacy Keymaster, whose calls
  * return 0 or a negative error. The host's "keystore" module opens one of these for any

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Host version of the keymaster1 device interface: the legacy Keymaster 1.0 with parameter
  * sets and begin/update/finish/abort operations. Output blobs and parameter sets are malloc'ed

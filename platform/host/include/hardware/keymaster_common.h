@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Host version of the legacy Keymaster module definitions shared by keymaster0 and keymaster1
  * devices: the module id "keystore", the device name "keymaster", module API versions and the

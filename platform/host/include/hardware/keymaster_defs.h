@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * Host version of the legacy Keymaster definitions: tags, enums, error codes and the C
  * structures (parameters, parameter sets, blobs, key blobs) that keymaster1 devices take and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host version of the HIDL support types: hidl_vec (a vector that either owns its elements or
 // is a non-owning view of someone else's storage) and hidl_string, with the platform's
 // semantics: copies are deep, moves hand over ownership as it was, and no vector holds more

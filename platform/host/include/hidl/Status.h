@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host version of the HIDL transport status: android::hardware::Status and the Return<T> /
 // Return<void> wrappers every HAL call hands back. As on the device, a failed Return that is
 // destroyed without anyone calling isOk() ends the process, and reading the value of a failed

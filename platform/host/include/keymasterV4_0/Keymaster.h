@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host version of the Keymaster 4.0 support library's device wrapper: support::Keymaster is an
 // IKeymasterDevice that also knows its version record, HAL descriptor and instance name, and
 // enumerateAvailableDevices() lists the Keymaster devices of the (emulated) device. On the host

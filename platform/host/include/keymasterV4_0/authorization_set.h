@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host version of the Keymaster 4.0 support library's AuthorizationSet (an ordered list of
 // KeyParameters that owns deep copies of its byte values) and AuthorizationSetBuilder (chained
 // helpers that append the parameters of common key shapes).

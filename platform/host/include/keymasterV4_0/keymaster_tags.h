@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host version of the Keymaster 4.0 support library's typed tags: TAG_ALGORITHM and friends bind
 // a Tag to the C++ type of its value, so Authorization(TAG_KEY_SIZE, 256) builds a KeyParameter
 // with the right union member and a wrong value type does not compile.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The emulated device's state directory and the host-only controls over the platform's caches.
 // Nothing in the library includes this header; the tool and the tests do.
 #ifndef TAVIKM_HOST_DEVICE_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host-only controls and facts of the emulated Keymaster hardware (the Keymaster 4.0 devices and
 // the legacy "keystore" module). Nothing in the library includes this header; the tool and the
 // tests do. Fault injection lives in tavikm_host/keymaster_faults.h.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host-only fault injection into the emulated Keymaster hardware, for tests: scripted answers
 // for the nth call of any Keymaster 4.0 or legacy keymaster1 operation, devices that take
 // update input in small pieces or not at all or claim to take more than they got, any list of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The built-in secure-storage module (class "tavikm", device "kmstore") over the device
 // directory's kmstore/ folder, and its host-only fault hook.
 #ifndef TAVIKM_HOST_KMSTORE_H_

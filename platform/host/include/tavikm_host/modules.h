@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host-only control over hw_get_module_by_class: tests register their own module for a class,
 // make a lookup or an open fail, and restore the built-in modules afterwards.
 #ifndef TAVIKM_HOST_MODULES_H_

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host version of the Keymaster 4.0 HAL interface (android.hardware.keymaster@4.0::
 // IKeymasterDevice): the calls the host's software Keymaster serves, with the HAL's C++
 // signatures. Results come through a callback that runs on the calling thread, once, before the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host version of the Keymaster 4.0 HAL's types (android.hardware.keymaster@4.0): tags, enums,
 // error codes and the structures that cross the HAL, with the HAL's names and numbers.
 #ifndef TAVIKM_HOST_ANDROID_HARDWARE_KEYMASTER_V4_0_TYPES_H_
