@@ -191,7 +191,15 @@ TEST_F(ToolOutputTest, AnyNameComesBackExactlyInJsonAndHarmlessInText) {
   for (const std::string& name : {accented, ideographs, controls, invalid}) {
     ToolResult setup = Setup(name, "pw", {"--kdf", "2"});
     ASSERT_EQ(setup.status, 0) << setup.err;
+    EXPECT_EQ(setup.out.find('\x1b'), kNone) << setup.out;
   }
+  // Reports and failures quote the name escaped, on one line.
+  EXPECT_EQ(Unlock(controls, "pw").out.rfind("Unlocked ctl\\x1b[2J\\x0aforged\n", 0), 0u);
+  ToolResult wrong = Unlock(controls, "wrong");
+  EXPECT_EQ(wrong.status, 2);
+  EXPECT_EQ(wrong.err.find('\x1b'), kNone) << wrong.err;
+  EXPECT_NE(wrong.err.find("ctl\\x1b[2J\\x0aforged"), kNone) << wrong.err;
+  EXPECT_EQ(wrong.err.find('\n'), wrong.err.size() - 1) << wrong.err;
   const std::string store = Path("kmstore");
   ASSERT_EQ(mkfifo((store + "/e-fifo").c_str(), 0600), 0);
   ASSERT_EQ(symlink("/dev/zero", (store + "/e-link").c_str()), 0);

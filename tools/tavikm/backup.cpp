@@ -26,6 +26,7 @@
 #include "operations.h"
 #include "place.h"
 #include "record_store.h"
+#include "text.h"
 
 namespace tavikm_tool {
 namespace {
@@ -238,9 +239,10 @@ int RunBackup(const std::vector<std::string>& args) {
   OPENSSL_cleanse(encoded.data(), encoded.size());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
   // With the backup on standard output, the report goes to stderr.
-  fprintf(Standard(file) ? stderr : stdout, "Backed up %s to %s\n",
-          Summary(place, std::vector<uint8_t>(bytes, bytes + raw.stored_length)).c_str(),
-          Standard(file) ? "standard output" : file.c_str());
+  fprintf(
+      Standard(file) ? stderr : stdout, "Backed up %s to %s\n",
+      TerminalText(Summary(place, std::vector<uint8_t>(bytes, bytes + raw.stored_length))).c_str(),
+      TerminalText(Standard(file) ? "standard output" : file).c_str());
   return kExitOk;
 }
 
@@ -283,7 +285,8 @@ int RunRestore(const std::vector<std::string>& args) {
   CheckRoom(place);
   OpenedPlace opened(place);
   WriteImage(opened, backup.image);
-  printf("Restored %s from %s\n", Summary(place, backup.image).c_str(), source.c_str());
+  printf("Restored %s from %s\n", TerminalText(Summary(place, backup.image)).c_str(),
+         TerminalText(source).c_str());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
   return kExitOk;
 }

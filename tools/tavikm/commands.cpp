@@ -21,6 +21,7 @@
 #include "record_store.h"
 #include "record_view.h"
 #include "tavikm.h"
+#include "text.h"
 
 namespace tavikm_tool {
 namespace {
@@ -45,7 +46,7 @@ const char kPlaceHelp[] =
     "record lies at --offset N (default 0) in it.\n";
 
 void PrintRow(const char* label, const std::string& value) {
-  printf("  %-12s %s\n", label, value.c_str());
+  printf("  %-12s %s\n", label, TerminalText(value).c_str());
 }
 
 std::string KdfDescription(const km_meta& meta) {
@@ -182,10 +183,11 @@ int RunSetup(const std::vector<std::string>& args) {
   uint64_t size = ParseKeysize(keysize);
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
-  Password password = ReadNewPassword(password_file, "New password for " + place.loc + ": ");
+  Password password =
+      ReadNewPassword(password_file, "New password for " + TerminalText(place.loc) + ": ");
   RefuseEmpty(password, allow_empty);
   SetupResult result = Setup(place, password, size, kdf_type, force);
-  printf("Created the record of %s\n", place.loc.c_str());
+  printf("Created the record of %s\n", TerminalText(place.loc).c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
   PrintRow("keysize", std::to_string(result.meta.keysize) + " bytes");
@@ -220,9 +222,9 @@ int RunUnlock(const std::vector<std::string>& args) {
   AllowAnyCost(allow_cost);
   Place place = ResolvePlace(parser.positional()[0], offset);
   RequireRecord(place);
-  Password password = ReadPassword(password_file, "Password for " + place.loc + ": ");
+  Password password = ReadPassword(password_file, "Password for " + TerminalText(place.loc) + ": ");
   UnlockResult result = Unlock(place, password);
-  printf("Unlocked %s\n", place.loc.c_str());
+  printf("Unlocked %s\n", TerminalText(place.loc).c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
   PrintKey("master key", result.master_key, show_key);
@@ -266,12 +268,13 @@ int RunPasswd(const std::vector<std::string>& args) {
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
   RequireRecord(place);
-  Password old_password = ReadPassword(password_file, "Old password for " + place.loc + ": ");
+  Password old_password =
+      ReadPassword(password_file, "Old password for " + TerminalText(place.loc) + ": ");
   Password new_password =
-      ReadNewPassword(new_password_file, "New password for " + place.loc + ": ");
+      ReadNewPassword(new_password_file, "New password for " + TerminalText(place.loc) + ": ");
   RefuseEmpty(new_password, allow_empty);
   PasswdResult result = ChangePassword(place, old_password, new_password);
-  printf("Changed the password of %s\n", place.loc.c_str());
+  printf("Changed the password of %s\n", TerminalText(place.loc).c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.stored));
   PrintKey("master key", result.unlocked.master_key, false);
@@ -384,7 +387,7 @@ int RunKek(const std::vector<std::string>& args) {
     }
     const std::string& name = parser.positional()[0];
     PutKek(name, kek, force);
-    printf("Stored the KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
+    printf("Stored the KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     return kExitOk;
   }
@@ -404,7 +407,7 @@ int RunKek(const std::vector<std::string>& args) {
     const std::string& name = parser.positional()[0];
     bool asked_twice = false;
     KeyBytes kek = GetKek(name, &asked_twice);
-    printf("KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
+    printf("KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     if (asked_twice) {
       printf("Note: its Keymaster key was upgraded on the way and the KEK asked for again.\n");
@@ -416,7 +419,7 @@ int RunKek(const std::vector<std::string>& args) {
     if (!parser.Parse(rest, 1, 1)) return kExitOk;
     const std::string& name = parser.positional()[0];
     DeleteKek(name);
-    printf("Deleted the KEK \"%s\"\n", name.c_str());
+    printf("Deleted the KEK \"%s\"\n", TerminalText(name, true).c_str());
     return kExitOk;
   }
   throw UsageError("unknown kek command " + verb);

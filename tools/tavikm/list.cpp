@@ -116,7 +116,7 @@ std::vector<Item> SecureStorageItems(const std::string& dir) {
   DIR* folder = opendir(dir.c_str());
   if (!folder) {
     if (errno == ENOENT) return items;
-    throw ToolError(kExitFailure, "cannot list " + TerminalText(dir) + ": " + strerror(errno));
+    throw ToolError(kExitFailure, "cannot list " + dir + ": " + strerror(errno));
   }
   while (dirent* entry = readdir(folder)) {
     Item item;
@@ -137,7 +137,7 @@ size_t ReadAt(int fd, const std::string& path, uint8_t* out, size_t size, uint64
     ssize_t n = pread(fd, out + got, size - got, static_cast<off_t>(offset + got));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
-      throw ToolError(kExitFailure, "cannot read " + TerminalText(path) + " at offset " +
+      throw ToolError(kExitFailure, "cannot read " + path + " at offset " +
                                         std::to_string(offset + got) + ": " + strerror(errno));
     }
     if (n == 0) break;
@@ -188,13 +188,12 @@ std::vector<uint64_t> RecordOffsets(int fd, const std::string& path, uint64_t si
 std::vector<Item> FileItems(const std::string& path) {
   struct stat st;
   tavikm::ScopedFd fd(OpenMetadataFile(path, &st));
-  if (!fd.ok()) throw ToolError(kExitNotFound, "no metadata file " + TerminalText(path));
+  if (!fd.ok()) throw ToolError(kExitNotFound, "no metadata file " + path);
   uint64_t size = static_cast<uint64_t>(st.st_size);
   if (S_ISBLK(st.st_mode)) {
     off_t end = lseek(fd.get(), 0, SEEK_END);
     if (end < 0) {
-      throw ToolError(kExitFailure,
-                      "cannot find the size of " + TerminalText(path) + ": " + strerror(errno));
+      throw ToolError(kExitFailure, "cannot find the size of " + path + ": " + strerror(errno));
     }
     size = static_cast<uint64_t>(end);
   }

@@ -15,6 +15,7 @@
 #include "progress.h"
 #include "secure_memory.h"
 #include "tavikm_host/device.h"
+#include "text.h"
 
 namespace {
 
@@ -135,11 +136,12 @@ int main(int argc, char** argv) {
   try {
     return Run(args);
   } catch (const ToolError& e) {
-    fprintf(stderr, "tavikm: %s\n", e.what());
+    // Sentences quote names and paths as given; none may act on the terminal.
+    fprintf(stderr, "tavikm: %s\n", TerminalText(e.what()).c_str());
     if (e.show_usage()) fprintf(stderr, "%s\n", CurrentUsage().c_str());
     return e.code();
   } catch (const std::exception& e) {
-    fprintf(stderr, "tavikm: %s\n", e.what());
+    fprintf(stderr, "tavikm: %s\n", TerminalText(e.what()).c_str());
     return kExitFailure;
   }
 }
