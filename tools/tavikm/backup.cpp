@@ -22,10 +22,13 @@
 #include "commands.h"
 #include "common/files.h"
 #include "common/scopers.h"
+#include "guards.h"
+#include "legacy_kek.h"
 #include "log_sink.h"
 #include "operations.h"
 #include "place.h"
 #include "record_store.h"
+#include "write_guard.h"
 
 namespace tavikm_tool {
 namespace {
@@ -172,7 +175,14 @@ std::string Summary(const Place& place, const std::vector<uint8_t>& image) {
   RawRecord raw;
   memcpy(&raw.meta, image.data(), image.size());
   raw.stored_length = image.size();
+  // Nothing is read from bytes without a record's magic: they may be a plain KEK.
   std::string kind = raw.Kek() ? "a KEK" : "kdf " + KdfName(raw.meta.kdf_type);
+  if (!raw.Kek() && raw.meta.magic != KM_META_MAGIC) {
+    std::optional<std::string> owner =
+        place.secure_storage ? LegacyKekOwner(place.loc) : std::nullopt;
+    kind = owner ? "the legacy KEK of \"" + *owner + "\"" : "no record";
+  }
+  OPENSSL_cleanse(&raw.meta, sizeof(raw.meta));
   return place.Describe() + " (" + std::to_string(image.size()) + " bytes, " + kind + ")";
 }
 
@@ -252,8 +262,16 @@ int RunRestore(const std::vector<std::string>& args) {
   }
   if (!place.secure_storage && !offset) place.offset = backup.offset;
   CheckRoom(place);
+  CheckFits(place);
   OpenedPlace opened(place);
-  WriteImage(opened, backup.image);
+  // Under the lock: the file as it is now, and no record beside it overwritten.
+  CheckFits(place, opened.fd());
+  RefuseOverlap(opened);
+  WriteGuard guard(opened, nullptr, 0);
+  guard.Run([&] {
+    WriteImage(opened, backup.image);
+    return 0;
+  });
   printf("Restored %s from %s\n", Summary(place, backup.image).c_str(), file.c_str());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
   return kExitOk;

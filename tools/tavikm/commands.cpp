@@ -14,6 +14,8 @@
 
 #include "cli.h"
 #include "common/scopers.h"
+#include "guards.h"
+#include "legacy_kek.h"
 #include "operations.h"
 #include "password.h"
 #include "place.h"
@@ -182,6 +184,7 @@ int RunSetup(const std::vector<std::string>& args) {
   uint64_t size = ParseKeysize(keysize);
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
+  CheckFits(place);
   Password password = ReadNewPassword(password_file, "New password for " + place.loc + ": ");
   RefuseEmpty(password, allow_empty);
   SetupResult result = Setup(place, password, size, kdf_type, force);
@@ -323,7 +326,13 @@ int RunInspect(const std::vector<std::string>& args) {
   if (raw.Empty()) {
     throw ToolError(kExitNotFound, place.Describe() + " is empty");
   }
-  std::string text = json ? RecordJson(place, raw) : RecordText(place, raw);
+  std::string text;
+  if (place.secure_storage && !DecodableEntry(raw)) {
+    std::optional<std::string> owner = LegacyKekOwner(place.loc);
+    text = json ? OpaqueEntryJson(place, raw, owner) : OpaqueEntryText(place, raw, owner);
+  } else {
+    text = json ? RecordJson(place, raw) : RecordText(place, raw);
+  }
   fputs(text.c_str(), stdout);
   return kExitOk;
 }
