@@ -23,9 +23,11 @@
 #include "common/files.h"
 #include "common/scopers.h"
 #include "guards.h"
+#include "input_files.h"
 #include "legacy_kek.h"
 #include "log_sink.h"
 #include "operations.h"
+#include "outcome.h"
 #include "place.h"
 #include "record_store.h"
 #include "write_guard.h"
@@ -114,8 +116,7 @@ Backup Decode(const std::vector<uint8_t>& bytes, const std::string& file) {
 }
 
 std::vector<uint8_t> ReadBackupFile(const std::string& file) {
-  tavikm::ScopedFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.ok()) throw InputError("cannot open " + file + ": " + strerror(errno));
+  tavikm::ScopedFd fd(OpenRegularInput(file, "backup file"));
   std::vector<uint8_t> bytes;
   uint8_t buffer[4096];
   const size_t limit = kHeaderSize + kMaxKeyLoc + KM_META_SIZE + kDigestSize;
@@ -221,6 +222,7 @@ int RunBackup(const std::vector<std::string>& args) {
   backup.image.assign(bytes, bytes + raw.stored_length);
   std::vector<uint8_t> encoded = Encode(backup);
   WriteNewFile(file, encoded);
+  NoteChanged("the backup " + file + " was written");
   OPENSSL_cleanse(encoded.data(), encoded.size());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
   printf("Backed up %s to %s\n",
@@ -272,6 +274,7 @@ int RunRestore(const std::vector<std::string>& args) {
     WriteImage(opened, backup.image);
     return 0;
   });
+  NoteChanged(place.Describe() + " was restored from " + file);
   printf("Restored %s from %s\n", Summary(place, backup.image).c_str(), file.c_str());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
   return kExitOk;

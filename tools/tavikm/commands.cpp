@@ -15,8 +15,10 @@
 #include "cli.h"
 #include "common/scopers.h"
 #include "guards.h"
+#include "input_files.h"
 #include "legacy_kek.h"
 #include "operations.h"
+#include "outcome.h"
 #include "password.h"
 #include "place.h"
 #include "record_checks.h"
@@ -114,8 +116,7 @@ KeyBytes KeyFromHex(std::string hex, const std::string& source) {
 }
 
 std::string ReadKeyFile(const std::string& file) {
-  int fd = file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw InputError("cannot open key file " + file + ": " + strerror(errno));
+  int fd = file == "-" ? STDIN_FILENO : OpenInput(file, "key file");
   std::string text;
   text.reserve(4096);
   char buffer[4096];
@@ -188,6 +189,7 @@ int RunSetup(const std::vector<std::string>& args) {
   Password password = ReadNewPassword(password_file, "New password for " + place.loc + ": ");
   RefuseEmpty(password, allow_empty);
   SetupResult result = Setup(place, password, size, kdf_type, force);
+  NoteChanged("the record of " + place.loc + " was created");
   printf("Created the record of %s\n", place.loc.c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
@@ -225,6 +227,9 @@ int RunUnlock(const std::vector<std::string>& args) {
   RequireRecord(place);
   Password password = ReadPassword(password_file, "Password for " + place.loc + ": ");
   UnlockResult result = Unlock(place, password);
+  if (result.stored_again || result.upgraded_on_read) {
+    NoteChanged("the record of " + place.loc + " was unlocked and stored again");
+  }
   printf("Unlocked %s\n", place.loc.c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
@@ -274,6 +279,7 @@ int RunPasswd(const std::vector<std::string>& args) {
       ReadNewPassword(new_password_file, "New password for " + place.loc + ": ");
   RefuseEmpty(new_password, allow_empty);
   PasswdResult result = ChangePassword(place, old_password, new_password);
+  NoteChanged("the password of " + place.loc + " was changed");
   printf("Changed the password of %s\n", place.loc.c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.stored));
@@ -393,6 +399,7 @@ int RunKek(const std::vector<std::string>& args) {
     }
     const std::string& name = parser.positional()[0];
     PutKek(name, kek, force);
+    NoteChanged("the KEK \"" + name + "\" was stored");
     printf("Stored the KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     return kExitOk;
@@ -425,6 +432,7 @@ int RunKek(const std::vector<std::string>& args) {
     if (!parser.Parse(rest, 1, 1)) return kExitOk;
     const std::string& name = parser.positional()[0];
     DeleteKek(name);
+    NoteChanged("the KEK \"" + name + "\" was deleted");
     printf("Deleted the KEK \"%s\"\n", name.c_str());
     return kExitOk;
   }

@@ -337,8 +337,13 @@ void PutKek(const std::string& name, const KeyBytes& kek, bool force) {
   // Read back before anyone is told it was stored.
   KeyBytes back;
   uint64_t length = 0;
-  if (km_get_kek_enc_by_rek(name.c_str(), back.data(), &length) != 0 || length != kek.size() ||
-      CRYPTO_memcmp(back.data(), kek.data(), kek.size()) != 0) {
+  ForgetSeen();
+  if (km_get_kek_enc_by_rek(name.c_str(), back.data(), &length) != 0) {
+    throw ToolError(
+        kExitFailure,
+        "the KEK \"" + name + "\" was stored, but could not be read back to verify" + Why());
+  }
+  if (length != kek.size() || CRYPTO_memcmp(back.data(), kek.data(), kek.size()) != 0) {
     throw ToolError(kExitFailure,
                     "the KEK \"" + name + "\" read back differs from what was stored" + LogHint());
   }

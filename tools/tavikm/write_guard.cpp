@@ -174,9 +174,7 @@ void WriteGuard::Verify() {
     try {
       entry->Read(&found, &now);
     } catch (const ToolError&) {
-      if (first.empty()) first = "secure-storage entry \"" + entry->name + "\"";
-      put_back = false;
-      continue;
+      continue;  // cannot be judged, as above
     }
     bool same = found == entry->found && now == entry->bytes;
     OPENSSL_cleanse(now.data(), now.size());
@@ -203,11 +201,8 @@ void WriteGuard::Verify() {
     }
     std::vector<uint8_t> now;
     uint64_t length = 0;
-    if (!ReadSpan(fd.get(), &now, &length)) {
-      if (first.empty()) first = file->path;
-      put_back = false;
-      continue;
-    }
+    // A file that cannot be read now cannot be judged; the command's own read-back says so.
+    if (!ReadSpan(fd.get(), &now, &length)) continue;
     // The own record's bytes are compared by the store's read-back, not here.
     uint64_t end = file->own ? file->from + KM_META_SIZE : 0;
     bool changed = length != file->length || now.size() != file->bytes.size();
