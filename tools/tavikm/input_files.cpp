@@ -66,7 +66,8 @@ int OpenInput(const std::string& path, const std::string& what) {
   } while (rc < 0 && errno == EINTR);
   if (rc == 0) {
     throw InputError("nothing came from " + what + " " + path + " (" + KindOf(st.st_mode) +
-                     ") within " + std::to_string(LockWait()) + " seconds");
+                     ") within " + std::to_string(LockWait()) +
+                     (LockWait() == 1 ? " second" : " seconds"));
   }
   Blocking(fd.get());
   return fd.release();
