@@ -542,17 +542,24 @@ TEST_F(LegacyKekTest, ThePlainKekOfAnOlderRecordIsItsKekAndIsNeverShown) {
   ASSERT_EQ(setup.status, 0) << setup.err;
   PlantOlderRecord("userdata");
   const std::vector<uint8_t> kek = Entry("userdata_kek");
-  for (const Args& args : {Args{"kek", "delete", "userdata_kek"},
-                           Args{"kek", "put", "userdata_kek", "--random", "--force"}}) {
+  ASSERT_EQ(Tool({"backup", "userdata", Scratch("u.bak")}).status, 0);
+  const std::vector<std::pair<Args, std::string>> replacing = {
+      {{"kek", "delete", "userdata_kek"}, "kek delete"},
+      {{"kek", "put", "userdata_kek", "--random", "--force"}, "kek put"},
+      {{"setup", "userdata_kek", "--force", "--kdf", "1", "--password-file", PasswordFile("pw")},
+       "setup"},
+      {{"restore", "userdata_kek", Scratch("u.bak"), "--force"}, "restore"},
+  };
+  for (const auto& [args, command] : replacing) {
     ToolResult result = Tool(args);
     tally.Trial(result.status == 4 &&
                     result.err ==
                         "tavikm: the entry \"userdata_kek\" is the legacy KEK of the "
                         "record \"userdata\" (an older generation keeps it there until "
-                        "it is unlocked); kek " +
-                            args[1] + " leaves it alone\n" &&
+                        "it is unlocked); " +
+                            command + " leaves it alone\n" &&
                     Entry("userdata_kek") == kek,
-                args[1] + ": " + std::to_string(result.status) + " " + result.err);
+                command + ": " + std::to_string(result.status) + " " + result.err);
   }
   ToolResult list = Tool({"list"});
   tally.Trial(list.status == 0 &&

@@ -269,6 +269,8 @@ int RunRestore(const std::vector<std::string>& args) {
   // Under the lock: the file as it is now, and no record beside it overwritten.
   CheckFits(place, opened.fd());
   RefuseOverlap(opened);
+  // A plain KEK comes back only from a backup of it; nothing else replaces it.
+  if (place.secure_storage && backup.loc != place.loc) RefuseLegacyKek(place.loc, "restore");
   WriteGuard guard(opened, nullptr, 0);
   guard.Run([&] {
     WriteImage(opened, backup.image);

@@ -420,6 +420,7 @@ int RunKek(const std::vector<std::string>& args) {
     const std::string& name = parser.positional()[0];
     bool asked_twice = false;
     KeyBytes kek = GetKek(name, &asked_twice);
+    if (asked_twice) NoteChanged("the KEK \"" + name + "\" was stored again");
     printf("KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     if (asked_twice) {

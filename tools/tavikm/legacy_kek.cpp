@@ -80,14 +80,14 @@ std::string OpaqueEntryJson(const Place& place, const RawRecord& raw,
   return json + "\n}\n";
 }
 
-void RefuseLegacyKek(const std::string& name, const std::string& verb) {
+void RefuseLegacyKek(const std::string& name, const std::string& command) {
   std::optional<std::string> owner = LegacyKekOwner(name);
   if (!owner) return;
   throw ToolError(kExitFailure, "the entry \"" + name + "\" is the legacy KEK of the record \"" +
                                     *owner +
                                     "\" (an older generation keeps it there until it is "
-                                    "unlocked); kek " +
-                                    verb + " leaves it alone");
+                                    "unlocked); " +
+                                    command + " leaves it alone");
 }
 
 }  // namespace tavikm_tool

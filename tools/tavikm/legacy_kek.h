@@ -32,8 +32,9 @@ std::string OpaqueEntryText(const Place& place, const RawRecord& raw,
 std::string OpaqueEntryJson(const Place& place, const RawRecord& raw,
                             const std::optional<std::string>& owner);
 
-// Throws a failure naming the record when `name` is a legacy KEK; `verb` is the kek command.
-void RefuseLegacyKek(const std::string& name, const std::string& verb);
+// Throws a failure naming the record when `name` is a legacy KEK; `command` would have replaced
+// or removed it ("kek delete").
+void RefuseLegacyKek(const std::string& name, const std::string& command);
 
 }  // namespace tavikm_tool
 

@@ -116,6 +116,7 @@ SetupResult SetupOpened(const OpenedPlace& opened, const Password& password, uin
   const Place& place = opened.place();
   // Checked under the lock: a place another command filled or cut meanwhile is refused.
   CheckFits(place, opened.fd());
+  if (place.secure_storage) RefuseLegacyKek(place.loc, "setup");
   if (!force) {
     std::string occupied = Occupied(place);
     if (!occupied.empty()) throw ToolError(kExitFailure, occupied + "; --force replaces it");
@@ -323,7 +324,7 @@ void PutKek(const std::string& name, const KeyBytes& kek, bool force) {
   OpenedPlace opened(place);
   RawRecord raw = ReadRaw(place);
   if (raw.found) {
-    RefuseLegacyKek(name, "put");
+    RefuseLegacyKek(name, "kek put");
     if (!force) {
       throw ToolError(kExitFailure, "secure storage already holds an entry \"" + name +
                                         "\"; --force replaces it");
@@ -380,7 +381,7 @@ void DeleteKek(const std::string& name) {
   OpenedPlace opened(place);
   RawRecord raw = ReadRaw(place);
   if (!raw.found) throw ToolError(kExitNotFound, "no KEK named \"" + name + "\"");
-  RefuseLegacyKek(name, "delete");
+  RefuseLegacyKek(name, "kek delete");
   RefuseMasterKeyRecord(name, raw, "delete");
   ForgetSeen();
   if (km_delete_kek_enc_by_rek(name.c_str()) != 0) {

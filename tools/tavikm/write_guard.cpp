@@ -128,7 +128,9 @@ WriteGuard::WriteGuard(const OpenedPlace& opened, const km_meta* record, uint64_
   } else if (own_.secure_storage || !SameFile(key_name, own_.loc)) {
     GuardFile(key_name, upgrade_on_read);
   }
-  if (upgrade_on_read) GuardEntry(key_name + "_kek", key_name == own_.loc);
+  if (upgrade_on_read && key_name + "_kek" != own_.loc) {
+    GuardEntry(key_name + "_kek", key_name == own_.loc);
+  }
 }
 
 WriteGuard::~WriteGuard() = default;
@@ -146,7 +148,14 @@ void WriteGuard::GuardEntry(const std::string& name, bool may_vanish) {
 void WriteGuard::GuardFile(const std::string& path, bool refuse_odd_length) {
   auto file = std::make_unique<File>();
   file->path = path;
-  file->opened = std::make_unique<OpenedPlace>(Place{false, path, 0});
+  try {
+    file->opened = std::make_unique<OpenedPlace>(Place{false, path, 0});
+  } catch (const ToolError&) {
+    // No metadata file there (a FIFO, a device, a folder): only an older generation's upgrade
+    // would store into it, and then it must not run.
+    if (refuse_odd_length) throw;
+    return;
+  }
   if (file->opened->file_exists()) {
     file->found = true;
     if (!ReadSpan(file->opened->fd(), &file->bytes, &file->length)) {
