@@ -22,11 +22,16 @@
 #include "commands.h"
 #include "common/files.h"
 #include "common/scopers.h"
+#include "guards.h"
+#include "input_files.h"
+#include "legacy_kek.h"
 #include "log_sink.h"
 #include "operations.h"
+#include "outcome.h"
 #include "place.h"
 #include "record_store.h"
 #include "text.h"
+#include "write_guard.h"
 
 namespace tavikm_tool {
 namespace {
@@ -115,10 +120,11 @@ Backup Decode(const std::vector<uint8_t>& bytes, const std::string& file) {
 bool Standard(const std::string& file) { return file == "-"; }
 
 std::vector<uint8_t> ReadBackupFile(const std::string& file) {
+  // Standard input is whatever the caller connected (a pipe, a file); a named backup must be a
+  // regular file.
   const std::string name = Standard(file) ? "standard input" : file;
-  tavikm::ScopedFd fd(Standard(file) ? dup(STDIN_FILENO)
-                                     : open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.ok()) throw InputError("cannot open " + name + ": " + strerror(errno));
+  tavikm::ScopedFd fd(Standard(file) ? dup(STDIN_FILENO) : OpenRegularInput(file, "backup file"));
+  if (!fd.ok()) throw InputError("cannot read " + name + ": " + strerror(errno));
   std::vector<uint8_t> bytes;
   uint8_t buffer[4096];
   const size_t limit = kHeaderSize + kMaxKeyLoc + KM_META_SIZE + kDigestSize;
@@ -189,7 +195,14 @@ std::string Summary(const Place& place, const std::vector<uint8_t>& image) {
   RawRecord raw;
   memcpy(&raw.meta, image.data(), image.size());
   raw.stored_length = image.size();
+  // Nothing is read from bytes without a record's magic: they may be a plain KEK.
   std::string kind = raw.Kek() ? "a KEK" : "kdf " + KdfName(raw.meta.kdf_type);
+  if (!raw.Kek() && raw.meta.magic != KM_META_MAGIC) {
+    std::optional<std::string> owner =
+        place.secure_storage ? LegacyKekOwner(place.loc) : std::nullopt;
+    kind = owner ? "the legacy KEK of \"" + *owner + "\"" : "no record";
+  }
+  OPENSSL_cleanse(&raw.meta, sizeof(raw.meta));
   return place.Describe() + " (" + std::to_string(image.size()) + " bytes, " + kind + ")";
 }
 
@@ -233,8 +246,10 @@ int RunBackup(const std::vector<std::string>& args) {
   std::vector<uint8_t> encoded = Encode(backup);
   if (Standard(file)) {
     WriteStandardOutput(encoded);
+    NoteChanged("the backup was written to standard output");
   } else {
     WriteNewFile(file, encoded);
+    NoteChanged("the backup " + file + " was written");
   }
   OPENSSL_cleanse(encoded.data(), encoded.size());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
@@ -283,8 +298,19 @@ int RunRestore(const std::vector<std::string>& args) {
   }
   if (!place.secure_storage && !offset) place.offset = backup.offset;
   CheckRoom(place);
+  CheckFits(place);
   OpenedPlace opened(place);
-  WriteImage(opened, backup.image);
+  // Under the lock: the file as it is now, and no record beside it overwritten.
+  CheckFits(place, opened.fd());
+  RefuseOverlap(opened);
+  // A plain KEK comes back only from a backup of it; nothing else replaces it.
+  if (place.secure_storage && backup.loc != place.loc) RefuseLegacyKek(place.loc, "restore");
+  WriteGuard guard(opened, nullptr, 0);
+  guard.Run([&] {
+    WriteImage(opened, backup.image);
+    return 0;
+  });
+  NoteChanged(place.Describe() + " was restored from " + source);
   printf("Restored %s from %s\n", TerminalText(Summary(place, backup.image)).c_str(),
          TerminalText(source).c_str());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());

@@ -13,12 +13,15 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli.h"
 #include "commands.h"
 #include "common/scopers.h"
+#include "legacy_kek.h"
 #include "operations.h"
 #include "place.h"
 #include "progress.h"
@@ -36,6 +39,7 @@ struct Item {
   // An entry that is not a regular file, or could not be read: what it is, and why not.
   std::string unusual;
   std::string why;
+  std::optional<std::string> legacy_kek_of;  // the record whose plain KEK this entry is
 };
 
 // The entry name of a kmstore file name ("e-" and %XX escapes), false when it is not one. A long
@@ -113,6 +117,7 @@ void ReadEntry(const std::string& path, Item* item) {
 
 std::vector<Item> SecureStorageItems(const std::string& dir) {
   std::vector<Item> items;
+  const std::map<std::string, std::string> legacy = LegacyKekEntries();
   DIR* folder = opendir(dir.c_str());
   if (!folder) {
     if (errno == ENOENT) return items;
@@ -122,6 +127,9 @@ std::vector<Item> SecureStorageItems(const std::string& dir) {
     Item item;
     if (!DecodeEntryName(entry->d_name, &item.name, &item.name_complete)) continue;
     ReadEntry(dir + "/" + entry->d_name, &item);
+    if (auto owner = legacy.find(item.name); owner != legacy.end() && item.unusual.empty()) {
+      item.legacy_kek_of = owner->second;
+    }
     items.push_back(item);
   }
   closedir(folder);
@@ -209,7 +217,7 @@ std::vector<Item> FileItems(const std::string& path) {
 
 std::string Kind(const Item& item) {
   if (!item.unusual.empty()) return item.unusual;
-  if (item.raw.Kek()) return "KEK";
+  if (item.legacy_kek_of || item.raw.Kek()) return "KEK";
   if (item.raw.meta.magic != KM_META_MAGIC) return "unknown";
   return "record";
 }
@@ -225,13 +233,20 @@ std::string KdfText(const Item& item) {
   return text;
 }
 
+// Fields are read only from what has a record's magic: anything else may be a plain KEK.
+bool HasFields(const Item& item) {
+  return item.unusual.empty() && !item.legacy_kek_of && item.raw.meta.magic == KM_META_MAGIC;
+}
+
 std::string SizeText(const Item& item) {
-  return item.unusual.empty() ? std::to_string(item.raw.meta.keysize) : "-";
+  if (item.legacy_kek_of) return std::to_string(item.raw.stored_length);
+  return HasFields(item) ? std::to_string(item.raw.meta.keysize) : "-";
 }
 
 std::string GenerationText(const Item& item) {
   if (item.unusual == "unreadable") return item.why;
   if (!item.unusual.empty()) return "not a regular file";
+  if (item.legacy_kek_of) return "legacy, plain: the KEK of " + TerminalText(*item.legacy_kek_of);
   const RawRecord& raw = item.raw;
   if (raw.stored_length != KM_META_SIZE) return std::to_string(raw.stored_length) + " bytes";
   if (raw.meta.major_version <= 2) return "v" + std::to_string(raw.meta.major_version);
@@ -267,6 +282,15 @@ std::string ItemJson(const std::string& key_member, const Item& item) {
   if (!item.unusual.empty()) {
     if (!item.why.empty()) json += ", \"error\": " + JsonString(item.why);
     return json + "}";
+  }
+  if (item.legacy_kek_of) {
+    return "{" + key_member + (item.name_complete ? "" : ", \"name_complete\": false") +
+           ", \"kind\": \"legacy_kek\", " + JsonTextMember("kek_of", *item.legacy_kek_of) +
+           ", \"keysize\": " + std::to_string(item.raw.stored_length) +
+           ", \"stored_length\": " + std::to_string(item.raw.stored_length) + "}";
+  }
+  if (!HasFields(item)) {
+    return json + ", \"stored_length\": " + std::to_string(item.raw.stored_length) + "}";
   }
   json += ", \"kdf_type\": " + std::to_string(m.kdf_type);
   if (m.kdf_type == KM_KDF_SCRYPT || m.kdf_type == KM_KDF_SCRYPT_KEYMASTER) {
