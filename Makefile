@@ -31,7 +31,9 @@ asan-test: deps
 # The libraries, headers, pkg-config files, CMake package, tool, man page and completion under
 # PREFIX (staged under DESTDIR when given).
 PREFIX ?= /usr/local
-install: build
+install: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target tavikm tavikm_host tavikm_tool
 	DESTDIR=$(DESTDIR) cmake --install build/default --prefix $(PREFIX)
 
 # The Debian packages (libtavikm1, libtavikm-host1, libtavikm-dev, tavikm) into build/deb/,

@@ -4,8 +4,8 @@
 # prefix twice, through pkg-config and through the CMake package, and runs both on a fresh
 # device directory. Also checks that the installed tool loads the installed library.
 # Usage: install_example_test.sh BUILD_DIR SOURCE_DIR WORK_DIR [RUNNER...]
-#   TAVIKM_VERSION, CC, CFLAGS, LDFLAGS, CMAKE_TOOLCHAIN_FILE (optional) come from the build's
-#   configuration;
+#   TAVIKM_VERSION, TAVIKM_LIBDIR (relative to the prefix), CC, CFLAGS, LDFLAGS and
+#   CMAKE_TOOLCHAIN_FILE (optional) come from the build's configuration;
 #   RUNNER (an emulator or valgrind) starts the programs.
 set -euo pipefail
 build=$1 source=$2 work=$3
@@ -17,8 +17,7 @@ mkdir -p "$work"
 prefix=$work/prefix
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 
-lib=$(cd "$prefix" && ls -d lib*/ | head -n 1)
-lib=$prefix/${lib%/}
+lib=$prefix/${TAVIKM_LIBDIR:-lib}
 for f in "$lib"/libtavikm.so.1 "$lib"/libtavikm.so "$lib"/libtavikm_host.so.1 \
   "$prefix"/include/tavikm.h "$prefix"/include/tavikm/host/hardware/hardware.h \
   "$prefix"/bin/tavikm "$prefix"/share/man/man8/tavikm.8 \
