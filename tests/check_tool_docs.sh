@@ -40,11 +40,18 @@ case $mode in
     # The page's text as a reader sees it, with the hyphens unescaped.
     text=$(sed -e 's/\\-/-/g' -e 's/\\f[BIRP]//g' "$page")
     for c in $commands; do
-      grep -q -E "^\.(B|BI|BR) \"?$c( |\"|$)" <<<"$text" || fail "the man page lacks the command $c"
+      # The command's own entry: from its tag line to the next paragraph or section.
+      entry=$(awk -v c="$c" '
+        /^\.(TP|SH)/ { if (inside) exit }
+        $0 ~ "^\\.(B|BI|BR) \"?" c "( |\"|$)" { inside = 1 }
+        inside' <<<"$text")
+      [ -n "$entry" ] || fail "the man page lacks the command $c"
+      # help and version take no options (their --help is the tool's own).
+      [ "$c" != help ] && [ "$c" != version ] || continue
       while read -r sub; do
         # shellcheck disable=SC2086
         for o in $(options_of $sub); do
-          grep -q -e "$o\b" <<<"$text" || fail "the man page lacks $o of $sub"
+          grep -q -e "$o\b" <<<"$entry" || fail "the man page's entry of $c lacks $o of $sub"
         done
       done < <(subcommands "$c")
     done

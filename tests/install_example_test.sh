@@ -6,7 +6,8 @@
 # Usage: install_example_test.sh BUILD_DIR SOURCE_DIR WORK_DIR [RUNNER...]
 #   TAVIKM_VERSION, TAVIKM_LIBDIR (relative to the prefix), CC, CFLAGS, LDFLAGS and
 #   CMAKE_TOOLCHAIN_FILE (optional) come from the build's configuration;
-#   RUNNER (an emulator or valgrind) starts the programs.
+#   RUNNER (a cross build's emulator) starts the programs; CHECKER (valgrind), when set, runs
+#   the find_package build of the example under it.
 set -euo pipefail
 build=$1 source=$2 work=$3
 shift 3
@@ -70,5 +71,9 @@ cmake --build "$work/example-build" >"$work/example-build.log" || {
   cat "$work/example-build.log"
   exit 1
 }
+if [ -n "${CHECKER:-}" ]; then
+  read -r -a checker <<<"$CHECKER"
+  runner=("${checker[@]}" "${runner[@]}")
+fi
 run_example find_package "$work/example-build/storage_service"
 echo "the example ran built both ways"
