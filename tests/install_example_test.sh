@@ -55,6 +55,12 @@ export PKG_CONFIG_LIBDIR=$lib/pkgconfig
 read -r -a pc_flags <<<"$(pkg-config --cflags --libs libtavikm libtavikm-host)"
 read -r -a cflags <<<"${CFLAGS:-}"
 read -r -a ldflags <<<"${LDFLAGS:-}"
+# Each public header compiles on its own with nothing but pkg-config's flags: none may need a
+# header the install does not carry.
+for h in tavikm.h tavikm_keymaster.h tavikm_kmstore.h; do
+  echo "#include <$h>" | "${CC:-cc}" -x c -fsyntax-only -Wall -Wextra -Werror "${pc_flags[@]}" - ||
+    { echo "$h does not compile with only pkg-config's flags"; exit 1; }
+done
 "${CC:-cc}" -Wall -Wextra -Werror "${cflags[@]}" "$source/examples/storage_service.c" \
   "${pc_flags[@]}" "${ldflags[@]}" -Wl,-rpath,"$lib" -o "$work/storage_service_pc"
 run_example pkg-config "$work/storage_service_pc"
