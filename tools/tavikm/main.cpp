@@ -18,6 +18,7 @@
 #include "secure_memory.h"
 #include "tavikm_host/device.h"
 #include "text.h"
+#include "version.h"
 
 namespace {
 
@@ -42,6 +43,7 @@ const char kHelp[] =
     "                           unlock time here\n"
     "  demo                     a narrated tour in a throwaway device directory\n"
     "  help                     this text\n"
+    "  version                  the versions of the tool and of the library it loaded\n"
     "Each command explains itself with --help.\n"
     "\n"
     "Options (before the command):\n"
@@ -56,6 +58,7 @@ const char kHelp[] =
     "                           long a FIFO given as password or key file may stay silent\n"
     "  -v                       library log lines to stderr, not to log.txt in the device\n"
     "                           directory\n"
+    "  --version                the same as the version command\n"
     "\n"
     "Exit status: 0 success, 1 usage or unusable input, 2 wrong password, 3 no such record\n"
     "or KEK, 4 any other failure.\n";
@@ -93,6 +96,8 @@ int Run(const std::vector<std::string>& args) {
       globals.props.push_back(value);
     } else if (args[i] == "-v" || args[i] == "--verbose") {
       globals.verbose = true;
+    } else if (args[i] == "--version") {
+      return RunVersion();
     } else if (args[i] == "--help" || args[i] == "-h") {
       printf("%s\n%s", kUsage, kHelp);
       return kExitOk;
@@ -109,6 +114,7 @@ int Run(const std::vector<std::string>& args) {
   InstallLogSink(globals.verbose);
   EnableProgress(!globals.verbose);
   if (command == "demo") return RunDemo(rest, globals);
+  if (command == "version") return RunVersion();
   if (!device_dir.empty()) setenv("TAVIKM_DEVICE_DIR", device_dir.c_str(), 1);
   tavikm_host::ResetProperties();
   ApplyProps(globals.props);
