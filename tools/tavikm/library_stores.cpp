@@ -1,71 +1,59 @@
 // SPDX-License-Identifier: Apache-2.0
-// Journaled undo of the stores the library makes by itself.
+// Derivations with the library's stores turned away.
 #include "library_stores.h"
 
-#include <errno.h>
-#include <fcntl.h>
-#include <limits.h>
-#include <stdlib.h>
+#include <openssl/crypto.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <memory>
+#include <string>
 
 #include "cli.h"
 #include "common/scopers.h"
-#include "journal.h"
+#include "place.h"
 
 namespace tavikm_tool {
 namespace {
 
-bool ReadAt(int fd, km_meta* image) {
+// The first 2704 bytes of a metadata file `path`; false when there is no such file.
+bool ReadAtZero(const std::string& path, km_meta* image) {
   memset(image, 0, sizeof(*image));
-  ssize_t n = pread(fd, image, sizeof(*image), 0);
-  return n >= 0;
+  struct stat st;
+  tavikm::ScopedFd fd(OpenMetadataFile(path, &st));
+  if (!fd.ok()) return false;
+  if (pread(fd.get(), image, sizeof(*image), 0) < 0) {
+    throw ToolError(kExitFailure, "cannot read " + path + ": " + strerror(errno));
+  }
+  return true;
 }
 
 }  // namespace
 
-int UndoLibraryStores(const OpenedPlace& opened, const km_meta& meta,
-                      const std::function<int()>& call) {
-  // Only kdf 4 stores from inside the KDF; a name that the library would send to secure
-  // storage is an entry, replaced atomically under the lock the command holds.
-  std::string target(meta.key_name, strnlen(meta.key_name, sizeof(meta.key_name)));
-  if (meta.kdf_type != KM_KDF_PBKDF2_REK || target.empty()) return call();
-  if (target[0] != '/' && mdfpp_property_get(supportMdfpp)) return call();
-
-  struct stat st;
-  if (!tavikm::ScopedFd(OpenMetadataFile(target, &st)).ok()) {
-    return call();  // the library would create it; nothing there to lose
+int DeriveWithoutLibraryStores(km_meta* meta, const std::function<int(km_meta*)>& call) {
+  std::string target(meta->key_name, strnlen(meta->key_name, sizeof(meta->key_name)));
+  // Only kdf 4 stores from inside the KDF; a name the library sends to secure storage is an
+  // entry, replaced atomically under the lock the command holds.
+  if (meta->kdf_type != KM_KDF_PBKDF2_REK || target.empty() ||
+      (target[0] != '/' && mdfpp_property_get(supportMdfpp))) {
+    return call(meta);
   }
-  // The file of another place needs its own lock and journal replay; the command's own file has
-  // had both.
-  std::unique_ptr<OpenedPlace> other;
-  struct stat own;
-  if (opened.place().secure_storage || !opened.file_exists() || fstat(opened.fd(), &own) != 0 ||
-      own.st_dev != st.st_dev || own.st_ino != st.st_ino) {
-    other = std::make_unique<OpenedPlace>(Place{false, target, 0});
+  km_meta before, after, shadow = *meta;
+  bool exists = ReadAtZero(target, &before);
+  // Every byte of the salt field differs from the record's, and so from any stored record the
+  // library would accept as this one.
+  for (uint8_t& byte : shadow.salt) byte = static_cast<uint8_t>(~byte);
+  int rc = call(&shadow);
+  memcpy(shadow.salt, meta->salt, sizeof(shadow.salt));
+  *meta = shadow;
+  OPENSSL_cleanse(&shadow, sizeof(shadow));
+  bool changed = exists && (!ReadAtZero(target, &after) || memcmp(&before, &after, sizeof(before)));
+  OPENSSL_cleanse(&before, sizeof(before));
+  OPENSSL_cleanse(&after, sizeof(after));
+  if (changed) {
+    throw ToolError(kExitFailure, "offset 0 of " + target +
+                                      " changed while the key was derived; the command stops "
+                                      "here (tavikm inspect shows what it holds)");
   }
-  char resolved[PATH_MAX];
-  if (!realpath(target.c_str(), resolved)) {
-    throw ToolError(kExitFailure, "cannot resolve " + target + ": " + strerror(errno));
-  }
-  tavikm::ScopedFd file(open(resolved, O_RDWR | O_NONBLOCK | O_CLOEXEC));
-  if (!file.ok()) throw ToolError(kExitFailure, "cannot open " + target + ": " + strerror(errno));
-  km_meta before;
-  if (!ReadAt(file.get(), &before)) throw ToolError(kExitFailure, "cannot read " + target);
-  // The intended image is the old one: a crash inside the call gets the old bytes back.
-  WriteJournal(resolved, 0, before, before);
-  int rc = call();
-  km_meta after;
-  bool ok = ReadAt(file.get(), &after);
-  if (ok && memcmp(&after, &before, sizeof(before)) != 0) {
-    ok = pwrite(file.get(), &before, sizeof(before), 0) == static_cast<ssize_t>(sizeof(before)) &&
-         fsync(file.get()) == 0;
-  }
-  file.reset();
-  if (!ok) throw ToolError(kExitFailure, "cannot put back offset 0 of " + target);
-  DropJournal(resolved);
   return rc;
 }
 

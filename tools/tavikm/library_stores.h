@@ -1,25 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 // The library's own stores of a file record. The KDF of kdf_type 4 stores a record whose
-// Keymaster key it had to upgrade, and always at offset 0 of the file its key_name names,
-// whatever offset the record really lies at: beside another record at 0 that record would be
-// lost. The tool lets no such store stand: the 2704 bytes at offset 0 are journaled before the
-// call and put back after it, and the caller stores the upgraded record at its own place through
-// StoreRecord.
+// Keymaster key it had to upgrade at offset 0 of the file its key_name names, whatever offset
+// the record really lies at, and only over a record there with the same salt and wrapped key.
+// The tool lets no such store happen: the KDF is given a copy of the record whose salt field
+// (which it does not derive with: the salt is passed apart) differs from every stored one, so
+// nothing in the file is touched while it derives, nothing needs a journal around a derivation
+// that may take seconds, and an interrupt at any moment leaves the file as it was. The caller
+// then stores the upgraded record at its own place through StoreRecord.
 #ifndef TAVIKM_TOOLS_LIBRARY_STORES_H_
 #define TAVIKM_TOOLS_LIBRARY_STORES_H_
 
 #include <functional>
 
-#include "record_store.h"
 #include "tavikm.h"
 
 namespace tavikm_tool {
 
-// Runs `call` (a library call that derives with `meta`'s KDF) and returns its result, undoing any
-// store it made into a metadata file. Throws a failure when the bytes cannot be put back (the
-// journal then puts them back at the next command on that file).
-int UndoLibraryStores(const OpenedPlace& opened, const km_meta& meta,
-                      const std::function<int()>& call);
+// Runs `call` (a library call that derives with the record it is given) on `meta` and returns its
+// result; `meta` receives whatever the call changed in the record (an upgraded Keymaster key, a
+// new IV and tag). The call must take the salt and wrapped key it works with from elsewhere than
+// the record it is given. Throws a failure if a metadata file changed during the call anyway.
+int DeriveWithoutLibraryStores(km_meta* meta, const std::function<int(km_meta*)>& call);
 
 }  // namespace tavikm_tool
 
