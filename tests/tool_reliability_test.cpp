@@ -734,6 +734,10 @@ TEST_F(ToolReliabilityTest, ReadingARecordNeedsNoWriteAccess) {
       {{"inspect", file}, ""},
       {{"list", file}, ""},
   };
+  // Where backups go: writable by everyone.
+  const std::string out = Scratch("out");
+  std::filesystem::create_directories(out);
+  chmod(out.c_str(), 0777);
   // Each way of being unable to write that can be arranged here.
   struct Way {
     std::string what;
@@ -784,6 +788,11 @@ TEST_F(ToolReliabilityTest, ReadingARecordNeedsNoWriteAccess) {
           result.status == 0 && (fingerprint.empty() || FingerprintIn(result.out) == fingerprint),
           way.what + ", " + args[0] + ": " + result.err);
     }
+    const std::string copy = out + "/" + std::to_string(++files_) + ".bak";
+    ToolResult backup =
+        Finish(Start(way.wrap(ToolArgv({"backup", file, copy})), "", way.env, "ro"), "ro");
+    tally.Trial(backup.status == 0 && std::filesystem::exists(copy),
+                way.what + ", backup: " + backup.err);
     props_ = {"ro.build.version.security_patch=2099-12-05"};
     ToolResult upgrade = Finish(Start(way.wrap(ToolArgv({"unlock", file, "--offset", "5408",
                                                          "--password-file", PasswordFile("p4")})),
