@@ -155,7 +155,7 @@ std::string MoveAside(const std::string& journal, const FileId& id) {
   std::string dir = JournalDir() + "/stale";
   std::string aside = dir + "/" + JournalName(id) + "." + std::to_string(time(nullptr)) + "." +
                       std::to_string(getpid());
-  if (!MakeDirs(dir) || rename(journal.c_str(), aside.c_str()) != 0) return journal;
+  if (!MakeDirs(dir) || rename(journal.c_str(), aside.c_str()) != 0) return "";
   tavikm::SyncDir(JournalDir());
   return aside;
 }

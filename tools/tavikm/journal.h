@@ -72,7 +72,7 @@ enum class Replay {
 
 struct ReplayResult {
   Replay outcome = Replay::kNone;
-  std::string journal;  // the journal's path (kStale: where it was moved)
+  std::string journal;  // the journal's path; kStale: where it was moved, "" if it could not be
 };
 
 // Finishes an interrupted update of the file `id`, which the caller holds locked and has open as

@@ -141,9 +141,10 @@ OpenedPlace::OpenedPlace(const Place& place)
     case Replay::kStale:
       fprintf(stderr,
               "tavikm: note: a journal of an earlier change does not match what %s holds now "
-              "(the file was replaced or changed since), so it was set aside in %s and not "
-              "applied\n",
-              place.loc.c_str(), replay.journal.c_str());
+              "(the file was replaced or changed since), so it was not applied and %s\n",
+              place.loc.c_str(),
+              replay.journal.empty() ? "could not be moved out of the way"
+                                     : ("was set aside in " + replay.journal).c_str());
       break;
     case Replay::kNone:
     case Replay::kDiscarded:
