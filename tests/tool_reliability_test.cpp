@@ -614,6 +614,10 @@ TEST_F(ToolReliabilityTest, AJournalThatCannotBeReadIsKeptAndTheCommandFails) {
           call + " EIO under " + args[0] + ": " + std::to_string(failed.status) + " " + failed.err);
     }
   }
+  // Nor may the record's own bytes be misread as a reason to drop or apply the journal.
+  ToolResult unread = Tool({"inspect", m}, "", FailCall("pread", m, 1, "5"));
+  tally.Trial(unread.status == 4 && PendingJournals() == 1,
+              "EIO reading the record under a journal: " + unread.err);
   tally.Trial(OpensWithOneOf(m, {"old", "new"}, FingerprintIn(setup.out)) && NoJournalLeft(),
               "the torn record was not repaired once the journal could be read");
 }
