@@ -644,6 +644,22 @@ TEST_F(ToolReliabilityTest, AJournalForAPlaceTheFileDoesNotHaveIsSetAside) {
                   StaleJournals() == 1 && PendingJournals() == 0,
               "offset 2^63-100: " + inspect.err);
   tally.Trial(OpensWithOneOf(m, {"A"}, FingerprintIn(setup.out)), "the record at 0 was lost");
+
+  // A journal an earlier release left in the device directory, named after the file's path and
+  // holding only a digest of its new image, is never applied.
+  std::vector<uint8_t> earlier = {'T', 'A', 'V', 'I', 'K', 'M', 'J', '1'};
+  earlier.resize(8 + 8 + 4 + KM_META_SIZE + 64, 0xa5);
+  uint8_t digest[32];
+  ASSERT_EQ(km_sha256(reinterpret_cast<const uint8_t*>(m.data()), m.size(), digest), 0);
+  char name[33];
+  for (int i = 0; i < 16; ++i) snprintf(name + 2 * i, 3, "%02x", digest[i]);
+  WriteFile(Path("journal/") + name, earlier);
+  const std::vector<uint8_t> before = ReadFile(m);
+  ToolResult unlock = Unlock(m, "A");
+  tally.Trial(unlock.status == 0 && unlock.err.find("earlier tavikm") != std::string::npos &&
+                  ReadFile(m) == before && !std::filesystem::exists(Path("journal/") + name) &&
+                  StaleJournals() == 2,
+              "a journal of an earlier release: " + unlock.err);
 }
 
 // A 64 KiB loop device; skipped where none can be set up (not root, no loop driver).

@@ -8,6 +8,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/fs.h>
 #include <openssl/crypto.h>
 #include <openssl/sha.h>
@@ -24,6 +25,7 @@
 #include "common/files.h"
 #include "common/le_codec.h"
 #include "common/scopers.h"
+#include "tavikm_host/device.h"
 
 namespace tavikm_tool {
 namespace {
@@ -160,12 +162,14 @@ std::string MoveAside(const std::string& journal, const FileId& id) {
   return aside;
 }
 
-// The bytes the file holds, or 0 when that cannot be told.
+// The bytes the file holds; the largest offset when that cannot be told (the read at the
+// journaled place then finds out).
 uint64_t SizeOf(int fd, const struct stat& st) {
   if (S_ISREG(st.st_mode)) return static_cast<uint64_t>(st.st_size);
   uint64_t size = 0;
-  if (S_ISBLK(st.st_mode) && ioctl(fd, BLKGETSIZE64, &size) == 0) return size;
-  return 0;
+  if (ioctl(fd, BLKGETSIZE64, &size) == 0) return size;
+  off_t end = lseek(fd, 0, SEEK_END);
+  return end > 0 ? static_cast<uint64_t>(end) : UINT64_MAX;
 }
 
 // A descriptor for writing to exactly the file open as `fd`, whatever its names are now.
@@ -322,6 +326,18 @@ ReplayResult ReplayJournal(const FileId& id, const std::string& path, int fd) {
   if (!ok) throw Kept(result.journal, path, strerror(err));
   RemoveJournal(result.journal);
   return result;
+}
+
+std::string SetAsideEarlierJournal(const FileId& id, const std::string& path) {
+  char resolved[PATH_MAX];
+  if (!realpath(path.c_str(), resolved)) return "";
+  uint8_t digest[SHA256_DIGEST_LENGTH];
+  SHA256(reinterpret_cast<const uint8_t*>(resolved), strlen(resolved), digest);
+  std::string earlier = tavikm_host::DevicePath("journal") + "/" + Hex(digest, 16);
+  struct stat st;
+  if (lstat(earlier.c_str(), &st) != 0) return "";
+  std::string aside = MoveAside(earlier, id);
+  return aside.empty() ? earlier : aside;
 }
 
 bool PutBackOldImage(const FileId& id, const std::string& path, int fd_rw) {

@@ -81,6 +81,13 @@ struct ReplayResult {
 // for cannot be written and synced.
 ReplayResult ReplayJournal(const FileId& id, const std::string& path, int fd);
 
+// A journal that an earlier tavikm left for `path` in the device directory's journal/ folder,
+// named after the path and holding only a digest of the new image: nothing in it can tell a
+// torn record from a file replaced since, so it is never applied. It is set aside with the
+// stale journals (its old image stays there for a person to use). Returns where it went, or ""
+// when there was none.
+std::string SetAsideEarlierJournal(const FileId& id, const std::string& path);
+
 // After a store that did not reach the disk: writes the journaled old image back and syncs it;
 // only then is the journal dropped. Returns false, keeping the journal, when that fails.
 bool PutBackOldImage(const FileId& id, const std::string& path, int fd_rw);

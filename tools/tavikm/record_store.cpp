@@ -150,6 +150,13 @@ OpenedPlace::OpenedPlace(const Place& place)
     case Replay::kDiscarded:
       break;
   }
+  std::string earlier = SetAsideEarlierJournal(id_, place.loc);
+  if (!earlier.empty()) {
+    fprintf(stderr,
+            "tavikm: note: a journal an earlier tavikm left for %s cannot be checked against "
+            "what the file holds, so it was not applied and is in %s\n",
+            place.loc.c_str(), earlier.c_str());
+  }
 }
 
 void StoreRecord(const OpenedPlace& opened, const km_meta& image, const std::string& what) {
