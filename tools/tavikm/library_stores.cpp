@@ -15,11 +15,19 @@
 namespace tavikm_tool {
 namespace {
 
-// The first 2704 bytes of a metadata file `path`; false when there is no such file.
+// The first 2704 bytes of the metadata file `path`; false when there is none there (the name a
+// record carries may be anything: no file, a FIFO, a folder), where the library finds none
+// either.
 bool ReadAtZero(const std::string& path, km_meta* image) {
   memset(image, 0, sizeof(*image));
   struct stat st;
-  tavikm::ScopedFd fd(OpenMetadataFile(path, &st));
+  int opened = -1;
+  try {
+    opened = OpenMetadataFile(path, &st);
+  } catch (const ToolError&) {
+    return false;
+  }
+  tavikm::ScopedFd fd(opened);
   if (!fd.ok()) return false;
   if (pread(fd.get(), image, sizeof(*image), 0) < 0) {
     throw ToolError(kExitFailure, "cannot read " + path + ": " + strerror(errno));
@@ -39,8 +47,8 @@ int DeriveWithoutLibraryStores(km_meta* meta, const std::function<int(km_meta*)>
   }
   km_meta before, after, shadow = *meta;
   bool exists = ReadAtZero(target, &before);
-  // Every byte of the salt field differs from the record's, and so from any stored record the
-  // library would accept as this one.
+  // Every byte of the salt field differs from the record's, so the library never takes the
+  // record at offset 0 for this one.
   for (uint8_t& byte : shadow.salt) byte = static_cast<uint8_t>(~byte);
   int rc = call(&shadow);
   memcpy(shadow.salt, meta->salt, sizeof(shadow.salt));
