@@ -596,6 +596,38 @@ TEST_F(ToolReliabilityTest, AnInterruptedKdf4UnlockLeavesNoJournalToReplayLater)
   }
 }
 
+TEST_F(ToolReliabilityTest, TheNameInsideAKdf4RecordNeverDecidesWhatAnUnlockWrites) {
+  // The library would store an upgraded kdf 4 record at offset 0 of the file its key_name
+  // names, over a record there with the same salt and wrapped key: here a copy of the file.
+  Tally tally("names inside kdf 4 records");
+  const std::string m = MetadataFile(), copy = Scratch("copy.img"), fifo = Scratch("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& name : {copy, Scratch("absent"), fifo}) {
+    std::filesystem::remove(m);
+    props_ = {};
+    ToolResult setup = Setup(m, "A", {"--kdf", "4"});
+    ASSERT_EQ(setup.status, 0);
+    std::vector<uint8_t> bytes = ReadFile(m);
+    std::fill(bytes.begin() + offsetof(km_meta, key_name),
+              bytes.begin() + offsetof(km_meta, key_name) + sizeof(km_meta::key_name), 0);
+    std::copy(name.begin(), name.end(), bytes.begin() + offsetof(km_meta, key_name));
+    WriteFile(m, bytes);
+    WriteFile(copy, bytes);
+    props_ = {"ro.build.version.security_patch=2099-12-05"};
+    ToolResult unlock = Unlock(m, "A");
+    bool held = ReadFile(copy) == bytes;
+    if (name == fifo) {
+      // Nothing the library could block on is handed to it.
+      held = held && unlock.status == 4 && ReadFile(m) == bytes &&
+             unlock.err.find("is a FIFO") != std::string::npos;
+    } else {
+      held = held && unlock.status == 0 && FingerprintIn(unlock.out) == FingerprintIn(setup.out) &&
+             unlock.out.find("stored again") != std::string::npos;
+    }
+    tally.Trial(held, "key_name " + name + ": " + std::to_string(unlock.status) + " " + unlock.err);
+  }
+}
+
 TEST_F(ToolReliabilityTest, AJournalThatCannotBeReadIsKeptAndTheCommandFails) {
   Tally tally("unreadable journals");
   const std::string m = MetadataFile();

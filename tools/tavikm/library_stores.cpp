@@ -15,19 +15,13 @@
 namespace tavikm_tool {
 namespace {
 
-// The first 2704 bytes of the metadata file `path`; false when there is none there (the name a
-// record carries may be anything: no file, a FIFO, a folder), where the library finds none
-// either.
+// The first 2704 bytes of the metadata file `path`; false when there is no such file. Anything
+// else under that name (a FIFO, a device the library would block reading) is refused, since the
+// library looks at offset 0 of it before it would store.
 bool ReadAtZero(const std::string& path, km_meta* image) {
   memset(image, 0, sizeof(*image));
   struct stat st;
-  int opened = -1;
-  try {
-    opened = OpenMetadataFile(path, &st);
-  } catch (const ToolError&) {
-    return false;
-  }
-  tavikm::ScopedFd fd(opened);
+  tavikm::ScopedFd fd(OpenMetadataFile(path, &st));
   if (!fd.ok()) return false;
   if (pread(fd.get(), image, sizeof(*image), 0) < 0) {
     throw ToolError(kExitFailure, "cannot read " + path + ": " + strerror(errno));
