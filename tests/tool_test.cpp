@@ -7,13 +7,17 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <regex>
 #include <string>
 #include <vector>
@@ -734,6 +738,192 @@ TEST_F(ToolTest, ProgressAndPromptsShowOnlyOnATerminal) {
                  {{"New password", "one"}, {"Repeat", "two"}});
   EXPECT_EQ(mismatch.status, 1);
   EXPECT_NE(mismatch.out.find("tavikm: the two passwords do not match"), kNone) << mismatch.out;
+}
+
+TEST_F(ToolTest, AResultThatCannotBeWrittenIsAFailureThatSaysWhatStands) {
+  props_ = {kMdfpp};
+  ASSERT_EQ(Setup("userdata", "pw", {"--kdf", "1"}).status, 0);
+  struct Case {
+    Args args;
+    std::string err;
+    std::function<bool()> stands;  // the change took effect all the same
+  };
+  const std::string full = ", but the output could not be written: No space left on device\n";
+  const std::vector<Case> cases = {
+      {{"kek", "put", "k1", "--random", "--show-key"},
+       "tavikm: the KEK \"k1\" was stored" + full,
+       [&] {
+         return Tool({"kek", "get", "k1"}).status == 0;
+       }},
+      {{"setup", "fresh", "--kdf", "1", "--show-key", "--password-file", PasswordFile("pw")},
+       "tavikm: the record of fresh was created" + full,
+       [&] { return Unlock("fresh", "pw").status == 0; }},
+      {Passwd("fresh", "pw", "new"), "tavikm: the password of fresh was changed" + full,
+       [&] { return Unlock("fresh", "new").status == 0; }},
+      {{"kek", "delete", "k1"},
+       "tavikm: the KEK \"k1\" was deleted" + full,
+       [&] {
+         return Tool({"kek", "get", "k1"}).status == 3;
+       }},
+      {{"unlock", "userdata", "--password-file", PasswordFile("pw"), "--show-key"},
+       "tavikm: cannot write to standard output: No space left on device\n",
+       nullptr},
+      {{"inspect", "userdata", "--json"},
+       "tavikm: cannot write to standard output: No space left on device\n",
+       nullptr},
+      {{"list", "--json"},
+       "tavikm: cannot write to standard output: No space left on device\n",
+       nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    in_child_ = [] {
+      int full_fd = open("/dev/full", O_WRONLY);
+      if (full_fd < 0 || dup2(full_fd, STDOUT_FILENO) < 0) _exit(125);
+    };
+    ToolResult result = Tool(c.args);
+    in_child_ = nullptr;
+    EXPECT_EQ(result.status, 4);
+    EXPECT_EQ(result.err, c.err);
+    if (c.stands) {
+      EXPECT_TRUE(c.stands());
+    }
+  }
+}
+
+// A terminal for the prompt, opened by the test too so that its settings can be read whatever
+// the tool does with them.
+class PromptTest : public ToolTest {
+ protected:
+  // Starts `args` on a new pseudo-terminal; with `job_control`, under a small shell that runs it
+  // as a foreground job, says "[stopped echo=E]" when it stops, turns echo on for itself as a
+  // shell does, and continues the job when "fg" is typed.
+  pid_t StartOnTerminal(const Args& args, bool job_control) {
+    pid_t pid = forkpty(&master_, nullptr, nullptr, nullptr);
+    if (pid == 0) {
+      if (!job_control) ExecInChild(ToolArgv(args));
+      signal(SIGTTOU, SIG_IGN);
+      pid_t job = fork();
+      if (job == 0) {
+        setpgid(0, 0);
+        tcsetpgrp(STDIN_FILENO, getpid());
+        signal(SIGTTOU, SIG_DFL);
+        ExecInChild(ToolArgv(args));
+      }
+      setpgid(job, job);
+      tcsetpgrp(STDIN_FILENO, job);
+      for (;;) {
+        int status = 0;
+        if (waitpid(job, &status, WUNTRACED) < 0) _exit(125);
+        if (!WIFSTOPPED(status)) _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 125);
+        tcsetpgrp(STDIN_FILENO, getpgrp());
+        struct termios tty;
+        tcgetattr(STDIN_FILENO, &tty);
+        printf("[stopped echo=%d]\n", (tty.c_lflag & ECHO) ? 1 : 0);
+        fflush(stdout);
+        tty.c_lflag |= ECHO;
+        tcsetattr(STDIN_FILENO, TCSANOW, &tty);
+        char line[16];
+        if (!fgets(line, sizeof(line), stdin)) _exit(125);
+        tcsetpgrp(STDIN_FILENO, job);
+        kill(-job, SIGCONT);
+      }
+    }
+    slave_ = open(ptsname(master_), O_RDWR | O_NOCTTY);
+    return pid;
+  }
+  void TearDown() override {
+    if (slave_ >= 0) close(slave_);
+    if (master_ >= 0) close(master_);
+    slave_ = master_ = -1;
+  }
+
+  // Reads the terminal until `text` has appeared (or the tool is gone, or 30 s of silence).
+  bool ReadUntil(const std::string& text) {
+    while (out_.find(text) == kNone) {
+      struct pollfd ready = {master_, POLLIN, 0};
+      if (poll(&ready, 1, 30000) <= 0) return false;
+      char buffer[1024];
+      ssize_t n = read(master_, buffer, sizeof(buffer));
+      if (n <= 0) return false;
+      out_.append(buffer, static_cast<size_t>(n));
+    }
+    return true;
+  }
+  bool Echo() const {
+    struct termios tty;
+    return tcgetattr(slave_, &tty) == 0 && (tty.c_lflag & ECHO);
+  }
+  // Waits up to 5 s for echo to be `on`.
+  bool EchoBecomes(bool on) const {
+    for (int i = 0; i < 500 && Echo() != on; ++i) usleep(10000);
+    return Echo() == on;
+  }
+  int Type(const std::string& text) {
+    return static_cast<int>(write(master_, text.data(), text.size()));
+  }
+  // Waits for the tool's end (at most 30 s), keeping what it wrote; the test's own descriptor of
+  // the terminal keeps it open, so its end is the process's, not the terminal's.
+  int Status(pid_t pid) {
+    int status = 0;
+    for (int i = 0; i < 3000; ++i) {
+      struct pollfd ready = {master_, POLLIN, 0};
+      bool gone = waitpid(pid, &status, WNOHANG) == pid;
+      while (poll(&ready, 1, gone ? 0 : 10) > 0) {
+        char buffer[1024];
+        ssize_t n = read(master_, buffer, sizeof(buffer));
+        if (n <= 0) break;
+        out_.append(buffer, static_cast<size_t>(n));
+      }
+      if (gone) return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    ADD_FAILURE() << "the tool did not end; output: " << out_;
+    return -1;
+  }
+
+  int master_ = -1, slave_ = -1;
+  std::string out_;
+};
+
+TEST_F(PromptTest, EchoComesBackWhicheverSignalEndsTheTool) {
+  ASSERT_EQ(Setup(MetadataFile(), "secret", {"--kdf", "1"}).status, 0);
+  for (int sig : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) {
+    SCOPED_TRACE(strsignal(sig));
+    out_.clear();
+    pid_t pid = StartOnTerminal({"unlock", MetadataFile()}, false);
+    ASSERT_TRUE(ReadUntil("Password for")) << out_;
+    EXPECT_TRUE(EchoBecomes(false));
+    kill(pid, sig);
+    EXPECT_EQ(Status(pid), 128 + sig);
+    EXPECT_TRUE(Echo()) << "the tool ended with echo off";
+    TearDown();
+  }
+}
+
+// Ctrl-Z at the prompt, then fg: echo is on while the job is stopped, what was typed before is
+// dropped, and after fg echo is off again before the rest of the password is typed.
+TEST_F(PromptTest, CtrlZThenFgNeverShowsThePassword) {
+  if (!std::string(TAVIKM_TOOL_EMULATOR).empty()) {
+    GTEST_SKIP() << "the stop would be the emulator's, not the tool's own";
+  }
+  ASSERT_EQ(Setup(MetadataFile(), "secret", {"--kdf", "1"}).status, 0);
+  pid_t pid = StartOnTerminal({"unlock", MetadataFile()}, true);
+  ASSERT_TRUE(ReadUntil("Password for")) << out_;
+  ASSERT_TRUE(EchoBecomes(false));
+  Type("sec");
+  Type("\x1a");
+  ASSERT_TRUE(ReadUntil("[stopped echo=")) << out_;
+  ASSERT_TRUE(ReadUntil("]")) << out_;
+  EXPECT_NE(out_.find("[stopped echo=1]"), kNone) << "stopped with echo off: " << out_;
+  Type("fg\n");
+  EXPECT_TRUE(EchoBecomes(false)) << "echo stayed on after fg";
+  size_t typed_at = out_.size();
+  Type("secret\n");
+  EXPECT_EQ(Status(pid), 0) << out_;
+  EXPECT_EQ(out_.find("secret", typed_at), kNone) << "the password was echoed: " << out_;
+  EXPECT_NE(out_.find("Unlocked "), kNone) << out_;
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
  * TEAR_PATHS (colon-separated). With TEAR_AFTER=K the write that reaches K bytes lands only up to
  * byte K and the process is then killed with SIGKILL, as a power cut or a crash at that byte
  * would leave it. With TEAR_REPORT=FILE the process writes, when it exits normally, the bytes it
- * counted and its core-dump settings: "counted=N dumpable=D core=C\n".
+ * counted and its core-dump settings: "counted=N dumpable=D core=C\n". With TEAR_READ_FAIL set,
+ * pread() of a watched file fails with EIO once a write to a watched file has landed, as a device
+ * that fails after a store would.
  *
  * A second, independent mode fails one system call: FAIL_CALL names the kind (open, read, pread,
  * write, pwrite, fsync or rename), FAIL_PATHS the path prefixes it applies to (as TEAR_PATHS), and
@@ -29,6 +31,7 @@
 #include <unistd.h>
 
 static unsigned long long g_counted;
+static int g_wrote;
 
 static int PathMatches(const char* path, const char* prefixes) {
   if (!path || !prefixes || !*prefixes) return 0;
@@ -106,14 +109,22 @@ ssize_t read(int fd, void* buf, size_t count) {
   return REAL("read", ssize_t(*)(int, void*, size_t))(fd, buf, count);
 }
 
-ssize_t pread(int fd, void* buf, size_t count, off_t offset) {
+static ssize_t Pread(const char* name, int fd, void* buf, size_t count, off_t offset) {
   if (Fail("pread", NULL, fd)) return -1;
-  return REAL("pread", ssize_t(*)(int, void*, size_t, off_t))(fd, buf, count, offset);
+  const char* fail = getenv("TEAR_READ_FAIL");
+  if (fail && *fail && g_wrote && Watched(fd)) {
+    errno = EIO;
+    return -1;
+  }
+  return REAL(name, ssize_t(*)(int, void*, size_t, off_t))(fd, buf, count, offset);
+}
+
+ssize_t pread(int fd, void* buf, size_t count, off_t offset) {
+  return Pread("pread", fd, buf, count, offset);
 }
 
 ssize_t pread64(int fd, void* buf, size_t count, off_t offset) {
-  if (Fail("pread", NULL, fd)) return -1;
-  return REAL("pread64", ssize_t(*)(int, void*, size_t, off_t))(fd, buf, count, offset);
+  return Pread("pread64", fd, buf, count, offset);
 }
 
 int fsync(int fd) {
@@ -131,6 +142,7 @@ int rename(const char* from, const char* to) {
 static size_t Allowed(int fd, size_t count, int* kill_after) {
   *kill_after = 0;
   if (!Watched(fd)) return count;
+  g_wrote = 1;
   const char* after = getenv("TEAR_AFTER");
   if (after && *after) {
     unsigned long long budget = strtoull(after, NULL, 10);

@@ -23,10 +23,15 @@
 #include "common/files.h"
 #include "common/le_codec.h"
 #include "common/scopers.h"
+#include "guards.h"
+#include "input_files.h"
+#include "legacy_kek.h"
 #include "log_sink.h"
 #include "operations.h"
+#include "outcome.h"
 #include "place.h"
 #include "record_store.h"
+#include "write_guard.h"
 
 namespace tavikm_tool {
 namespace {
@@ -108,8 +113,7 @@ Backup Decode(const std::vector<uint8_t>& bytes, const std::string& file) {
 }
 
 std::vector<uint8_t> ReadBackupFile(const std::string& file) {
-  tavikm::ScopedFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.ok()) throw InputError("cannot open " + file + ": " + strerror(errno));
+  tavikm::ScopedFd fd(OpenRegularInput(file, "backup file"));
   std::vector<uint8_t> bytes;
   uint8_t buffer[4096];
   const size_t limit = kHeaderSize + kMaxKeyLoc + KM_META_SIZE + kDigestSize;
@@ -169,7 +173,14 @@ std::string Summary(const Place& place, const std::vector<uint8_t>& image) {
   RawRecord raw;
   memcpy(&raw.meta, image.data(), image.size());
   raw.stored_length = image.size();
+  // Nothing is read from bytes without a record's magic: they may be a plain KEK.
   std::string kind = raw.Kek() ? "a KEK" : "kdf " + KdfName(raw.meta.kdf_type);
+  if (!raw.Kek() && raw.meta.magic != KM_META_MAGIC) {
+    std::optional<std::string> owner =
+        place.secure_storage ? LegacyKekOwner(place.loc) : std::nullopt;
+    kind = owner ? "the legacy KEK of \"" + *owner + "\"" : "no record";
+  }
+  OPENSSL_cleanse(&raw.meta, sizeof(raw.meta));
   return place.Describe() + " (" + std::to_string(image.size()) + " bytes, " + kind + ")";
 }
 
@@ -208,6 +219,7 @@ int RunBackup(const std::vector<std::string>& args) {
   backup.image.assign(bytes, bytes + raw.stored_length);
   std::vector<uint8_t> encoded = Encode(backup);
   WriteNewFile(file, encoded);
+  NoteChanged("the backup " + file + " was written");
   OPENSSL_cleanse(encoded.data(), encoded.size());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
   printf("Backed up %s to %s\n",
@@ -249,8 +261,19 @@ int RunRestore(const std::vector<std::string>& args) {
   }
   if (!place.secure_storage && !offset) place.offset = backup.offset;
   CheckRoom(place);
+  CheckFits(place);
   OpenedPlace opened(place);
-  WriteImage(opened, backup.image);
+  // Under the lock: the file as it is now, and no record beside it overwritten.
+  CheckFits(place, opened.fd());
+  RefuseOverlap(opened);
+  // A plain KEK comes back only from a backup of it; nothing else replaces it.
+  if (place.secure_storage && backup.loc != place.loc) RefuseLegacyKek(place.loc, "restore");
+  WriteGuard guard(opened, nullptr, 0);
+  guard.Run([&] {
+    WriteImage(opened, backup.image);
+    return 0;
+  });
+  NoteChanged(place.Describe() + " was restored from " + file);
   printf("Restored %s from %s\n", Summary(place, backup.image).c_str(), file.c_str());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
   return kExitOk;

@@ -14,7 +14,11 @@
 
 #include "cli.h"
 #include "common/scopers.h"
+#include "guards.h"
+#include "input_files.h"
+#include "legacy_kek.h"
 #include "operations.h"
+#include "outcome.h"
 #include "password.h"
 #include "place.h"
 #include "record_checks.h"
@@ -112,8 +116,7 @@ KeyBytes KeyFromHex(std::string hex, const std::string& source) {
 }
 
 std::string ReadKeyFile(const std::string& file) {
-  int fd = file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw InputError("cannot open key file " + file + ": " + strerror(errno));
+  int fd = file == "-" ? STDIN_FILENO : OpenInput(file, "key file");
   std::string text;
   text.reserve(4096);
   char buffer[4096];
@@ -182,9 +185,11 @@ int RunSetup(const std::vector<std::string>& args) {
   uint64_t size = ParseKeysize(keysize);
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
+  CheckFits(place);
   Password password = ReadNewPassword(password_file, "New password for " + place.loc + ": ");
   RefuseEmpty(password, allow_empty);
   SetupResult result = Setup(place, password, size, kdf_type, force);
+  NoteChanged("the record of " + place.loc + " was created");
   printf("Created the record of %s\n", place.loc.c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
@@ -222,6 +227,9 @@ int RunUnlock(const std::vector<std::string>& args) {
   RequireRecord(place);
   Password password = ReadPassword(password_file, "Password for " + place.loc + ": ");
   UnlockResult result = Unlock(place, password);
+  if (result.stored_again || result.upgraded_on_read) {
+    NoteChanged("the record of " + place.loc + " was unlocked and stored again");
+  }
   printf("Unlocked %s\n", place.loc.c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
@@ -271,6 +279,7 @@ int RunPasswd(const std::vector<std::string>& args) {
       ReadNewPassword(new_password_file, "New password for " + place.loc + ": ");
   RefuseEmpty(new_password, allow_empty);
   PasswdResult result = ChangePassword(place, old_password, new_password);
+  NoteChanged("the password of " + place.loc + " was changed");
   printf("Changed the password of %s\n", place.loc.c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.stored));
@@ -323,7 +332,13 @@ int RunInspect(const std::vector<std::string>& args) {
   if (raw.Empty()) {
     throw ToolError(kExitNotFound, place.Describe() + " is empty");
   }
-  std::string text = json ? RecordJson(place, raw) : RecordText(place, raw);
+  std::string text;
+  if (place.secure_storage && !DecodableEntry(raw)) {
+    std::optional<std::string> owner = LegacyKekOwner(place.loc);
+    text = json ? OpaqueEntryJson(place, raw, owner) : OpaqueEntryText(place, raw, owner);
+  } else {
+    text = json ? RecordJson(place, raw) : RecordText(place, raw);
+  }
   fputs(text.c_str(), stdout);
   return kExitOk;
 }
@@ -384,6 +399,7 @@ int RunKek(const std::vector<std::string>& args) {
     }
     const std::string& name = parser.positional()[0];
     PutKek(name, kek, force);
+    NoteChanged("the KEK \"" + name + "\" was stored");
     printf("Stored the KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     return kExitOk;
@@ -404,6 +420,7 @@ int RunKek(const std::vector<std::string>& args) {
     const std::string& name = parser.positional()[0];
     bool asked_twice = false;
     KeyBytes kek = GetKek(name, &asked_twice);
+    if (asked_twice) NoteChanged("the KEK \"" + name + "\" was stored again");
     printf("KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     if (asked_twice) {
@@ -416,6 +433,7 @@ int RunKek(const std::vector<std::string>& args) {
     if (!parser.Parse(rest, 1, 1)) return kExitOk;
     const std::string& name = parser.positional()[0];
     DeleteKek(name);
+    NoteChanged("the KEK \"" + name + "\" was deleted");
     printf("Deleted the KEK \"%s\"\n", name.c_str());
     return kExitOk;
   }

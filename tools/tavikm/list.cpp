@@ -12,12 +12,15 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "cli.h"
 #include "commands.h"
 #include "common/scopers.h"
+#include "legacy_kek.h"
 #include "operations.h"
 #include "place.h"
 #include "record_view.h"
@@ -30,6 +33,7 @@ struct Item {
   std::string name;  // entry name, or the offset in a metadata file
   bool name_complete = true;
   RawRecord raw;
+  std::optional<std::string> legacy_kek_of;  // the record whose plain KEK this entry is
 };
 
 // The entry name of a kmstore file name ("e-" and %XX escapes), false when it is not one. A long
@@ -63,6 +67,7 @@ RawRecord ReadImage(const std::string& path, uint64_t offset) {
 
 std::vector<Item> SecureStorageItems(const std::string& dir) {
   std::vector<Item> items;
+  const std::map<std::string, std::string> legacy = LegacyKekEntries();
   DIR* folder = opendir(dir.c_str());
   if (!folder) {
     if (errno == ENOENT) return items;
@@ -75,6 +80,9 @@ std::vector<Item> SecureStorageItems(const std::string& dir) {
     struct stat st;
     if (stat((dir + "/" + entry->d_name).c_str(), &st) == 0) {
       item.raw.stored_length = static_cast<uint64_t>(st.st_size);
+    }
+    if (auto owner = legacy.find(item.name); owner != legacy.end()) {
+      item.legacy_kek_of = owner->second;
     }
     items.push_back(item);
   }
@@ -117,6 +125,18 @@ std::string Kind(const RawRecord& raw) {
   return "record";
 }
 
+// Fields are read only from what has a record's magic: anything else may be a plain KEK.
+bool HasFields(const Item& item) {
+  return !item.legacy_kek_of && item.raw.meta.magic == KM_META_MAGIC;
+}
+
+std::string KindText(const Item& item) { return item.legacy_kek_of ? "KEK" : Kind(item.raw); }
+
+std::string SizeText(const Item& item) {
+  if (item.legacy_kek_of) return std::to_string(item.raw.stored_length);
+  return HasFields(item) ? std::to_string(item.raw.meta.keysize) : "-";
+}
+
 std::string KdfText(const RawRecord& raw) {
   if (Kind(raw) != "record") return "-";
   const km_meta& m = raw.meta;
@@ -128,7 +148,9 @@ std::string KdfText(const RawRecord& raw) {
   return text;
 }
 
-std::string GenerationText(const RawRecord& raw) {
+std::string GenerationText(const Item& item) {
+  if (item.legacy_kek_of) return "legacy, plain: the KEK of " + *item.legacy_kek_of;
+  const RawRecord& raw = item.raw;
   if (raw.stored_length != KM_META_SIZE) return std::to_string(raw.stored_length) + " bytes";
   if (raw.meta.major_version <= 2) return "v" + std::to_string(raw.meta.major_version);
   return "current";
@@ -138,9 +160,8 @@ void PrintTable(const std::string& key_title, const std::vector<Item>& items) {
   printf("  %-20s %-7s %-34s %-5s %s\n", key_title.c_str(), "KIND", "KDF", "SIZE", "GENERATION");
   for (const Item& item : items) {
     std::string name = item.name + (item.name_complete ? "" : "...");
-    printf("  %-20s %-7s %-34s %-5llu %s\n", name.c_str(), Kind(item.raw).c_str(),
-           KdfText(item.raw).c_str(), static_cast<unsigned long long>(item.raw.meta.keysize),
-           GenerationText(item.raw).c_str());
+    printf("  %-20s %-7s %-34s %-5s %s\n", name.c_str(), KindText(item).c_str(),
+           KdfText(item.raw).c_str(), SizeText(item).c_str(), GenerationText(item).c_str());
   }
 }
 
@@ -149,7 +170,15 @@ std::string ItemJson(const std::string& key, const std::string& key_value, const
   std::string kind = Kind(item.raw);
   std::string json = "{" + JsonString(key) + ": " + key_value;
   if (!item.name_complete) json += ", \"name_complete\": false";
+  if (item.legacy_kek_of) {
+    return json + ", \"kind\": \"legacy_kek\", \"kek_of\": " + JsonString(*item.legacy_kek_of) +
+           ", \"keysize\": " + std::to_string(item.raw.stored_length) +
+           ", \"stored_length\": " + std::to_string(item.raw.stored_length) + "}";
+  }
   json += ", \"kind\": " + JsonString(kind == "KEK" ? "kek" : kind);
+  if (!HasFields(item)) {
+    return json + ", \"stored_length\": " + std::to_string(item.raw.stored_length) + "}";
+  }
   json += ", \"kdf_type\": " + std::to_string(m.kdf_type);
   if (m.kdf_type == KM_KDF_SCRYPT || m.kdf_type == KM_KDF_SCRYPT_KEYMASTER) {
     json += ", \"N_factor\": " + std::to_string(m.N_factor) +

@@ -3,6 +3,7 @@
 // device directory and properties before anything touches the platform; then one command runs.
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <exception>
 #include <string>
@@ -12,6 +13,7 @@
 #include "commands.h"
 #include "lock.h"
 #include "log_sink.h"
+#include "outcome.h"
 #include "progress.h"
 #include "secure_memory.h"
 #include "tavikm_host/device.h"
@@ -48,7 +50,8 @@ const char kHelp[] =
     "                           ro.product.tavi.support_mdfpp=true,\n"
     "                           ro.crypto.scrypt_params=12:3:1\n"
     "  --wait SECONDS           how long to wait for another command using the same record\n"
-    "                           (default 10), then give up with \"... is busy\"\n"
+    "                           (default 10), then give up with \"... is busy\"; also how\n"
+    "                           long a FIFO given as password or key file may stay silent\n"
     "  -v                       library log lines to stderr, not to log.txt in the device\n"
     "                           directory\n"
     "\n"
@@ -130,14 +133,19 @@ int Run(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
   HardenProcess();
+  // Every file and folder the tool and the host platform create holds keys or their traces:
+  // owner only, whatever umask the caller had.
+  umask(077);
   std::vector<std::string> args(argv + 1, argv + argc);
   try {
-    return Run(args);
+    return FinishOutput(Run(args));
   } catch (const ToolError& e) {
+    fflush(stdout);  // what was printed before the failure, if it can be
     fprintf(stderr, "tavikm: %s\n", e.what());
     if (e.show_usage()) fprintf(stderr, "%s\n", CurrentUsage().c_str());
     return e.code();
   } catch (const std::exception& e) {
+    fflush(stdout);
     fprintf(stderr, "tavikm: %s\n", e.what());
     return kExitFailure;
   }
