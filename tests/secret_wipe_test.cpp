@@ -72,13 +72,14 @@ class SecretWipeTest : public DeviceTest {
 TEST_F(SecretWipeTest, ObjectServicesFreeNoCopyOfThePlaintext) {
   const Bytes key = AesKey(), plain = Pattern(48, 0x11);
   Bytes sealed, opened;
+  const std::vector<Bytes> needles = {Head(plain)};
   {
-    AllocationWatch watch({Head(plain)});
+    AllocationWatch watch(needles);
     ASSERT_EQ(Object(true, key, plain, &sealed), 0);
     watch.Stop();
     EXPECT_EQ(watch.FreedHoldingSecrets(), 0);
   }
-  AllocationWatch watch({Head(plain)});
+  AllocationWatch watch(needles);
   unsigned char* out = nullptr;
   unsigned int out_size = 0;
   ASSERT_EQ(keymaster_decrypt_object_for_mdfpp(key.data(), key.size(), nonce_.data(), nonce_.size(),
@@ -98,7 +99,8 @@ TEST_F(SecretWipeTest, TheBlockLeftAfterAFailedFinishIsWiped) {
   Bytes sealed, opened;
   ASSERT_EQ(Object(true, key, plain, &sealed), 0);
   sealed.back() ^= 0x01;
-  AllocationWatch watch({Head(plain)});
+  const std::vector<Bytes> needles = {Head(plain)};
+  AllocationWatch watch(needles);
   EXPECT_EQ(Object(false, key, sealed, &opened), -1);
   watch.Stop();
   EXPECT_EQ(watch.FreedHoldingSecrets(), 0);
@@ -136,7 +138,8 @@ TEST_F(SecretWipeTest, SigningFreesNoCopyOfTheObjectOrTheSignature) {
   ASSERT_EQ(sign(&first, nullptr), 0);
   ASSERT_EQ(first.size(), 256u);
   // Raw RSA is deterministic: the second signature is the first, so it can be watched for.
-  AllocationWatch watch({Head(first), Bytes(object.begin() + 1, object.begin() + 33)});
+  const std::vector<Bytes> needles = {Head(first), Bytes(object.begin() + 1, object.begin() + 33)};
+  AllocationWatch watch(needles);
   ASSERT_EQ(sign(&second, &watch), 0);
   EXPECT_EQ(second, first);
   EXPECT_EQ(watch.FreedHoldingSecrets(), 0);
@@ -151,7 +154,8 @@ TEST_F(SecretWipeTest, TheRecordLeftByAFailedKekUpgradeWriteIsWiped) {
   script->write = [](const char*, const uint8_t*, uint64_t) { return -1; };
   uint8_t out[64];
   uint64_t out_len = 0;
-  AllocationWatch watch({Head(kek, 16)});
+  const std::vector<Bytes> needles = {Head(kek, 16)};
+  AllocationWatch watch(needles);
   EXPECT_EQ(km_get_kek_enc_by_rek("k", out, &out_len), -1);
   watch.Stop();
   const std::vector<HeapBlock> left = watch.Outstanding();

@@ -61,8 +61,9 @@ bool Holds(const void* block, size_t size) {
   return false;
 }
 
-// Before the block goes: searched if the watch saw it allocated.
-void Freeing(void* p) {
+// Before the block goes: searched if the watch saw it allocated, or when the caller says how
+// long it is (a sized delete of a block the standard library allocated out of sight).
+void Freeing(void* p, size_t size_if_known = 0) {
   if (!g_watch.armed || !p) return;
   for (size_t i = 0; i < g_watch.block_count; ++i) {
     if (g_watch.blocks[i].address != p) continue;
@@ -70,6 +71,7 @@ void Freeing(void* p) {
     g_watch.blocks[i] = g_watch.blocks[--g_watch.block_count];
     return;
   }
+  if (size_if_known && Holds(p, size_if_known)) ++g_watch.freed_holding_secrets;
 }
 
 }  // namespace
@@ -99,7 +101,7 @@ void __wrap__ZdlPv(void* p) {
   __real__ZdlPv(p);
 }
 void __wrap__ZdlPvm(void* p, size_t size) {
-  Freeing(p);
+  Freeing(p, size);
   __real__ZdlPvm(p, size);
 }
 int __wrap_RAND_bytes(uint8_t* out, RandLength length) {

@@ -22,7 +22,9 @@ struct HeapBlock {
 
 class AllocationWatch {
  public:
-  // Watches for any of `needles` (each at most 64 bytes, at least 8) in blocks being freed.
+  // Watches for any of `needles` (each at most 64 bytes, at least 8) in blocks being freed. Blocks
+  // freed by a sized delete are searched whenever the watch is alive, so the needles themselves
+  // must outlive it.
   explicit AllocationWatch(const std::vector<std::vector<uint8_t>>& needles);
   ~AllocationWatch();
   AllocationWatch(const AllocationWatch&) = delete;
