@@ -103,13 +103,16 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
     return -1;
   }
   tavikm::ScopedWipedBuffer owned_first(first, update_length);
-  output.Wipe();
-
   // On the two failures below `first` stays allocated: that is this service's settled
   // behaviour, kept on purpose. It is wiped first, so what stays holds nothing.
-  if (!operation.Finish(&output)) {
+  auto leave_first_allocated = [&] {
     OPENSSL_cleanse(first, update_length);
     owned_first.release();
+  };
+  output.Wipe();
+
+  if (!operation.Finish(&output)) {
+    leave_first_allocated();
     return -1;
   }
   const size_t finish_length = output.size();
@@ -117,8 +120,7 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
   if (finish_length) {
     second = Duplicate(output);
     if (!second) {
-      OPENSSL_cleanse(first, update_length);
-      owned_first.release();
+      leave_first_allocated();
       KM_STREAM_LOG(ERROR) << direction.allocation;
       return -1;
     }

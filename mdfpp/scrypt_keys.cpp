@@ -56,6 +56,13 @@ bool UpgradedBlobIsEmpty(const std::string& blob) {
   return true;
 }
 
+// A blob to upgrade must be there, and fit the client's views.
+bool HaveBlob(const unsigned char* key_blob, unsigned long key_blob_size) {
+  if (key_blob && key_blob_size <= UINT32_MAX) return true;
+  KM_LOG_INVALID_ARGUMENT();
+  return false;
+}
+
 }  // namespace
 
 int keymaster_compatibility_cryptfs_scrypt_mdfpp(void) {
@@ -95,10 +102,7 @@ int keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
     tavikm::LogNoKeymasterSession();
     return -1;
   }
-  if (!key_blob || key_blob_size > UINT32_MAX) {
-    KM_LOG_INVALID_ARGUMENT();
-    return -1;
-  }
+  if (!HaveBlob(key_blob, key_blob_size)) return -1;
   // Copied first: the destination may be the very buffer the old blob is in.
   std::string old_key = tavikm::ByteString(key_blob, key_blob_size);
   std::string new_key;
@@ -117,10 +121,7 @@ int keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(const unsigned char* key_blob
                                                    unsigned char* key_buffer,
                                                    unsigned int key_buffer_size,
                                                    unsigned long* key_out_size) {
-  if (!key_blob || key_blob_size > UINT32_MAX) {
-    KM_LOG_INVALID_ARGUMENT();
-    return -1;
-  }
+  if (!HaveBlob(key_blob, key_blob_size)) return -1;
   // Copied first: the destination may be the very buffer the old blob is in.
   std::string old_key = tavikm::ByteString(key_blob, key_blob_size);
   // The encryption's begin parameters, with the old blob itself standing in the NONCE slot:
