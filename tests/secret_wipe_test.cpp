@@ -32,15 +32,6 @@ Bytes Pattern(size_t size, uint8_t start) {
 
 Bytes Head(const Bytes& bytes, size_t n = 32) { return Bytes(bytes.begin(), bytes.begin() + n); }
 
-bool AllZero(const HeapBlock& block) {
-  const auto* p = static_cast<const uint8_t*>(block.address);
-  return std::all_of(p, p + block.size, [](uint8_t b) { return b == 0; });
-}
-
-bool Holds(const HeapBlock& block, const Bytes& needle) {
-  return memmem(block.address, block.size, needle.data(), needle.size()) != nullptr;
-}
-
 class SecretWipeTest : public DeviceTest {
  protected:
   Bytes AesKey() {
@@ -108,8 +99,8 @@ TEST_F(SecretWipeTest, TheBlockLeftAfterAFailedFinishIsWiped) {
   const auto kept = std::find_if(left.begin(), left.end(),
                                  [&](const HeapBlock& b) { return b.size == plain.size(); });
   ASSERT_NE(kept, left.end()) << "the documented block is no longer left allocated";
-  EXPECT_TRUE(AllZero(*kept));
-  for (const HeapBlock& block : left) EXPECT_FALSE(Holds(block, Head(plain))) << block.size;
+  EXPECT_TRUE(BlockIsZero(*kept));
+  for (const HeapBlock& block : left) EXPECT_FALSE(BlockHolds(block, Head(plain))) << block.size;
   free(kept->address);  // the test's to free, so no leak checker reports it
 }
 
@@ -163,7 +154,7 @@ TEST_F(SecretWipeTest, TheRecordLeftByAFailedKekUpgradeWriteIsWiped) {
   const auto record = std::find_if(
       left.begin(), left.end(), [](const HeapBlock& b) { return b.size == sizeof(km_meta) + 1; });
   ASSERT_NE(record, left.end()) << "the documented record is no longer left allocated";
-  EXPECT_TRUE(AllZero(*record));
+  EXPECT_TRUE(BlockIsZero(*record));
   free(record->address);
 }
 

@@ -10,6 +10,12 @@
 
 #include <openssl/rand.h>
 
+#if __has_include(<valgrind/memcheck.h>)
+#include <valgrind/memcheck.h>
+#else
+#define VALGRIND_MAKE_MEM_DEFINED_IF_ADDRESSABLE(address, size) ((void)(address), (void)(size))
+#endif
+
 #ifdef OPENSSL_IS_BORINGSSL
 using RandLength = size_t;
 #else
@@ -37,6 +43,7 @@ struct Watch {
   bool overflowed = false;
   size_t block_count = 0;
   tavikm_test::HeapBlock blocks[kMaxBlocks];
+  bool from_malloc[kMaxBlocks] = {};
   size_t needle_count = 0;
   size_t needle_sizes[kMaxNeedles] = {};
   uint8_t needles[kMaxNeedles][kMaxNeedle] = {};
@@ -45,16 +52,20 @@ struct Watch {
 Watch g_watch;
 bool g_fail_random = false;
 
-void Allocated(void* p, size_t size) {
+void Allocated(void* p, size_t size, bool from_malloc) {
   if (!g_watch.armed || !p) return;
   if (g_watch.block_count == kMaxBlocks) {
     g_watch.overflowed = true;
     return;
   }
+  g_watch.from_malloc[g_watch.block_count] = from_malloc;
   g_watch.blocks[g_watch.block_count++] = {p, size};
 }
 
 bool Holds(const void* block, size_t size) {
+  // A block being freed may hold bytes never written (a container's spare room): under memcheck
+  // they are searched as they are, not reported.
+  VALGRIND_MAKE_MEM_DEFINED_IF_ADDRESSABLE(block, size);
   for (size_t i = 0; i < g_watch.needle_count; ++i) {
     if (memmem(block, size, g_watch.needles[i], g_watch.needle_sizes[i])) return true;
   }
@@ -68,7 +79,9 @@ void Freeing(void* p, size_t size_if_known = 0) {
   for (size_t i = 0; i < g_watch.block_count; ++i) {
     if (g_watch.blocks[i].address != p) continue;
     if (Holds(p, g_watch.blocks[i].size)) ++g_watch.freed_holding_secrets;
-    g_watch.blocks[i] = g_watch.blocks[--g_watch.block_count];
+    --g_watch.block_count;
+    g_watch.blocks[i] = g_watch.blocks[g_watch.block_count];
+    g_watch.from_malloc[i] = g_watch.from_malloc[g_watch.block_count];
     return;
   }
   if (size_if_known && Holds(p, size_if_known)) ++g_watch.freed_holding_secrets;
@@ -79,12 +92,12 @@ void Freeing(void* p, size_t size_if_known = 0) {
 extern "C" {
 void* __wrap_malloc(size_t size) {
   void* p = __real_malloc(size);
-  Allocated(p, size);
+  Allocated(p, size, true);
   return p;
 }
 void* __wrap_calloc(size_t count, size_t size) {
   void* p = __real_calloc(count, size);
-  Allocated(p, count * size);
+  Allocated(p, count * size, true);
   return p;
 }
 void __wrap_free(void* p) {
@@ -93,7 +106,7 @@ void __wrap_free(void* p) {
 }
 void* __wrap__Znwm(size_t size) {
   void* p = __real__Znwm(size);
-  Allocated(p, size);
+  Allocated(p, size, false);
   return p;
 }
 void __wrap__ZdlPv(void* p) {
@@ -139,9 +152,26 @@ int AllocationWatch::FreedHoldingSecrets() const {
 std::vector<HeapBlock> AllocationWatch::Outstanding() const {
   const bool was_armed = g_watch.armed;
   g_watch.armed = false;
-  std::vector<HeapBlock> blocks(g_watch.blocks, g_watch.blocks + g_watch.block_count);
+  std::vector<HeapBlock> blocks;
+  for (size_t i = 0; i < g_watch.block_count; ++i) {
+    if (g_watch.from_malloc[i]) blocks.push_back(g_watch.blocks[i]);
+  }
   g_watch.armed = was_armed;
   return blocks;
+}
+
+bool BlockHolds(const HeapBlock& block, const std::vector<uint8_t>& needle) {
+  VALGRIND_MAKE_MEM_DEFINED_IF_ADDRESSABLE(block.address, block.size);
+  return memmem(block.address, block.size, needle.data(), needle.size()) != nullptr;
+}
+
+bool BlockIsZero(const HeapBlock& block) {
+  VALGRIND_MAKE_MEM_DEFINED_IF_ADDRESSABLE(block.address, block.size);
+  const auto* p = static_cast<const uint8_t*>(block.address);
+  for (size_t i = 0; i < block.size; ++i) {
+    if (p[i]) return false;
+  }
+  return true;
 }
 
 FailingRandom::FailingRandom() { g_fail_random = true; }

@@ -34,9 +34,15 @@ class AllocationWatch {
   void Stop();
   // How many blocks freed during the watch held a needle.
   int FreedHoldingSecrets() const;
-  // The blocks allocated during the watch and not freed by its end (the test frees them).
+  // The blocks malloc()ed or calloc()ed during the watch and not freed by its end (the test
+  // frees those it takes). Blocks of operator new are left out: the standard library may free
+  // them where no hook sees it.
   std::vector<HeapBlock> Outstanding() const;
 };
+
+// Whether a block holds `needle`, or only zero bytes; never-written bytes count as they are.
+bool BlockHolds(const HeapBlock& block, const std::vector<uint8_t>& needle);
+bool BlockIsZero(const HeapBlock& block);
 
 // While alive, RAND_bytes reports failure without filling anything.
 class FailingRandom {
