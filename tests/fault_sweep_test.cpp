@@ -1545,3 +1545,40 @@ TEST_F(FaultSweepTest, KeymasterClasses) {
 
 }  // namespace
 }  // namespace tavikm_test
+
+namespace tavikm_test {
+namespace {
+
+// ---- Regressions: each failed before its fix ----------------------------------------------------
+
+class FaultRegressionTest : public FaultSweepTest {};
+
+// Logs to stderr, where a death test looks for the line.
+void LogToStderr() {
+  __android_log_set_logger(
+      [](const __android_logger_data*, const char* message) { fprintf(stderr, "%s\n", message); });
+}
+
+TEST_F(FaultRegressionTest, AFailingRandomGeneratorEndsTheProcess) {
+  uint8_t out[32];
+  EXPECT_DEATH(
+      {
+        LogToStderr();
+        FaultScope scope(Fault::kRandBytes, 1, 0);
+        km_generate_drbg_bytes(nullptr, out, sizeof(out));
+      },
+      "Getting random bytes error = ");
+  // The MAC key of a kek mac comes from the generator too.
+  SetProps(true, true, false);
+  EXPECT_DEATH(
+      {
+        LogToStderr();
+        const uint8_t kek[32] = {1};
+        FaultScope scope(Fault::kRandBytes, 1, 0);
+        km_put_kek_enc_by_rek("vold", kek, sizeof(kek));
+      },
+      "Getting random bytes error = ");
+}
+
+}  // namespace
+}  // namespace tavikm_test
