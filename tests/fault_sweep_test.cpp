@@ -1580,5 +1580,30 @@ TEST_F(FaultRegressionTest, AFailingRandomGeneratorEndsTheProcess) {
       "Getting random bytes error = ");
 }
 
+TEST_F(FaultRegressionTest, AFailedUnwrapHandsBackNoPlaintext) {
+  const Bytes master = Pattern(0x41, 32);
+  for (bool cbc_only : {false, true}) {
+    SCOPED_TRACE(cbc_only);
+    SetProps(false, cbc_only, false);
+    km_meta meta;
+    ASSERT_EQ(km_init_km_meta(&meta, MetaPath().c_str(), 32, KM_KDF_PBKDF2), 0);
+    ASSERT_EQ(
+        km_encrypt_key(kPassword, kPasswordLen, meta.salt, meta.master_key, master.data(), &meta),
+        0);
+    // The final step fails after the update wrote the plaintext (in GCM mode on both tries).
+    uint8_t out[32];
+    log_.Clear();
+    {
+      FaultScope scope(Fault::kCipherFinal, 1, 0);
+      EXPECT_EQ(km_decrypt_key(kPassword, kPasswordLen, meta.salt, meta.master_key, out, &meta),
+                -1);
+    }
+    EXPECT_FALSE(HoldsPartOf(out, sizeof(out), master.data(), master.size()));
+    EXPECT_EQ(log_.Texts().back(), cbc_only
+                                       ? "(km_decrypt_key)Failed to decrypt key\n"
+                                       : "(km_decrypt_key)Failed to decrypt_gcm key keysize=32\n");
+  }
+}
+
 }  // namespace
 }  // namespace tavikm_test
