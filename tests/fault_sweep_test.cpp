@@ -1605,5 +1605,30 @@ TEST_F(FaultRegressionTest, AFailedUnwrapHandsBackNoPlaintext) {
   }
 }
 
+TEST_F(FaultRegressionTest, AFailedPbkdf2WithRekIsNoPasswordIndependentKey) {
+  struct Case {
+    bool cbc_only, rek_kek;
+  } cases[] = {{false, false}, {false, true}, {true, false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.cbc_only) + std::to_string(c.rek_kek));
+    SetProps(true, c.cbc_only, c.rek_kek);
+    km_meta meta;
+    ASSERT_EQ(km_init_km_meta(&meta, "userdata", 32, KM_KDF_PBKDF2_REK), 0);
+    uint8_t ikey[64] = {};
+    log_.Clear();
+    {
+      FaultScope scope(Fault::kPbkdf2, 1, 0);
+      EXPECT_EQ(km_pbkdf2_rek(kPassword, kPasswordLen, meta.salt, ikey, &meta), -1);
+    }
+    EXPECT_EQ(log_.Texts(), std::vector<std::string>{"(km_pbkdf2_rek)Failed to PKCS5_PBKDF2_HMAC"});
+    // Nor does a wrap go ahead with such a key.
+    const Bytes master = Pattern(0x41, 32);
+    FaultScope scope(Fault::kPbkdf2, 1, 0);
+    EXPECT_EQ(
+        km_encrypt_key(kPassword, kPasswordLen, meta.salt, meta.master_key, master.data(), &meta),
+        -1);
+  }
+}
+
 }  // namespace
 }  // namespace tavikm_test
