@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -119,14 +120,52 @@ class PrintTallies : public ::testing::Environment {
 };
 const auto* const g_print = ::testing::AddGlobalTestEnvironment(new PrintTallies);
 
-// Cases that fail on this tree for reasons being fixed elsewhere: "function|kind" prefixes of the
-// failure point's description. Empty it as the fixes land; nothing else belongs here.
-const std::vector<std::string> kKnownDefects = {};
+// Defects of mdfpp/object_crypto.cpp and mdfpp/sign.cpp, which are being rewritten around one
+// operation runner that wipes what it copies: each entry excuses one problem (by its text) at
+// the failure points whose description starts with `point`. Empty this list as the rewrite
+// lands; nothing else belongs here.
+struct KnownDefect {
+  const char* point;
+  const char* problem;
+};
+const KnownDefect kKnownDefects[] = {
+    // The object decryption's first buffer, kept on purpose when finish fails, is not wiped.
+    {"", "the block kept on purpose (32 bytes) still holds"},
+    // The signing service frees its copy of the object unwiped.
+    {"keymaster_sign_object_for_cryptfs_scrypt_mdfpp/", "a freed block of 257 bytes held"},
+    // The object services and the signing service let std::bad_alloc out to a C caller; so do
+    // the calls that reach them (kdf 4 and 5, the KEK store, the KEK upgrade).
+    {"keymaster_encrypt_object_for_mdfpp/", "threw std::bad_alloc"},
+    {"keymaster_decrypt_object_for_mdfpp/", "threw std::bad_alloc"},
+    {"keymaster_sign_object_for_cryptfs_scrypt_mdfpp/", "threw std::bad_alloc"},
+    {"km_initial_setup/kdf 4", "threw std::bad_alloc"},
+    {"km_initial_setup/kdf 5", "threw std::bad_alloc"},
+    {"km_initial_setup/default kdf", "threw std::bad_alloc"},
+    {"km_encrypt_key/kdf 4", "threw std::bad_alloc"},
+    {"km_encrypt_key/kdf 5", "threw std::bad_alloc"},
+    {"km_decrypt_key/kdf 4", "threw std::bad_alloc"},
+    {"km_decrypt_key/kdf 5", "threw std::bad_alloc"},
+    {"km_get_key_mac_by_password/kdf 4", "threw std::bad_alloc"},
+    {"km_get_key_mac_by_password/kdf 5", "threw std::bad_alloc"},
+    {"km_pbkdf2_rek/neither flag", "threw std::bad_alloc"},
+    {"km_pbkdf2_rek/key upgrade", "threw std::bad_alloc"},
+    {"km_put_kek_enc_by_rek/GCM", "threw std::bad_alloc"},
+    {"km_get_kek_enc_by_rek/GCM", "threw std::bad_alloc"},
+    {"km_get_km_meta/upgrade", "threw std::bad_alloc"},
+};
 
-bool IsKnownDefect(const std::string& point) {
-  for (const std::string& known : kKnownDefects)
-    if (point.rfind(known, 0) == 0) return true;
-  return false;
+// Takes the known defects out of `problems`; true when it took any.
+bool TakeKnownDefects(const std::string& point, Problems* problems) {
+  const size_t before = problems->size();
+  for (const KnownDefect& known : kKnownDefects) {
+    if (point.rfind(known.point, 0) != 0) continue;
+    problems->erase(std::remove_if(problems->begin(), problems->end(),
+                                   [&](const std::string& problem) {
+                                     return problem.find(known.problem) != std::string::npos;
+                                   }),
+                    problems->end());
+  }
+  return problems->size() != before;
 }
 
 // ---- The failure points -------------------------------------------------------------------------
@@ -228,6 +267,12 @@ bool ObjectServiceKeeps(const Way& way, size_t size) {
   const bool malloc_failed =
       way.source == Way::kInjector && static_cast<Fault>(way.kind) == Fault::kMalloc;
   return (finish_failed || malloc_failed) && size <= 64;
+}
+
+// The child that is meant to die must not spend seconds writing a core file.
+void NoCoreDump() {
+  struct rlimit none = {0, 0};
+  setrlimit(RLIMIT_CORE, &none);
 }
 
 // ---- Stored state -------------------------------------------------------------------------------
@@ -490,6 +535,7 @@ class FaultSweepTest : public DeviceTest {
     fflush(stderr);
     const pid_t pid = fork();
     if (pid == 0) {
+      NoCoreDump();
       close(pipe_fds[0]);
       dup2(pipe_fds[1], 2);
       __android_log_set_logger(
@@ -539,6 +585,7 @@ class FaultSweepTest : public DeviceTest {
 
     bool fired = false;
     Problems clean = RunOnce(s, nullptr, 0, start, &fired);
+    TakeKnownDefects(s.function + "/" + s.name + "|clean run", &clean);
     ASSERT_TRUE(clean.empty()) << "clean run: " << ::testing::PrintToString(clean);
     const std::vector<int> counts(counts_, counts_ + static_cast<int>(Fault::kCount));
     const std::map<int, int> km_counts = km_counts_;
@@ -582,12 +629,13 @@ class FaultSweepTest : public DeviceTest {
           if (!fired) problems.push_back("the failure point was not reached");
         }
         ++tally.swept;
-        if (problems.empty()) {
-          ++tally.held;
-        } else if (IsKnownDefect(point)) {
+        const bool known = TakeKnownDefects(point, &problems);
+        if (!problems.empty()) {
+          ADD_FAILURE() << point << ": " << ::testing::PrintToString(problems);
+        } else if (known) {
           ++tally.known;
         } else {
-          ADD_FAILURE() << point << ": " << ::testing::PrintToString(problems);
+          ++tally.held;
         }
       }
     }
@@ -1490,34 +1538,40 @@ TEST_F(FaultSweepTest, KeymasterClasses) {
     return km::AuthorizationSet(p);
   };
 
+  // The test's own inputs are made before the injector is armed.
+  std::optional<km::AuthorizationSet> in;
+  std::string piece;
+  const std::string input(32, 'k');
   Scenario op;
   op.function = "android::mdfpp::Keymaster and KeymasterOperation";
   op.name = "begin, updateCompletely, finish, a moved operation";
   op.prepare = prepare;
-  op.before = [&] { output.clear(); };
+  op.before = [&] {
+    output.clear();
+    piece.clear();
+    piece.reserve(64);
+    output.reserve(64);
+    in = params();
+  };
   op.call = [&] {
     Keymaster dev;
     if (!dev) return -1;
-    const km::AuthorizationSet in = params();
     KeymasterOperation first =
-        dev.begin(km::KeyPurpose::ENCRYPT, blob, in, km::HardwareAuthToken(), nullptr);
+        dev.begin(km::KeyPurpose::ENCRYPT, blob, *in, km::HardwareAuthToken(), nullptr);
     KeymasterOperation running(std::move(first));
     // Taking over another operation aborts the one the target held.
     KeymasterOperation moved =
-        dev.begin(km::KeyPurpose::ENCRYPT, blob, in, km::HardwareAuthToken(), nullptr);
+        dev.begin(km::KeyPurpose::ENCRYPT, blob, *in, km::HardwareAuthToken(), nullptr);
     moved = std::move(running);
     if (moved.getErrorCode() != km::ErrorCode::OK) return -1;
-    std::string piece;
-    const std::string input(32, 'k');
     if (!moved.updateCompletely(input.data(), input.size(),
                                 [&](const char* data, size_t n) { piece.append(data, n); }))
       return -1;
     if (!moved.finish(&output)) return -1;
-    output.insert(0, piece);
     return dev.isSecure() ? 0 : -1;
   };
   op.verify_success = [&](int, Problems& p) {
-    if (output.size() != 48) p.push_back("a wrong length");
+    if (piece.size() + output.size() != 48) p.push_back("a wrong length");
   };
   Sweep(op);
 
@@ -1525,19 +1579,23 @@ TEST_F(FaultSweepTest, KeymasterClasses) {
   keys.function = "android::mdfpp::Keymaster and KeymasterOperation";
   keys.name = "generateKey, upgradeKey, deleteKey";
   keys.prepare = prepare;
-  keys.before = [] {};
-  keys.call = [&] {
-    Keymaster dev;
-    if (!dev) return -1;
+  std::optional<km::AuthorizationSet> key_params;
+  std::string key, upgraded;
+  keys.before = [&] {
     km::AuthorizationSetBuilder p;
     p.AesEncryptionKey(256)
         .Authorization(km::TAG_BLOCK_MODE, km::BlockMode::GCM)
         .Authorization(km::TAG_MIN_MAC_LENGTH, 128u)
         .Authorization(km::TAG_NO_AUTH_REQUIRED);
-    std::string key;
-    if (!dev.generateKey(p, &key)) return -1;
-    std::string upgraded;
-    dev.upgradeKey(key, p, &upgraded);  // nothing to upgrade: OK, no blob
+    key_params = km::AuthorizationSet(p);
+    key.clear();
+    upgraded.clear();
+  };
+  keys.call = [&] {
+    Keymaster dev;
+    if (!dev) return -1;
+    if (!dev.generateKey(*key_params, &key)) return -1;
+    dev.upgradeKey(key, *key_params, &upgraded);  // nothing to upgrade: OK, no blob
     return dev.deleteKey(key) ? 0 : -1;
   };
   Sweep(keys);
@@ -1555,6 +1613,7 @@ class FaultRegressionTest : public FaultSweepTest {};
 
 // Logs to stderr, where a death test looks for the line.
 void LogToStderr() {
+  NoCoreDump();
   __android_log_set_logger(
       [](const __android_logger_data*, const char* message) { fprintf(stderr, "%s\n", message); });
 }
@@ -1628,6 +1687,48 @@ TEST_F(FaultRegressionTest, AFailedPbkdf2WithRekIsNoPasswordIndependentKey) {
         km_encrypt_key(kPassword, kPasswordLen, meta.salt, meta.master_key, master.data(), &meta),
         -1);
   }
+}
+
+// The first allocation of a Keymaster session and of a begin fails: no session, a failed
+// operation with one line, and no exception for the caller.
+TEST_F(FaultRegressionTest, TheKeymasterClientStopsAnAllocationFailure) {
+  using android::mdfpp::Keymaster;
+  using android::mdfpp::KeymasterOperation;
+  SetProps(false, false, false);
+  km::AuthorizationSetBuilder builder;
+  builder.AesEncryptionKey(256)
+      .Authorization(km::TAG_BLOCK_MODE, km::BlockMode::GCM)
+      .Authorization(km::TAG_MIN_MAC_LENGTH, 128u)
+      .Authorization(km::TAG_NO_AUTH_REQUIRED);
+  const km::AuthorizationSet params(builder);
+  Keymaster dev;
+  ASSERT_TRUE(dev);
+  std::string key;
+  ASSERT_TRUE(dev.generateKey(params, &key));
+  // Each call under a failing first allocation, counted: the gtest checks allocate, so they
+  // come after the scope.
+  struct Result {
+    bool fired;
+    bool ok;
+  };
+  auto failing_first_new = [](auto&& call) {
+    FaultScope scope(Fault::kNew, 1, 0);
+    const bool ok = call();
+    scope.Disarm();
+    return Result{scope.fired(), ok};
+  };
+  const Result begin = failing_first_new([&] {
+    return dev.begin(km::KeyPurpose::ENCRYPT, key, params, km::HardwareAuthToken(), nullptr)
+               .getErrorCode() == km::ErrorCode::OK;
+  });
+  const Result session = failing_first_new([&] { return static_cast<bool>(Keymaster()); });
+  EXPECT_TRUE(begin.fired);
+  EXPECT_FALSE(begin.ok);
+  EXPECT_TRUE(session.fired);
+  EXPECT_FALSE(session.ok);
+  int lines = 0;
+  for (const LogLine& line : log_.Lines()) lines += line.text == "begin failed: out of memory";
+  EXPECT_EQ(lines, 1);
 }
 
 }  // namespace
