@@ -1731,5 +1731,51 @@ TEST_F(FaultRegressionTest, TheKeymasterClientStopsAnAllocationFailure) {
   EXPECT_EQ(lines, 1);
 }
 
+// Every allocation of the key services fails in turn: -1 every time, never an exception.
+TEST_F(FaultRegressionTest, TheKeyServicesStopAnAllocationFailure) {
+  SetProps(false, false, false);
+  unsigned char aes[2048], rsa[2048], out[2048];
+  unsigned int aes_size = 0, new_size = 0;
+  unsigned long rsa_size = 0, out_size = 0;
+  ASSERT_EQ(keymaster_create_aes_key_for_mdfpp(aes, sizeof(aes), &aes_size), 0);
+  ASSERT_EQ(
+      keymaster_create_key_for_cryptfs_scrypt_mdfpp(2048, 65537, 1, rsa, sizeof(rsa), &rsa_size),
+      0);
+  property_set("ro.build.version.security_patch", "2027-01-05");  // a system update
+  const std::function<int()> services[] = {
+      [&] { return keymaster_create_aes_key_for_mdfpp(out, sizeof(out), &new_size); },
+      [&] {
+        return keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(aes, aes_size, out, 2048, &out_size);
+      },
+      [&] {
+        return keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(2048, 65537, 1, rsa, rsa_size, out,
+                                                              2048, &out_size);
+      },
+  };
+  for (size_t i = 0; i < sizeof(services) / sizeof(services[0]); ++i) {
+    int calls;
+    {
+      FaultScope count;
+      ASSERT_EQ(services[i](), 0) << i;
+      calls = count.count(Fault::kNew);
+    }
+    EXPECT_GT(calls, 0) << i;
+    for (int nth = 1; nth <= calls; ++nth) {
+      int rc = 0;
+      bool threw = false;
+      {
+        FaultScope scope(Fault::kNew, nth, 0);
+        try {
+          rc = services[i]();
+        } catch (const std::bad_alloc&) {
+          threw = true;
+        }
+      }
+      EXPECT_FALSE(threw) << i << " #" << nth;
+      EXPECT_EQ(threw ? -1 : rc, -1) << i << " #" << nth;
+    }
+  }
+}
+
 }  // namespace
 }  // namespace tavikm_test
