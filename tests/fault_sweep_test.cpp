@@ -1777,5 +1777,22 @@ TEST_F(FaultRegressionTest, TheKeyServicesStopAnAllocationFailure) {
   }
 }
 
+// Reading the scrypt factors allocates nothing, so a setup of kdf 2 cannot run out of memory
+// there; and the factors still parse as before.
+TEST_F(FaultRegressionTest, TheScryptFactorsAreReadWithoutAllocating) {
+  SetProps(false, false, false);
+  property_set("ro.crypto.scrypt_params", "12:8:1");
+  km_meta meta;
+  {
+    FaultScope scope(Fault::kNew, 1, 0);
+    EXPECT_EQ(km_init_km_meta(&meta, "/dev/null", 32, KM_KDF_SCRYPT), 0);
+    scope.Disarm();
+    EXPECT_EQ(scope.count(Fault::kNew), 0);
+  }
+  EXPECT_EQ(meta.N_factor, 12);
+  EXPECT_EQ(meta.r_factor, 8);
+  EXPECT_EQ(meta.p_factor, 1);
+}
+
 }  // namespace
 }  // namespace tavikm_test
