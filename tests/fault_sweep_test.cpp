@@ -275,6 +275,35 @@ void NoCoreDump() {
   setrlimit(RLIMIT_CORE, &none);
 }
 
+// Every service reports a Keymaster session it could not open.
+std::optional<std::string> SessionLine(const Way& way) {
+  if (way.source == Way::kNoKeymaster) return "Failed to initiate keymaster session";
+  return std::nullopt;
+}
+
+bool Is(const Way& way, Fault kind) {
+  return way.source == Way::kInjector && static_cast<Fault>(way.kind) == kind;
+}
+
+// The metadata file's lines for a write (put and delete) and for a read.
+std::optional<std::string> FileWriteLine(const Way& way, const std::string& path) {
+  if (Is(way, Fault::kOpen)) return "Cannot open metadata file " + path + " for put\n";
+  if (Is(way, Fault::kLseek)) return "Cannot seek to real block device meatadata\n";
+  if (Is(way, Fault::kWrite) || Is(way, Fault::kFsync))
+    return "Cannot write real block device metadata\n";
+  if (Is(way, Fault::kFstat) || Is(way, Fault::kFtruncate))
+    return "Cannot set metadata file size\n";
+  return std::nullopt;
+}
+std::optional<std::string> FileReadLine(const Way& way, const std::string& path) {
+  if (Is(way, Fault::kOpen)) return "Cannot open metadata file " + path + " for get\n";
+  if (Is(way, Fault::kFstat)) return "metadata file " + path + " is not the expected size!\n";
+  if (Is(way, Fault::kLseek)) return "Cannot seek to real block device metadata\n";
+  if (Is(way, Fault::kRead)) return "Cannot read real block device metadata\n";
+  return std::nullopt;
+}
+bool IsKmstore(const Way& way, int kind) { return way.source == Way::kKmstore && way.kind == kind; }
+
 // ---- Stored state -------------------------------------------------------------------------------
 
 // Every file of the device directory but the Keymaster's own (its timers and deleted keys are
@@ -357,6 +386,11 @@ struct Scenario {
   std::function<void()> release = [] {};
   // The call is refused even without a fault (it must then stay refused under every fault).
   bool clean_run_fails = false;
+  // A failure is logged: at least one error line (false for crypto_scrypt, which by design
+  // reports through errno only).
+  bool logs_failure = true;
+  // The line the document names for a failure of this way, if it names one.
+  std::function<std::optional<std::string>(const Way& way)> failure_line = SessionLine;
 };
 
 class FaultSweepTest : public DeviceTest {
@@ -481,6 +515,7 @@ class FaultSweepTest : public DeviceTest {
         if (!way && !s.clean_run_fails)
           problems.push_back("the clean run failed with " + std::to_string(rc));
         s.verify_failure(problems);
+        if (way) CheckFailureLog(s, *way, &problems);
       } else if (s.clean_run_fails) {
         problems.push_back("succeeded with " + std::to_string(rc));
         s.release();
@@ -521,6 +556,18 @@ class FaultSweepTest : public DeviceTest {
       if (!wrong.empty()) problems.push_back(rel + ": " + wrong);
     }
     return problems;
+  }
+
+  void CheckFailureLog(const Scenario& s, const Way& way, Problems* problems) {
+    const std::vector<LogLine> lines = log_.Lines();
+    if (s.logs_failure &&
+        std::none_of(lines.begin(), lines.end(), [](const LogLine& l) { return l.priority >= 6; }))
+      problems->push_back("failed without an error line");
+    const std::optional<std::string> expected = s.failure_line(way);
+    if (expected && std::none_of(lines.begin(), lines.end(), [&](const LogLine& l) {
+          return l.priority >= 6 && l.text == *expected;
+        }))
+      problems->push_back("failed without the line \"" + *expected + "\"");
   }
 
   // A failing random generator must end the process after the generator's log line: run the
@@ -851,11 +898,19 @@ TEST_F(FaultSweepTest, PutGetDeleteRecord) {
         return "";
       return "neither the old record nor the new one";
     };
+    put.failure_line = [&](const Way& way) -> std::optional<std::string> {
+      if (IsKmstore(way, 1)) return "Filed to store metadata to TZ Secure Storage\n";
+      return c.secure_storage ? std::nullopt : FileWriteLine(way, key_loc);
+    };
     Sweep(put);
 
     Scenario get;
     get.function = "km_get_km_meta";
     get.name = std::string(c.name) + " current";
+    get.failure_line = [&](const Way& way) -> std::optional<std::string> {
+      if (IsKmstore(way, 0)) return "Failed to read metadata from Secure Storage\n";
+      return c.secure_storage ? std::nullopt : FileReadLine(way, key_loc);
+    };
     get.prepare = prepare;
     get.before = [&] { memset(&read, 0, sizeof(read)); };
     get.call = [&] { return km_get_km_meta(key_loc.c_str(), 0, &read); };
@@ -876,6 +931,10 @@ TEST_F(FaultSweepTest, PutGetDeleteRecord) {
       static const km_meta kZero = {};
       std::optional<km_meta> stored = record_of(after);
       return stored && memcmp(&*stored, &kZero, sizeof(kZero)) == 0 ? "" : "not wiped whole";
+    };
+    del.failure_line = [&](const Way& way) -> std::optional<std::string> {
+      if (IsKmstore(way, 2)) return "Failed to Remove Key file : userdata";
+      return c.secure_storage ? std::nullopt : FileWriteLine(way, key_loc);
     };
     Sweep(del);
   }
@@ -1148,6 +1207,11 @@ TEST_F(FaultSweepTest, KekStore) {
       Bytes kek;
       return kek_in_entry(&kek) && kek == new_kek ? "" : "neither the old KEK nor the new one";
     };
+    put.failure_line = [&](const Way& way) -> std::optional<std::string> {
+      if (IsKmstore(way, 1) && !c.key_requires_upgrade)
+        return "Filed to store a key encrypted by rek in Secure Storage: keyname=vold\n";
+      return SessionLine(way);
+    };
     Sweep(put);
 
     Scenario get;
@@ -1167,6 +1231,11 @@ TEST_F(FaultSweepTest, KekStore) {
     get.verify_failure = [&](Problems& p) {
       if (HoldsPartOf(out, sizeof(out), old_kek.data(), old_kek.size()))
         p.push_back("a failed get handed back the KEK");
+    };
+    get.failure_line = [&](const Way& way) -> std::optional<std::string> {
+      if (IsKmstore(way, 0))
+        return "Failed to read a key encrypted by rek from Secure Storage: key_name = vold\n";
+      return SessionLine(way);
     };
     // The upgrade stores the record with its upgraded key; the KEK stays the same.
     get.new_image = [&](const std::string& rel, const std::optional<Bytes>&) -> std::string {
@@ -1194,6 +1263,10 @@ TEST_F(FaultSweepTest, KekStore) {
     del.prepare = prepare;
     del.before = [] {};
     del.call = [&] { return km_delete_kek_enc_by_rek("vold"); };
+    del.failure_line = [&](const Way& way) -> std::optional<std::string> {
+      if (IsKmstore(way, 2)) return "Failed to Remove Key file : vold";
+      return std::nullopt;
+    };
     del.new_image = [&](const std::string&, const std::optional<Bytes>& after) -> std::string {
       return after ? "changed but not removed" : "";
     };
@@ -1308,6 +1381,9 @@ TEST_F(FaultSweepTest, CipherPrimitives) {
     static const uint8_t kAbcde[4] = {0x36, 0xbb, 0xe5, 0x0e};
     if (memcmp(digest, kAbcde, 4) != 0) p.push_back("a wrong digest");
   };
+  sha.failure_line = [](const Way&) -> std::optional<std::string> {
+    return "Failed to digest init for sha256\n";
+  };
   Sweep(sha);
 
   uint8_t* converted = nullptr;
@@ -1325,6 +1401,7 @@ TEST_F(FaultSweepTest, CipherPrimitives) {
     if (converted_size != 16 || converted[15] != 15) p.push_back("a wrong key");
   };
   hex.release = [&] { free(converted); };
+  hex.failure_line = [](const Way&) -> std::optional<std::string> { return "Cannot allocate"; };
   Sweep(hex);
 
   Scenario scrypt;
@@ -1343,6 +1420,7 @@ TEST_F(FaultSweepTest, CipherPrimitives) {
                   2, again, 32);
     if (memcmp(again, out, 32) != 0) p.push_back("a wrong key");
   };
+  scrypt.logs_failure = false;
   scrypt.verify_failure = [&](Problems& p) {
     static const uint8_t kZero[32] = {};
     if (memcmp(out, kZero, 32) != 0) p.push_back("a failed scrypt wrote its output");
@@ -1357,6 +1435,37 @@ TEST_F(FaultSweepTest, CipherPrimitives) {
   drbg.before = [] {};
   drbg.call = [&] { return km_generate_drbg_bytes(nullptr, random, sizeof(random)); };
   Sweep(drbg);
+}
+
+// The exported calls below make no call the injector or the emulated hardware could fail (the
+// secure-storage device is opened once per process, before the tests): nothing to sweep, which
+// this keeps true.
+TEST_F(FaultSweepTest, CallsWithoutFailurePoints) {
+  SetProps(true, false, false);
+  uint8_t mac[32] = {1}, other[32] = {1};
+  char hex[65];
+  const uint8_t key[32] = {0xAB};
+  km_meta meta = {};
+  kmstore_device* device = nullptr;
+  const std::pair<const char*, std::function<void()>> calls[] = {
+      {"km_verify_key_mac", [&] { km_verify_key_mac(mac, other); }},
+      {"km_convert_key_to_hex_ascii", [&] { km_convert_key_to_hex_ascii(key, 32, hex); }},
+      {"km_init_km_meta_enc_by_rek", [&] { km_init_km_meta_enc_by_rek(&meta, "vold", 32); }},
+      {"mdfpp_property_get", [&] { mdfpp_property_get("ro.product.tavi.support_mdfpp"); }},
+      {"kmstore_device_init", [&] { kmstore_device_init(&device); }},
+      {"km_scrypt_backend_name", [&] { km_scrypt_backend_name(); }},
+  };
+  for (const auto& [function, call] : calls) {
+    ResetHardware();
+    FaultScope scope;
+    call();
+    scope.Disarm();
+    int made = 0;
+    for (int k = 0; k < static_cast<int>(Fault::kCount); ++k)
+      made += scope.count(static_cast<Fault>(k));
+    EXPECT_EQ(made, 0) << function;
+    Tallies()[function];  // listed with 0 failure points
+  }
 }
 
 // ---- The Keymaster services ---------------------------------------------------------------------
@@ -1573,6 +1682,9 @@ TEST_F(FaultSweepTest, KeymasterClasses) {
   op.verify_success = [&](int, Problems& p) {
     if (piece.size() + output.size() != 48) p.push_back("a wrong length");
   };
+  // The classes leave the "no session" line to their callers; the test's own -1 logs nothing.
+  op.logs_failure = false;
+  op.failure_line = [](const Way&) -> std::optional<std::string> { return std::nullopt; };
   Sweep(op);
 
   Scenario keys;
@@ -1598,6 +1710,8 @@ TEST_F(FaultSweepTest, KeymasterClasses) {
     dev.upgradeKey(key, *key_params, &upgraded);  // nothing to upgrade: OK, no blob
     return dev.deleteKey(key) ? 0 : -1;
   };
+  keys.logs_failure = false;
+  keys.failure_line = op.failure_line;
   Sweep(keys);
 }
 
