@@ -1407,7 +1407,15 @@ TEST_F(FaultSweepTest, CipherPrimitives) {
   Scenario scrypt;
   scrypt.function = "crypto_scrypt";
   scrypt.name = "N=16 r=1 p=2";
-  scrypt.prepare = prepare;
+  scrypt.prepare = [&] {
+    prepare();
+    // The derived key sits in the work areas: they must be wiped before they are freed.
+    uint8_t expected[32];
+    ASSERT_EQ(crypto_scrypt(reinterpret_cast<const uint8_t*>(kPassword), kPasswordLen, iv.data(),
+                            16, 16, 1, 2, expected, 32),
+              0);
+    Secret("the scrypt output", Bytes(expected, expected + 32));
+  };
   scrypt.before = [&] { memset(out, 0, sizeof(out)); };
   scrypt.call = [&] {
     return crypto_scrypt(reinterpret_cast<const uint8_t*>(kPassword), kPasswordLen, iv.data(), 16,
@@ -1552,6 +1560,9 @@ TEST_F(FaultSweepTest, KeymasterServices) {
     return keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(2048, 65537, 1, rsa, rsa_size, out_blob,
                                                           2048, &out_size);
   };
+  up_rsa.verify_success = [&](int, Problems& p) {
+    if (out_size == 0) p.push_back("no blob");
+  };
   Sweep(up_rsa);
 
   Scenario up_aes;
@@ -1562,6 +1573,9 @@ TEST_F(FaultSweepTest, KeymasterServices) {
   up_aes.call = [&] {
     return keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(blob, blob_size, out_blob, 2048,
                                                           &out_size);
+  };
+  up_aes.verify_success = [&](int, Problems& p) {
+    if (out_size == 0) p.push_back("no blob");
   };
   Sweep(up_aes);
 
