@@ -149,6 +149,12 @@ int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password, s
     return -1;
   }
   const int keysize = static_cast<int>(meta->keysize);
+  // A failed unwrap may have written the plaintext (GCM before its tag failed, CBC before its
+  // final step failed): the caller gets nothing of it back.
+  auto failed = [&] {
+    OPENSSL_cleanse(master_key, meta->keysize);
+    return -1;
+  };
   if (!km_flag_is_set(supportCBConly)) {
     int n = km_aes_gcm_decrypt(wrapped, keysize, nullptr, 0, meta->key_mac, key.data(),
                                meta->keysize, meta->key_iv, master_key);
@@ -160,7 +166,7 @@ int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password, s
       if (n == keysize) return kOpenedUnderZeroKey;
       KM_LOGE("(%s)Failed to decrypt_gcm key keysize=%zu\n", kName,
               static_cast<size_t>(meta->keysize));
-      return -1;
+      return failed();
     }
   } else {
     // CBC cannot tell a wrong password; callers check the password MAC first.
@@ -168,7 +174,7 @@ int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password, s
         km_aes_decrypt(wrapped, keysize, key.data(), meta->keysize, meta->key_iv, master_key, 0);
     if (n != keysize) {
       KM_LOGE("(%s)Failed to decrypt key\n", kName);
-      return -1;
+      return failed();
     }
   }
   return 0;

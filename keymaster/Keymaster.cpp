@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "common/byte_string.h"
+#include "common/no_throw.h"
 #include "keymaster/stream_log.h"
 
 namespace android {
@@ -84,6 +85,15 @@ KeymasterOperation& KeymasterOperation::operator=(KeymasterOperation&& rhs) noex
 
 bool KeymasterOperation::updateCompletely(const char* input, size_t inputLen,
                                           std::function<void(const char*, size_t)> consumer) {
+  // Out of memory part-way: the operation may still be open on the device, so it stays live
+  // and the destructor aborts it.
+  return tavikm::ReturnOnBadAlloc(
+      false, [&] { return updateAll(input, inputLen, consumer); },
+      [] { KM_STREAM_LOG(ERROR) << "update failed: out of memory"; });
+}
+
+bool KeymasterOperation::updateAll(const char* input, size_t inputLen,
+                                   const std::function<void(const char*, size_t)>& consumer) {
   uint32_t consumed = 0;
   if (inputLen == 0) return true;
   if (!device) return false;  // failed, closed or moved from: nothing to feed
@@ -137,6 +147,17 @@ bool KeymasterOperation::updateCompletely(const char* input, size_t inputLen,
 }
 
 bool KeymasterOperation::finish(std::string* output) {
+  return tavikm::ReturnOnBadAlloc(
+      false, [&] { return finishOnce(output); },
+      [this] {
+        KM_STREAM_LOG(ERROR) << "finish failed: out of memory";
+        // Over either way; if the device never saw the finish, it must not keep the operation.
+        if (device) device->abort(operationHandle).isOk();
+        device = nullptr;
+      });
+}
+
+bool KeymasterOperation::finishOnce(std::string* output) {
   if (!device) return false;  // failed, closed or moved from: nothing to finish
   km::ErrorCode kmError = km::ErrorCode::UNKNOWN_ERROR;
   auto callback = [&](km::ErrorCode error, const hidl_vec<km::KeyParameter>& /*outParams*/,
@@ -164,6 +185,17 @@ bool KeymasterOperation::finish(std::string* output) {
 // ---- Keymaster ----------------------------------------------------------------------------------
 
 Keymaster::Keymaster() {
+  // Out of memory: no session, which every caller reports as such.
+  tavikm::ReturnOnBadAlloc(
+      0,
+      [this] {
+        selectDevice();
+        return 0;
+      },
+      [this] { device.reset(); });
+}
+
+void Keymaster::selectDevice() {
   auto devices = km::support::Keymaster::enumerateAvailableDevices();
   for (auto& candidate : devices) {
     // StrongBox is never used, on purpose: not even when it comes first or is all there is.
@@ -182,6 +214,12 @@ Keymaster::Keymaster() {
 
 bool Keymaster::generateKey(const km::AuthorizationSet& inParams, std::string* key) {
   if (!device) return NoDevice("generate_key");
+  return tavikm::ReturnOnBadAlloc(
+      false, [&] { return generateKeyOnce(inParams, key); },
+      [] { KM_STREAM_LOG(ERROR) << "generate_key failed: out of memory"; });
+}
+
+bool Keymaster::generateKeyOnce(const km::AuthorizationSet& inParams, std::string* key) {
   km::ErrorCode kmError = km::ErrorCode::UNKNOWN_ERROR;
   auto callback = [&](km::ErrorCode error, const hidl_vec<uint8_t>& keyBlob,
                       const km::KeyCharacteristics& /*characteristics*/) {
@@ -203,6 +241,12 @@ bool Keymaster::generateKey(const km::AuthorizationSet& inParams, std::string* k
 
 bool Keymaster::deleteKey(const std::string& key) {
   if (!device) return NoDevice("delete_key");
+  return tavikm::ReturnOnBadAlloc(
+      false, [&] { return deleteKeyOnce(key); },
+      [] { KM_STREAM_LOG(ERROR) << "delete_key failed: out of memory"; });
+}
+
+bool Keymaster::deleteKeyOnce(const std::string& key) {
   auto rc = device->deleteKey(BlobView(key));
   if (!rc.isOk()) {
     KM_STREAM_LOG(ERROR) << "delete_key failed: " << rc.description();
@@ -219,6 +263,13 @@ bool Keymaster::deleteKey(const std::string& key) {
 bool Keymaster::upgradeKey(const std::string& oldKey, const km::AuthorizationSet& inParams,
                            std::string* newKey) {
   if (!device) return NoDevice("upgrade_key");
+  return tavikm::ReturnOnBadAlloc(
+      false, [&] { return upgradeKeyOnce(oldKey, inParams, newKey); },
+      [] { KM_STREAM_LOG(ERROR) << "upgrade_key failed: out of memory"; });
+}
+
+bool Keymaster::upgradeKeyOnce(const std::string& oldKey, const km::AuthorizationSet& inParams,
+                               std::string* newKey) {
   km::ErrorCode kmError = km::ErrorCode::UNKNOWN_ERROR;
   auto callback = [&](km::ErrorCode error, const hidl_vec<uint8_t>& upgradedKeyBlob) {
     kmError = error;
@@ -245,6 +296,21 @@ KeymasterOperation Keymaster::begin(km::KeyPurpose purpose, const std::string& k
     NoDevice("begin");
     return KeymasterOperation(km::ErrorCode::UNKNOWN_ERROR);
   }
+  KeymasterOperation op(km::ErrorCode::UNKNOWN_ERROR);
+  tavikm::ReturnOnBadAlloc(
+      0,
+      [&] {
+        op = beginOnce(purpose, key, inParams, authToken, outParams);
+        return 0;
+      },
+      [] { KM_STREAM_LOG(ERROR) << "begin failed: out of memory"; });
+  return op;
+}
+
+KeymasterOperation Keymaster::beginOnce(km::KeyPurpose purpose, const std::string& key,
+                                        const km::AuthorizationSet& inParams,
+                                        const km::HardwareAuthToken& authToken,
+                                        km::AuthorizationSet* outParams) {
   km::ErrorCode kmError = km::ErrorCode::UNKNOWN_ERROR;
   uint64_t handle = 0;
   auto callback = [&](km::ErrorCode error, const hidl_vec<km::KeyParameter>& params,

@@ -25,6 +25,9 @@ namespace mdfpp {
 
 namespace km = ::android::hardware::keymaster::V4_0;
 
+// Members of the exported classes that are not part of the interface.
+#define TAVIKM_HIDDEN __attribute__((visibility("hidden")))
+
 class Keymaster;
 
 // One operation on a Keymaster device. Live while `device` is set: then it has to be finished,
@@ -69,6 +72,11 @@ class TAVIKM_EXPORT KeymasterOperation {
  private:
   friend class Keymaster;
 
+  // The bodies of updateCompletely and finish, which stop an allocation failure. Not exported.
+  TAVIKM_HIDDEN bool updateAll(const char* input, size_t inputLen,
+                               const std::function<void(const char*, size_t)>& consumer);
+  TAVIKM_HIDDEN bool finishOnce(std::string* output);
+
   KeymasterOperation(km::support::Keymaster* d, uint64_t h)
       : device(d), operationHandle(h), errorCode(km::ErrorCode::OK) {}
   explicit KeymasterOperation(km::ErrorCode error)
@@ -107,6 +115,18 @@ class TAVIKM_EXPORT Keymaster {
   bool isSecure();
 
  private:
+  // The bodies of the members above, which stop an allocation failure (see common/no_throw.h).
+  // Not exported.
+  TAVIKM_HIDDEN void selectDevice();
+  TAVIKM_HIDDEN bool generateKeyOnce(const km::AuthorizationSet& inParams, std::string* key);
+  TAVIKM_HIDDEN bool deleteKeyOnce(const std::string& key);
+  TAVIKM_HIDDEN bool upgradeKeyOnce(const std::string& oldKey, const km::AuthorizationSet& inParams,
+                                    std::string* newKey);
+  TAVIKM_HIDDEN KeymasterOperation beginOnce(km::KeyPurpose purpose, const std::string& key,
+                                             const km::AuthorizationSet& inParams,
+                                             const km::HardwareAuthToken& authToken,
+                                             km::AuthorizationSet* outParams);
+
   std::unique_ptr<km::support::Keymaster> device;
 };
 

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "common/no_throw.h"
 #include "keymaster/Keymaster.h"
 #include "mdfpp/service.h"
 #include "tavikm_keymaster.h"
@@ -12,7 +13,7 @@
 namespace km = android::mdfpp::km;
 using android::mdfpp::Keymaster;
 
-int keymaster_compatibility_cryptfs_mdfpp(void) {
+static int CompatibilityCryptfsMdfppBody(void) {
   Keymaster dev;
   if (!dev) {
     tavikm::LogNoKeymasterSession();
@@ -21,8 +22,13 @@ int keymaster_compatibility_cryptfs_mdfpp(void) {
   return dev.isSecure() ? 1 : 0;
 }
 
-int keymaster_create_aes_key_for_mdfpp(unsigned char* key_buffer, unsigned int key_buffer_size,
-                                       unsigned int* key_out_size) {
+int keymaster_compatibility_cryptfs_mdfpp(void) {
+  return tavikm::ReturnOnBadAlloc(
+      -1, [&] { return CompatibilityCryptfsMdfppBody(); }, tavikm::LogServiceOutOfMemory);
+}
+
+static int CreateAesKeyForMdfppBody(unsigned char* key_buffer, unsigned int key_buffer_size,
+                                    unsigned int* key_out_size) {
   Keymaster dev;
   if (!dev) {
     tavikm::LogNoKeymasterSession();
@@ -54,4 +60,11 @@ int keymaster_create_aes_key_for_mdfpp(unsigned char* key_buffer, unsigned int k
   memcpy(key_buffer, key.data(), key.size());
   key.clear();
   return 0;
+}
+
+int keymaster_create_aes_key_for_mdfpp(unsigned char* key_buffer, unsigned int key_buffer_size,
+                                       unsigned int* key_out_size) {
+  return tavikm::ReturnOnBadAlloc(
+      -1, [&] { return CreateAesKeyForMdfppBody(key_buffer, key_buffer_size, key_out_size); },
+      tavikm::LogServiceOutOfMemory);
 }

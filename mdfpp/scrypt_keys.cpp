@@ -8,6 +8,7 @@
 #include <string>
 
 #include "common/byte_string.h"
+#include "common/no_throw.h"
 #include "keymaster/Keymaster.h"
 #include "mdfpp/service.h"
 #include "tavikm_keymaster.h"
@@ -65,7 +66,7 @@ bool HaveBlob(const unsigned char* key_blob, unsigned long key_blob_size) {
 
 }  // namespace
 
-int keymaster_compatibility_cryptfs_scrypt_mdfpp(void) {
+static int CompatibilityCryptfsScryptMdfppBody(void) {
   Keymaster dev;
   if (!dev) {
     tavikm::LogNoKeymasterSession();
@@ -74,11 +75,15 @@ int keymaster_compatibility_cryptfs_scrypt_mdfpp(void) {
   return dev.isSecure() ? 1 : 0;
 }
 
-int keymaster_create_key_for_cryptfs_scrypt_mdfpp(unsigned int rsa_key_size,
-                                                  unsigned long rsa_exponent,
-                                                  unsigned int ratelimit, unsigned char* key_buffer,
-                                                  unsigned int key_buffer_size,
-                                                  unsigned long* key_out_size) {
+int keymaster_compatibility_cryptfs_scrypt_mdfpp(void) {
+  return tavikm::ReturnOnBadAlloc(
+      -1, [&] { return CompatibilityCryptfsScryptMdfppBody(); }, tavikm::LogServiceOutOfMemory);
+}
+
+static int CreateKeyForCryptfsScryptMdfppBody(unsigned int rsa_key_size, unsigned long rsa_exponent,
+                                              unsigned int ratelimit, unsigned char* key_buffer,
+                                              unsigned int key_buffer_size,
+                                              unsigned long* key_out_size) {
   if (key_out_size) *key_out_size = 0;
   Keymaster dev;
   if (!dev) {
@@ -90,7 +95,21 @@ int keymaster_create_key_for_cryptfs_scrypt_mdfpp(unsigned int rsa_key_size,
   return write_string_to_buf(key, key_buffer, key_buffer_size, key_out_size) ? 0 : -1;
 }
 
-int keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
+int keymaster_create_key_for_cryptfs_scrypt_mdfpp(unsigned int rsa_key_size,
+                                                  unsigned long rsa_exponent,
+                                                  unsigned int ratelimit, unsigned char* key_buffer,
+                                                  unsigned int key_buffer_size,
+                                                  unsigned long* key_out_size) {
+  return tavikm::ReturnOnBadAlloc(
+      -1,
+      [&] {
+        return CreateKeyForCryptfsScryptMdfppBody(rsa_key_size, rsa_exponent, ratelimit, key_buffer,
+                                                  key_buffer_size, key_out_size);
+      },
+      tavikm::LogServiceOutOfMemory);
+}
+
+static int UpgradeKeyForCryptfsScryptMdfppBody(
     unsigned int rsa_key_size, unsigned long rsa_exponent, unsigned int ratelimit,
     const unsigned char* key_blob, unsigned long key_blob_size, unsigned char* key_buffer,
     unsigned int key_buffer_size, unsigned long* key_out_size) {
@@ -116,11 +135,25 @@ int keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
   return write_string_to_buf(new_key, key_buffer, key_buffer_size, key_out_size) ? 0 : -1;
 }
 
-int keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(const unsigned char* key_blob,
-                                                   unsigned long key_blob_size,
-                                                   unsigned char* key_buffer,
-                                                   unsigned int key_buffer_size,
-                                                   unsigned long* key_out_size) {
+int keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
+    unsigned int rsa_key_size, unsigned long rsa_exponent, unsigned int ratelimit,
+    const unsigned char* key_blob, unsigned long key_blob_size, unsigned char* key_buffer,
+    unsigned int key_buffer_size, unsigned long* key_out_size) {
+  return tavikm::ReturnOnBadAlloc(
+      -1,
+      [&] {
+        return UpgradeKeyForCryptfsScryptMdfppBody(rsa_key_size, rsa_exponent, ratelimit, key_blob,
+                                                   key_blob_size, key_buffer, key_buffer_size,
+                                                   key_out_size);
+      },
+      tavikm::LogServiceOutOfMemory);
+}
+
+static int UpgradeKeyForCryptfsPbkdf2MdfppBody(const unsigned char* key_blob,
+                                               unsigned long key_blob_size,
+                                               unsigned char* key_buffer,
+                                               unsigned int key_buffer_size,
+                                               unsigned long* key_out_size) {
   if (!HaveBlob(key_blob, key_blob_size)) return -1;
   // Copied first: the destination may be the very buffer the old blob is in.
   std::string old_key = tavikm::ByteString(key_blob, key_blob_size);
@@ -142,4 +175,18 @@ int keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(const unsigned char* key_blob
   std::string new_key;
   if (!dev.upgradeKey(old_key, params, &new_key) || UpgradedBlobIsEmpty(new_key)) return -1;
   return write_string_to_buf(new_key, key_buffer, key_buffer_size, key_out_size) ? 0 : -1;
+}
+
+int keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(const unsigned char* key_blob,
+                                                   unsigned long key_blob_size,
+                                                   unsigned char* key_buffer,
+                                                   unsigned int key_buffer_size,
+                                                   unsigned long* key_out_size) {
+  return tavikm::ReturnOnBadAlloc(
+      -1,
+      [&] {
+        return UpgradeKeyForCryptfsPbkdf2MdfppBody(key_blob, key_blob_size, key_buffer,
+                                                   key_buffer_size, key_out_size);
+      },
+      tavikm::LogServiceOutOfMemory);
 }

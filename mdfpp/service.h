@@ -26,6 +26,9 @@ inline void LogNoKeymasterSession() {
   KM_STREAM_LOG(ERROR) << "Failed to initiate keymaster session";
 }
 
+// A service's one line when its own containers could not allocate.
+inline void LogServiceOutOfMemory() { KM_STREAM_LOG(ERROR) << "Out of memory for keymaster key"; }
+
 // Begins the operation, sleeping `ratelimit` seconds before each new attempt for as long as the
 // device answers KEY_RATE_LIMIT_EXCEEDED. Any other answer ends the loop.
 android::mdfpp::KeymasterOperation BeginWaitingOutRateLimit(

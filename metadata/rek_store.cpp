@@ -340,8 +340,13 @@ int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsign
   // The record's name for messages, bounded to its field.
   char name[sizeof(meta->key_name) + 1] = {};
   memcpy(name, view.key_name(), static_cast<size_t>(view.key_name_length()));
-  PKCS5_PBKDF2_HMAC(password, password_len, salt, kSaltLength, kPbkdf2Iterations, EVP_sha256(),
-                    view.keysize(), derived);
+  // Unlike the plain PBKDF2 entry, a failure here cannot show as an all-zero key: the steps
+  // below turn any input into a key, which would then not depend on the password.
+  if (!PKCS5_PBKDF2_HMAC(password, password_len, salt, kSaltLength, kPbkdf2Iterations, EVP_sha256(),
+                         view.keysize(), derived)) {
+    KM_LOGE("(%s)Failed to PKCS5_PBKDF2_HMAC", "km_pbkdf2_rek");
+    return -1;
+  }
 
   keymaster_key_blob_t key = km_legacy_key_blob(meta);
   if (km_flag_is_set(supportRekKek)) {

@@ -4,9 +4,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <string>
-#include <vector>
-
 #include <cutils/properties.h>
 #include <openssl/crypto.h>
 
@@ -27,11 +24,13 @@ constexpr unsigned kRsaKeySize = 2048;
 constexpr unsigned long kRsaExponent = 65537;
 constexpr unsigned kRateLimitSeconds = 1;
 
-// One scrypt factor of "ro.crypto.scrypt_params": decimal digits only, at most 255.
-bool ParseFactor(const std::string& piece, uint8_t* out) {
-  if (piece.empty()) return false;
+// One scrypt factor of "ro.crypto.scrypt_params", the `length` characters at `piece`: decimal
+// digits only, at most 255.
+bool ParseFactor(const char* piece, size_t length, uint8_t* out) {
+  if (length == 0) return false;
   unsigned value = 0;
-  for (char c : piece) {
+  for (size_t i = 0; i < length; ++i) {
+    const char c = piece[i];
     if (c < '0' || c > '9') return false;
     value = value * 10 + static_cast<unsigned>(c - '0');
     if (value > 255) return false;
@@ -40,7 +39,8 @@ bool ParseFactor(const std::string& piece, uint8_t* out) {
   return true;
 }
 
-// The scrypt factors: "N:r:p" from the property, else 15/3/1.
+// The scrypt factors: "N:r:p" from the property, else 15/3/1. Parsed in place: nothing here
+// allocates, so reading a property cannot fail a setup.
 void SetScryptFactors(km_meta* meta) {
   meta->N_factor = kDefaultNFactor;
   meta->r_factor = kDefaultRFactor;
@@ -49,16 +49,17 @@ void SetScryptFactors(km_meta* meta) {
   property_get("ro.crypto.scrypt_params", value, "");
   if (value[0] == '\0') return;
 
-  std::vector<std::string> pieces;
-  std::string text = value;
-  size_t start = 0;
-  for (size_t colon; (colon = text.find(':', start)) != std::string::npos; start = colon + 1) {
-    pieces.push_back(text.substr(start, colon - start));
-  }
-  pieces.push_back(text.substr(start));
   uint8_t factors[3];
-  if (pieces.size() == 3 && ParseFactor(pieces[0], &factors[0]) &&
-      ParseFactor(pieces[1], &factors[1]) && ParseFactor(pieces[2], &factors[2])) {
+  size_t pieces = 0;
+  bool ok = true;
+  for (const char* piece = value;; ++pieces) {
+    const char* colon = strchr(piece, ':');
+    const size_t length = colon ? static_cast<size_t>(colon - piece) : strlen(piece);
+    ok = ok && pieces < 3 && ParseFactor(piece, length, &factors[pieces]);
+    if (!colon) break;
+    piece = colon + 1;
+  }
+  if (ok && pieces == 2) {
     meta->N_factor = factors[0];
     meta->r_factor = factors[1];
     meta->p_factor = factors[2];

@@ -5,6 +5,8 @@
 // liblog logger sees both kinds; a line with a file is a libbase line.
 #include "support/log_capture.h"
 
+#include "support/fault_injector.h"
+
 #include <android/log.h>
 
 #include <mutex>
@@ -17,6 +19,8 @@ std::mutex g_mutex;
 std::vector<LogLine>* g_lines = nullptr;
 
 void Capture(const __android_logger_data* data, const char* message) {
+  // The test's own bookkeeping inside a library call: not the library's allocations.
+  FaultPause pause;
   LogLine line;
   if (data->file) {
     line.source = LogLine::Source::kLibbase;

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "support/fault_injector.h"
 #include "tavikm_host/keymaster.h"
 
 namespace tavikm_test {
@@ -52,6 +53,8 @@ std::vector<unsigned> VirtualKeymasterTime::Sleeps() const {
 // Replaces the C library's sleep() in the test executable.
 extern "C" unsigned int sleep(unsigned int seconds) {
   using namespace tavikm_test;
+  // The test's clock, not the library's memory.
+  FaultPause pause;
   {
     std::lock_guard<std::mutex> lock(g_mutex);
     if (g_active) {
