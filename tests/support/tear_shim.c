@@ -8,13 +8,18 @@
  * such a file. With TEAR_REPORT=FILE the process writes, when it exits normally, the bytes it
  * counted and its core-dump settings: "counted=N dumpable=D core=C\n".
  *
+ * With TEAR_READ_FAIL set, pread() of a watched file fails with EIO once a write to a watched
+ * file has landed, as a device that fails after a store would.
+ *
  * It also fails one system call on request: FAIL_CALL names the kind (write, pwrite, fsync,
  * pread, read, open, rename or link), FAIL_NTH=N picks the Nth such call on a path that begins
- * with one of the FAIL_PATHS prefixes (the descriptor's file, or either path argument), and
- * FAIL_ERRNO is the errno it fails with (EIO when unset). With FAIL_LOSE=1 a failed fsync also
- * models what a kernel may do after one: the writes to that file since its last good fsync are
- * partly lost (every other 512-byte sector goes back to its old bytes when the process exits,
- * where it still holds what was written), as a power cut right after the command would show.
+ * with one of the FAIL_PATHS prefixes (the descriptor's file, or either path argument; 0 picks
+ * every one), and FAIL_ERRNO is the errno it fails with (EIO when unset); with FAIL_SIGNAL=S the
+ * process sends itself signal S instead and the call goes on if it is still alive. With FAIL_LOSE=1
+ * a failed fsync also models what a kernel may do after one: the writes to that file since its last
+ * good fsync are partly lost (every other 512-byte sector goes back to its old bytes when the
+ * process exits, where it still holds what was written), as a power cut right after the command
+ * would show.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -73,7 +78,13 @@ static int ShouldFail(const char* kind, const char* path, const char* path2) {
   if (!call || strcmp(call, kind) != 0) return 0;
   if (!PathMatches(path, "FAIL_PATHS") && !PathMatches(path2, "FAIL_PATHS")) return 0;
   const char* nth = getenv("FAIL_NTH");
-  if (++g_fail_count != (nth ? atoi(nth) : 1)) return 0;
+  int wanted = nth && *nth ? atoi(nth) : 1;
+  if (++g_fail_count != wanted && wanted != 0) return 0;
+  const char* sig = getenv("FAIL_SIGNAL");
+  if (sig && *sig) {
+    kill(getpid(), atoi(sig));
+    return 0;
+  }
   const char* code = getenv("FAIL_ERRNO");
   errno = code && *code ? atoi(code) : EIO;
   return 1;
@@ -182,9 +193,11 @@ static void LoseWrites(void) {
 
 /* How many of `count` bytes may land; sets *kill when the budget ends inside this write. */
 static unsigned long long g_writes;
+static int g_wrote;
 static size_t Allowed(int fd, size_t count, int* kill_after) {
   *kill_after = 0;
   if (!Watched(fd)) return count;
+  g_wrote = 1;
   const char* writes = getenv("TEAR_WRITES");
   if (writes && *writes && ++g_writes == strtoull(writes, NULL, 10)) *kill_after = 1;
   const char* after = getenv("TEAR_AFTER");
@@ -202,10 +215,10 @@ static size_t Allowed(int fd, size_t count, int* kill_after) {
 ssize_t write(int fd, const void* buf, size_t count) {
   static ssize_t (*real)(int, const void*, size_t);
   if (!real) real = (ssize_t(*)(int, const void*, size_t))dlsym(RTLD_NEXT, "write");
-  if (fd > 2 && FdShouldFail("write", fd)) return -1;
+  if (FdShouldFail("write", fd)) return -1;
   int kill_after;
   size_t allowed = Allowed(fd, count, &kill_after);
-  int slot = fd > 2 ? KeepBefore(fd, allowed, -1) : -1;
+  int slot = KeepBefore(fd, allowed, -1);
   ssize_t n = allowed > 0 || !kill_after ? real(fd, buf, allowed) : 0;
   KeepAfter(slot, buf, n);
   if (kill_after) kill(getpid(), SIGKILL);
@@ -253,6 +266,11 @@ static ssize_t Pread(const char* name, int fd, void* buf, size_t count, off_t of
   ssize_t (*real)(int, void*, size_t, off_t) =
       (ssize_t(*)(int, void*, size_t, off_t))dlsym(RTLD_NEXT, name);
   if (FdShouldFail("pread", fd)) return -1;
+  const char* fail = getenv("TEAR_READ_FAIL");
+  if (fail && *fail && g_wrote && Watched(fd)) {
+    errno = EIO;
+    return -1;
+  }
   return real(fd, buf, count, offset);
 }
 
@@ -267,7 +285,7 @@ ssize_t pread64(int fd, void* buf, size_t count, off_t offset) {
 ssize_t read(int fd, void* buf, size_t count) {
   static ssize_t (*real)(int, void*, size_t);
   if (!real) real = (ssize_t(*)(int, void*, size_t))dlsym(RTLD_NEXT, "read");
-  if (fd > 2 && FdShouldFail("read", fd)) return -1;
+  if (FdShouldFail("read", fd)) return -1;
   return real(fd, buf, count);
 }
 
