@@ -328,7 +328,8 @@ class LostKeyHunt : public ToolRunner {
     failure_.clear();
     patch_.clear();
     patch_month_ = 0;
-    mdfpp_ = rng_() % 2 == 0;
+    deferred_ = false;
+    mdfpp_ = rng_() % 2 == 0 || Without("files");
     cbc_ = rng_() % 3 == 0;
     Log(std::string("episode: ") + (mdfpp_ ? "MDFPP (secure storage and files)" : "files") +
         (cbc_ ? ", CBC-only" : ", GCM"));
@@ -371,7 +372,7 @@ class LostKeyHunt : public ToolRunner {
   }
 
   void PickAnyPlace(Op* op) {
-    if (mdfpp_ && R(2) == 0) {
+    if (mdfpp_ && (R(2) == 0 || Without("files"))) {
       op->entry = true;
       op->name = Pick(kEntryNames);
     } else {
@@ -423,7 +424,8 @@ class LostKeyHunt : public ToolRunner {
 
   // TAVIKM_MODEL_WITHOUT (comma-separated) leaves out kinds of steps or faults, so that a hunt
   // can go past a fault already known: setup passwd unlock backup restore offset kek inspect
-  // rm mv ln snapshot copy truncate patch devb tear signal inject.
+  // rm mv ln snapshot copy truncate patch devb tear signal inject, and files (secure storage
+  // only).
   bool Without(const std::string& what) const {
     const char* without = getenv("TAVIKM_MODEL_WITHOUT");
     std::string list = "," + std::string(without ? without : "") + ",";
@@ -468,7 +470,8 @@ class LostKeyHunt : public ToolRunner {
         {Kind::kKekGet, "kek"},
     };
     for (Weighted& w : mix) {
-      if (Without(kNames.at(w.kind))) w.weight = 0;
+      bool on_files = w.kind >= Kind::kRm && w.kind <= Kind::kTruncate;
+      if (Without(kNames.at(w.kind)) || (on_files && Without("files"))) w.weight = 0;
     }
     int total = 0;
     for (const Weighted& w : mix) total += w.weight;
@@ -605,6 +608,14 @@ class LostKeyHunt : public ToolRunner {
   // Carries out `op` against the tool and the model, logs it, and checks.
   void Step(Op op) {
     ++steps_;
+    // A file operation acts on what the tool left settled: a torn record moved or copied away
+    // from its journal is outside what the tool can repair.
+    if (deferred_ && op.kind >= Kind::kRm && op.kind <= Kind::kTruncate) {
+      settle_now_ = true;
+      Check(op);
+      settle_now_ = false;
+      if (!failure_.empty()) return;
+    }
     Rec* rec = nullptr;
     std::string text;
     // Only the first device directory holds the Keymaster and secure storage of this episode.
@@ -971,8 +982,17 @@ class LostKeyHunt : public ToolRunner {
     auto bytes_of = [&](const Where& w) {
       return w.entry ? EntryBytes(w.name) : Slice(ReadIfAny(FilePath(w.name)), w.offset);
     };
+    std::set<Rec*> deferred;
     for (Where& w : places) {
       Bytes now = bytes_of(w);
+      // An interrupted change is left for the next command to settle as often as it is checked
+      // at once: what that command makes of it (a failing read of the journal, another name,
+      // another device directory) is where keys get lost.
+      if (w.rec->versions.size() > 1 && !settle_now_ && R(2) == 0) {
+        deferred.insert(w.rec);
+        Log("  check: " + PlaceText(w.entry, w.name, w.offset) + " left for later");
+        continue;
+      }
       // The same bytes open as they did: no command needed, and none run (a command would
       // replay a journal that an interrupted change left, and a hunt wants such journals to live
       // on into what comes next).
@@ -1018,9 +1038,10 @@ class LostKeyHunt : public ToolRunner {
                      places.begin(), places.end(),
                      [&](const Where& w) { return !w.entry && !FindRec(false, w.name, w.offset); }),
                  places.end());
+    deferred_ = !deferred.empty();
     // No check may have moved a place already checked.
     for (const Where& w : places) {
-      if (bytes_of(w) != w.rec->image) {
+      if (!deferred.count(w.rec) && bytes_of(w) != w.rec->image) {
         Fail(PlaceText(w.entry, w.name, w.offset) +
              " changed while other places were checked (a replay of another's journal?)");
         return;
@@ -1068,6 +1089,8 @@ class LostKeyHunt : public ToolRunner {
 
   bool emulated_ = false;
   double last_seconds_ = 0;  // how long the last run of the tool took
+  bool deferred_ = false;    // the last check left an interrupted change unsettled
+  bool settle_now_ = false;
   std::mt19937_64 rng_;
   std::string base_;
   bool mdfpp_ = false, cbc_ = false;
