@@ -985,14 +985,6 @@ class LostKeyHunt : public ToolRunner {
     std::set<Rec*> deferred;
     for (Where& w : places) {
       Bytes now = bytes_of(w);
-      // An interrupted change is left for the next command to settle as often as it is checked
-      // at once: what that command makes of it (a failing read of the journal, another name,
-      // another device directory) is where keys get lost.
-      if (w.rec->versions.size() > 1 && !settle_now_ && R(2) == 0) {
-        deferred.insert(w.rec);
-        Log("  check: " + PlaceText(w.entry, w.name, w.offset) + " left for later");
-        continue;
-      }
       // The same bytes open as they did: no command needed, and none run (a command would
       // replay a journal that an interrupted change left, and a hunt wants such journals to live
       // on into what comes next).
@@ -1001,6 +993,14 @@ class LostKeyHunt : public ToolRunner {
               w.rec->versions.end()) {
         w.rec->versions = {w.rec->held};
         w.rec->pending = false;
+        continue;
+      }
+      // An interrupted change is left for the next command to settle as often as it is checked
+      // at once: what that command makes of it (a failing read of the journal, another name,
+      // another device directory) is where keys get lost.
+      if (w.rec->versions.size() > 1 && !settle_now_ && R(2) == 0) {
+        deferred.insert(w.rec);
+        Log("  check: " + PlaceText(w.entry, w.name, w.offset) + " left for later");
         continue;
       }
       std::string said;
