@@ -538,7 +538,7 @@ std::string Probe(const std::function<std::string()>& arrange) {
   return why;
 }
 
-std::string Failed(const std::string& what) { return what + ": " + strerror(errno); }
+std::string Failed(const char* what) { return std::string(what) + ": " + strerror(errno); }
 
 // Root passes permission checks by its capabilities, not by its uid: without them (and kept
 // from regaining them at exec) it meets a folder's mode as any owner does. Changing to another
@@ -572,7 +572,7 @@ std::string FullFileSystemAt(const std::string& dir) {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
     return Failed("cannot make / private in a new mount namespace");
   if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=16k") != 0)
-    return Failed("cannot mount a tmpfs on " + dir);
+    return Failed("cannot mount a tmpfs");
   int fd = open((dir + "/filler").c_str(), O_WRONLY | O_CREAT, 0600);
   if (fd < 0) return Failed("cannot fill the tmpfs");
   char block[4096] = {};
@@ -639,7 +639,7 @@ TEST_F(ToolFailureTest, AFolderWithoutWriteAccessIsNamedWithItsCause) {
   ExpectSetupFailure(locked + "/meta", "Permission denied");
 }
 
-// A read-only file system fails the same open as the two cases above.
+// (A read-only file system fails the same open as a folder without write access.)
 TEST_F(ToolFailureTest, AFullFileSystemIsNamedWithItsCause) {
   std::string full = Scratch("full");
   std::filesystem::create_directories(full);
