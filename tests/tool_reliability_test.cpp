@@ -5,13 +5,17 @@
 // process killed at a byte, two processes racing, a record planted), never of its internals.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/loop.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/file.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -399,6 +403,365 @@ TEST_F(ToolReliabilityTest, HostileRecordsAndNamesAreRefusedBeforeTheLibrarySees
                   args[1] + " " + name + ": " + result.err);
     }
   }
+}
+
+// Loop device of `size` bytes backed by a file, for the block-device guards; detached at the end.
+class LoopDevice {
+ public:
+  LoopDevice(const std::string& backing, size_t size) {
+    WriteFile(backing, std::vector<uint8_t>(size, 0));
+    int control = open("/dev/loop-control", O_RDWR | O_CLOEXEC);
+    if (control < 0) return;
+    int number = ioctl(control, LOOP_CTL_GET_FREE);
+    close(control);
+    if (number < 0) return;
+    path_ = "/dev/loop" + std::to_string(number);
+    fd_ = open(path_.c_str(), O_RDWR | O_CLOEXEC);
+    int file = open(backing.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd_ < 0 || file < 0 || ioctl(fd_, LOOP_SET_FD, file) != 0) path_.clear();
+    if (file >= 0) close(file);
+  }
+  ~LoopDevice() {
+    if (!path_.empty()) ioctl(fd_, LOOP_CLR_FD, 0);
+    if (fd_ >= 0) close(fd_);
+  }
+  // "" when no loop device could be set up (not root, no loop driver).
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+};
+
+TEST_F(ToolReliabilityTest, FilesAndOffsetsTheLibraryWouldDamageAreRefusedAndLeftAlone) {
+  Tally tally("files and offsets the library would damage");
+  // A regular file of another length is no metadata file: the library's store would cut it to
+  // 16384 bytes. A new file is still created.
+  ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1"}).status, 0);
+  const std::string backup = Scratch("b0.bak");
+  ASSERT_EQ(Tool({"backup", MetadataFile(), backup}).status, 0);
+  for (size_t length : {size_t{1} << 20, size_t{16385}, size_t{16383}, size_t{100}}) {
+    const std::string odd = Scratch("odd-" + std::to_string(length));
+    std::vector<uint8_t> bytes(length, 0x5a);
+    WriteFile(odd, bytes);
+    const std::string sentence = "tavikm: " + odd +
+                                 " is not a metadata file: " + std::to_string(length) +
+                                 " bytes instead of 16384\n";
+    for (const Args& args :
+         {Args{"setup", odd, "--force", "--kdf", "1", "--password-file", PasswordFile("pw")},
+          Args{"restore", odd, backup, "--force"}}) {
+      ToolResult result = Tool(args);
+      tally.Trial(result.status == 4 && result.err == sentence && ReadFile(odd) == bytes,
+                  args[0] + " on " + std::to_string(length) +
+                      " bytes: " + std::to_string(result.status) + " " + result.err);
+    }
+  }
+  ToolResult fresh = Tool({"restore", Scratch("fresh"), backup, "--force"});
+  tally.Trial(fresh.status == 0 && ReadFile(Scratch("fresh")).size() == KM_METADATA_FILE_SIZE,
+              "restore to a new file: " + fresh.err);
+
+  // restore refuses an offset that overlaps another record, as setup does.
+  ASSERT_EQ(Setup(MetadataFile(), "pw2", {"--kdf", "1", "--offset", "5408"}).status, 0);
+  const std::vector<uint8_t> two = ReadFile(MetadataFile());
+  for (uint64_t offset : {4000ull, 2705ull, 8111ull, 1ull}) {
+    const std::string at = std::to_string(offset);
+    ToolResult result = Tool({"restore", MetadataFile(), backup, "--offset", at});
+    tally.Trial(result.status == 4 &&
+                    result.err.find("a record at offset " + at + " of " + MetadataFile() +
+                                    " would overlap the record at offset ") != std::string::npos &&
+                    ReadFile(MetadataFile()) == two,
+                "restore at " + at + ": " + result.err);
+  }
+  ToolResult beside = Tool({"restore", MetadataFile(), backup, "--offset", "10816"});
+  tally.Trial(beside.status == 0 && Unlock(MetadataFile(), "pw", {"--offset", "10816"}).status == 0,
+              "restore beside: " + beside.err);
+
+  // On a block device a record must end within it.
+  LoopDevice loop(Scratch("loop.img"), 65536);
+  if (loop.path().empty()) {
+    printf("no loop device here: the block-device trials are left out\n");
+    return;
+  }
+  ToolResult made = Setup(loop.path(), "pw", {"--kdf", "1"});
+  ASSERT_EQ(made.status, 0) << made.err;
+  std::vector<uint8_t> device = ReadFile(Scratch("loop.img"));
+  const std::string no_room =
+      "tavikm: --offset 64000 leaves no room for a record on " + loop.path() + " (65536 bytes)\n";
+  for (const Args& args : {Args{"setup", loop.path(), "--offset", "64000", "--kdf", "1",
+                                "--password-file", PasswordFile("pw")},
+                           Args{"restore", loop.path(), backup, "--offset", "64000", "--force"}}) {
+    ToolResult result = Tool(args);
+    tally.Trial(
+        result.status == 1 && result.err.rfind(no_room, 0) == 0 &&
+            ReadFile(Scratch("loop.img")) == device,
+        args[0] + " past the device's end: " + std::to_string(result.status) + " " + result.err);
+  }
+  ToolResult after = Unlock(loop.path(), "pw");
+  tally.Trial(after.status == 0 && FingerprintIn(after.out) == FingerprintIn(made.out),
+              "the record at 0 after the refusals: " + after.err);
+}
+
+// An older-generation record (major version 2) in secure storage beside its plain KEK entry.
+class LegacyKekTest : public ToolReliabilityTest {
+ protected:
+  void PlantOlderRecord(const std::string& name) {
+    std::vector<uint8_t> entry = Entry(name);
+    ASSERT_EQ(entry.size(), static_cast<size_t>(KM_META_SIZE));
+    entry[offsetof(km_meta, major_version)] = 2;
+    entry[offsetof(km_meta, major_version) + 1] = 0;
+    kmstore_device* device = nullptr;
+    ASSERT_EQ(kmstore_device_init(&device), 0);
+    ASSERT_EQ(device->write(name.c_str(), entry.data(), entry.size()), 0);
+    // Bytes 16 to 23 read as a keysize of 0x1817161514131211 and byte 24 as a kdf_type of 0:
+    // what a reader taking the KEK for a record would print.
+    for (size_t i = 0; i < sizeof(kek_); ++i) kek_[i] = static_cast<uint8_t>(i < 24 ? i + 1 : 0);
+    ASSERT_EQ(device->write((name + "_kek").c_str(), kek_, sizeof(kek_)), 0);
+  }
+  // No part of the KEK's bytes shows in `text`: not as hex, not as the numbers a record's
+  // fields would read from them.
+  bool ShowsNoKekByte(const std::string& text) {
+    static const char kDigits[] = "0123456789abcdef";
+    for (size_t i = 0; i + 4 <= sizeof(kek_); i += 4) {
+      std::string hex;
+      for (size_t j = i; j < i + 4; ++j) {
+        hex += kDigits[kek_[j] >> 4];
+        hex += kDigits[kek_[j] & 15];
+      }
+      if (text.find(hex) != std::string::npos) return false;
+    }
+    return text.find(std::to_string(0x1817161514131211ull)) == std::string::npos &&
+           text.find("0x04030201") == std::string::npos;
+  }
+  uint8_t kek_[32];
+};
+
+TEST_F(LegacyKekTest, ThePlainKekOfAnOlderRecordIsItsKekAndIsNeverShown) {
+  Tally tally("legacy KEK entries");
+  props_ = {kMdfpp};
+  ToolResult setup = Setup("userdata", "pw", {"--kdf", "2"});
+  ASSERT_EQ(setup.status, 0) << setup.err;
+  PlantOlderRecord("userdata");
+  const std::vector<uint8_t> kek = Entry("userdata_kek");
+  ASSERT_EQ(Tool({"backup", "userdata", Scratch("u.bak")}).status, 0);
+  const std::vector<std::pair<Args, std::string>> replacing = {
+      {{"kek", "delete", "userdata_kek"}, "kek delete"},
+      {{"kek", "put", "userdata_kek", "--random", "--force"}, "kek put"},
+      {{"setup", "userdata_kek", "--force", "--kdf", "1", "--password-file", PasswordFile("pw")},
+       "setup"},
+      {{"restore", "userdata_kek", Scratch("u.bak"), "--force"}, "restore"},
+  };
+  for (const auto& [args, command] : replacing) {
+    ToolResult result = Tool(args);
+    tally.Trial(result.status == 4 &&
+                    result.err ==
+                        "tavikm: the entry \"userdata_kek\" is the legacy KEK of the "
+                        "record \"userdata\" (an older generation keeps it there until "
+                        "it is unlocked); " +
+                            command + " leaves it alone\n" &&
+                    Entry("userdata_kek") == kek,
+                command + ": " + std::to_string(result.status) + " " + result.err);
+  }
+  ToolResult list = Tool({"list"});
+  tally.Trial(list.status == 0 &&
+                  std::regex_search(list.out, std::regex("\n  userdata_kek +KEK +- +32 +legacy, "
+                                                         "plain: the KEK of userdata\n")) &&
+                  ShowsNoKekByte(list.out),
+              list.out);
+  ToolResult json = Tool({"list", "--json"});
+  tally.Trial(json.status == 0 &&
+                  json.out.find("{\"name\": \"userdata_kek\", \"kind\": \"legacy_kek\", "
+                                "\"kek_of\": \"userdata\"") != std::string::npos &&
+                  ShowsNoKekByte(json.out),
+              json.out);
+  for (const Args& args :
+       {Args{"inspect", "userdata_kek"}, Args{"inspect", "--entry", "userdata_kek", "--json"}}) {
+    ToolResult inspect = Tool(args);
+    tally.Trial(inspect.status == 0 && inspect.out.find("legacy") != std::string::npos &&
+                    ShowsNoKekByte(inspect.out),
+                "inspect: " + inspect.out);
+  }
+  ToolResult backup = Tool({"backup", "userdata_kek", Scratch("kek.bak")});
+  tally.Trial(backup.status == 0 && ShowsNoKekByte(backup.out) &&
+                  backup.out.find("kdf") == std::string::npos,
+              "backup: " + backup.out);
+  // The record still opens: its upgrade found the KEK and moved it in.
+  ToolResult unlock = Unlock("userdata", "pw");
+  tally.Trial(unlock.status == 0 && FingerprintIn(unlock.out) == FingerprintIn(setup.out) &&
+                  Entry("userdata_kek").empty(),
+              "unlock: " + unlock.err);
+}
+
+TEST_F(LegacyKekTest, TheLibraryWritesNoPlaceTheCommandDidNotLock) {
+  Tally tally("library writes elsewhere");
+  props_ = {kMdfpp};
+  // A kdf 4 record restored under another name keeps its key_name: after a patch raise, its
+  // Keymaster key upgrade must be stored under the name it was read from, not over "userdata".
+  ToolResult first = Setup("userdata", "a", {"--kdf", "4"});
+  ASSERT_EQ(first.status, 0) << first.err;
+  ASSERT_EQ(Tool({"backup", "userdata", Scratch("u.bak")}).status, 0);
+  ASSERT_EQ(Tool({"restore", "userdata2", Scratch("u.bak"), "--force"}).status, 0);
+  ToolResult second = Setup("userdata", "b", {"--kdf", "4", "--force"});
+  ASSERT_EQ(second.status, 0) << second.err;
+  props_.push_back("ro.build.version.security_patch=2099-12-05");
+  const std::vector<uint8_t> userdata = Entry("userdata");
+  ToolResult copy = Unlock("userdata2", "a");
+  tally.Trial(copy.status == 0 && FingerprintIn(copy.out) == FingerprintIn(first.out) &&
+                  Entry("userdata") == userdata,
+              "unlock of the copy: " + copy.err);
+  ToolResult original = Unlock("userdata", "b");
+  tally.Trial(original.status == 0 && FingerprintIn(original.out) == FingerprintIn(second.out),
+              "userdata after the copy's upgrade: " + original.err);
+  ToolResult again = Unlock("userdata2", "a");
+  tally.Trial(again.status == 0 && again.out.find("Note:") == std::string::npos,
+              "the copy's upgrade was stored under its own name: " + again.out + again.err);
+
+  // An older-generation copy under another name would take the original's plain KEK with it:
+  // the KEK entry is put back and the change reported.
+  props_ = {kMdfpp};
+  ToolResult older = Setup("old", "pw", {"--kdf", "2"});
+  ASSERT_EQ(older.status, 0) << older.err;
+  PlantOlderRecord("old");
+  ASSERT_EQ(Tool({"backup", "old", Scratch("old.bak")}).status, 0);
+  ASSERT_EQ(Tool({"restore", "old2", Scratch("old.bak"), "--force"}).status, 0);
+  const std::vector<uint8_t> kek = Entry("old_kek");
+  ToolResult taken = Unlock("old2", "pw");
+  tally.Trial(taken.status == 4 &&
+                  taken.err ==
+                      "tavikm: the library changed secure-storage entry \"old_kek\", "
+                      "which this command on secure-storage entry \"old2\" did not "
+                      "change; it was put back\n" &&
+                  Entry("old_kek") == kek,
+              "unlock of the older copy: " + std::to_string(taken.status) + " " + taken.err);
+  ToolResult kept = Unlock("old", "pw");
+  tally.Trial(kept.status == 0 && FingerprintIn(kept.out) == FingerprintIn(older.out),
+              "the older original after its copy's upgrade: " + kept.err);
+}
+
+TEST_F(ToolReliabilityTest, LeftoversAndOddInputsNeverBlockACommand) {
+  Tally tally("leftovers and odd inputs");
+  // A first setup killed while writing its temporary file, retried by a process of the same
+  // number (as a PID namespace hands them out): the retry works and the leftover goes.
+  in_child_ = [] {
+    if (unshare(CLONE_NEWPID) != 0) _exit(125);
+    // The tool runs as process 2 of the namespace every time (process 1 ignores SIGKILL from
+    // itself).
+    pid_t init = fork();
+    if (init != 0) {
+      int status = 0;
+      waitpid(init, &status, 0);
+      if (WIFSIGNALED(status)) kill(getpid(), WTERMSIG(status));
+      _exit(WIFEXITED(status) ? WEXITSTATUS(status) : 125);
+    }
+    pid_t tool = fork();
+    if (tool != 0) {
+      int status = 0;
+      waitpid(tool, &status, 0);
+      if (WIFSIGNALED(status)) _exit(128 + WTERMSIG(status));
+      _exit(WEXITSTATUS(status));
+    }
+  };
+  const std::string meta = Scratch("fresh-meta");
+  Env env = {{"LD_PRELOAD", TAVIKM_TEAR_SHIM},
+             {"TEAR_PATHS", Scratch(".tavikm-new-")},
+             {"TEAR_AFTER", "4096"}};
+  ToolResult torn =
+      Tool({"setup", meta, "--kdf", "1", "--password-file", PasswordFile("pw")}, "", env);
+  ASSERT_NE(torn.status, 125) << "no PID namespace here";
+  ToolResult retry = Setup(meta, "pw", {"--kdf", "1"});
+  in_child_ = nullptr;
+  bool leftover = false;
+  for (const auto& file : std::filesystem::directory_iterator(Scratch(""))) {
+    leftover = leftover || file.path().filename().string().rfind(".tavikm-new-", 0) == 0;
+  }
+  tally.Trial(torn.status == 128 + SIGKILL && retry.status == 0 && !leftover &&
+                  OpensWithOneOf(meta, {"pw"}, FingerprintIn(retry.out)),
+              "retry after a torn first setup: " + std::to_string(torn.status) + " " + retry.err);
+
+  // A FIFO nobody writes to, as a backup, password or key file: refused, or given up after the
+  // wait, never a hang.
+  hang_guard_seconds_ = 20;
+  const std::string fifo = Scratch("silent");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1"}).status, 0);
+  props_ = {kMdfpp};
+  struct Case {
+    Args args;
+    std::string err;
+  };
+  const std::vector<Case> cases = {
+      {{"restore", MetadataFile(), fifo}, "backup file " + fifo + " is a FIFO, not a regular file"},
+      {{"restore", MetadataFile(), "/dev/zero"},
+       "backup file /dev/zero is a character device, not a regular file"},
+      {{"unlock", MetadataFile(), "--password-file", fifo},
+       "nothing came from password file " + fifo + " (a FIFO) within 1 second"},
+      {{"kek", "put", "k", "--key-file", fifo},
+       "nothing came from key file " + fifo + " (a FIFO) within 1 second"},
+      {{"unlock", MetadataFile(), "--password-file", Scratch("")},
+       "password file " + Scratch("") + " is a directory, not a file to read"},
+  };
+  for (const Case& c : cases) {
+    ToolResult result = Tool(Join({"--wait", "1"}, c.args));
+    tally.Trial(result.status == 1 && result.err == "tavikm: " + c.err + "\n",
+                c.args[0] + ": " + std::to_string(result.status) + " " + result.err);
+  }
+  // Standard input still gives the password and the key.
+  props_ = {};
+  ToolResult piped = Tool({"unlock", MetadataFile(), "--password-file", "-"}, "pw\n");
+  tally.Trial(piped.status == 0, "password from standard input: " + piped.err);
+  props_ = {kMdfpp};
+  ToolResult key = Tool({"kek", "put", "k", "--key-file", "-"}, std::string(64, 'a') + "\n");
+  tally.Trial(key.status == 0, "key from standard input: " + key.err);
+}
+
+TEST_F(ToolReliabilityTest, EveryFileTheToolCreatesIsTheOwnersAloneWhateverTheUmask) {
+  Tally tally("modes under umask 000");
+  in_child_ = [] { umask(0); };
+  const std::string fresh = Scratch("device");
+  // A passwd makes the journal folder; a secure-storage setup the locks folder and kmstore.
+  ASSERT_EQ(Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, "--prop", kFastScrypt, "setup",
+                  Scratch("meta"), "--kdf", "1", "--password-file", PasswordFile("pw")})
+                .status,
+            0);
+  ASSERT_EQ(Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, "--prop", kFastScrypt, "passwd",
+                  Scratch("meta"), "--password-file", PasswordFile("pw"), "--new-password-file",
+                  PasswordFile("new")})
+                .status,
+            0);
+  ASSERT_EQ(Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, "--prop", kFastScrypt, "--prop", kMdfpp,
+                  "setup", "userdata", "--kdf", "1", "--password-file", PasswordFile("pw")})
+                .status,
+            0);
+  ASSERT_EQ(Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, "backup", Scratch("meta"),
+                  Scratch("meta.bak")})
+                .status,
+            0);
+  in_child_ = nullptr;
+  for (const std::string& path : {fresh + "/log.txt", Scratch("meta"), Scratch("meta.bak"),
+                                  fresh + "/journal", fresh + "/locks", fresh + "/locks/e-userdata",
+                                  fresh + "/kmstore", fresh + "/kmstore/e-userdata"}) {
+    struct stat st;
+    bool held = stat(path.c_str(), &st) == 0 &&
+                (st.st_mode & 07777) == (S_ISDIR(st.st_mode) ? 0700u : 0600u);
+    char mode[16];
+    snprintf(mode, sizeof(mode), "%o", st.st_mode & 07777);
+    tally.Trial(held, path + " has mode " + mode);
+  }
+}
+
+TEST_F(ToolReliabilityTest, AStoreThatTookEffectButCannotBeReadBackSaysSo) {
+  Tally tally("stores that cannot be read back");
+  ASSERT_EQ(Setup(MetadataFile(), "old", {"--kdf", "1"}).status, 0);
+  Env env = {
+      {"LD_PRELOAD", TAVIKM_TEAR_SHIM}, {"TEAR_PATHS", MetadataFile()}, {"TEAR_READ_FAIL", "1"}};
+  ToolResult passwd = Tool(Passwd(MetadataFile(), "old", "new"), "", env);
+  tally.Trial(passwd.status == 4 &&
+                  passwd.err == "tavikm: the record under the new password was stored at " +
+                                    MetadataFile() +
+                                    " at offset 0, but could not be read back to verify: cannot "
+                                    "read " +
+                                    MetadataFile() + ": Input/output error\n",
+              "passwd: " + std::to_string(passwd.status) + " " + passwd.err);
+  tally.Trial(Unlock(MetadataFile(), "new").status == 0, "the new password does not open it");
 }
 
 TEST_F(ToolReliabilityTest, SecretsStayOutOfCoreDumps) {

@@ -5,10 +5,13 @@
  * TEAR_PATHS (colon-separated). With TEAR_AFTER=K the write that reaches K bytes lands only up to
  * byte K and the process is then killed with SIGKILL, as a power cut or a crash at that byte
  * would leave it. With TEAR_REPORT=FILE the process writes, when it exits normally, the bytes it
- * counted and its core-dump settings: "counted=N dumpable=D core=C\n".
+ * counted and its core-dump settings: "counted=N dumpable=D core=C\n". With TEAR_READ_FAIL set,
+ * pread() of a watched file fails with EIO once a write to a watched file has landed, as a device
+ * that fails after a store would.
  */
 #define _GNU_SOURCE
 #include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <signal.h>
@@ -21,6 +24,7 @@
 #include <unistd.h>
 
 static unsigned long long g_counted;
+static int g_wrote;
 
 static int Watched(int fd) {
   const char* prefixes = getenv("TEAR_PATHS");
@@ -45,6 +49,7 @@ static int Watched(int fd) {
 static size_t Allowed(int fd, size_t count, int* kill_after) {
   *kill_after = 0;
   if (!Watched(fd)) return count;
+  g_wrote = 1;
   const char* after = getenv("TEAR_AFTER");
   if (after && *after) {
     unsigned long long budget = strtoull(after, NULL, 10);
@@ -83,6 +88,25 @@ ssize_t pwrite(int fd, const void* buf, size_t count, off_t offset) {
 
 ssize_t pwrite64(int fd, const void* buf, size_t count, off_t offset) {
   return Pwrite("pwrite64", fd, buf, count, offset);
+}
+
+static ssize_t Pread(const char* name, int fd, void* buf, size_t count, off_t offset) {
+  ssize_t (*real)(int, void*, size_t, off_t) =
+      (ssize_t(*)(int, void*, size_t, off_t))dlsym(RTLD_NEXT, name);
+  const char* fail = getenv("TEAR_READ_FAIL");
+  if (fail && *fail && g_wrote && Watched(fd)) {
+    errno = EIO;
+    return -1;
+  }
+  return real(fd, buf, count, offset);
+}
+
+ssize_t pread(int fd, void* buf, size_t count, off_t offset) {
+  return Pread("pread", fd, buf, count, offset);
+}
+
+ssize_t pread64(int fd, void* buf, size_t count, off_t offset) {
+  return Pread("pread64", fd, buf, count, offset);
 }
 
 __attribute__((destructor)) static void Report(void) {

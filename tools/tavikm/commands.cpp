@@ -14,13 +14,18 @@
 
 #include "cli.h"
 #include "common/scopers.h"
+#include "guards.h"
+#include "input_files.h"
+#include "legacy_kek.h"
 #include "operations.h"
+#include "outcome.h"
 #include "password.h"
 #include "place.h"
 #include "record_checks.h"
 #include "record_store.h"
 #include "record_view.h"
 #include "tavikm.h"
+#include "text.h"
 
 namespace tavikm_tool {
 namespace {
@@ -45,7 +50,7 @@ const char kPlaceHelp[] =
     "record lies at --offset N (default 0) in it.\n";
 
 void PrintRow(const char* label, const std::string& value) {
-  printf("  %-12s %s\n", label, value.c_str());
+  printf("  %-12s %s\n", label, TerminalText(value).c_str());
 }
 
 std::string KdfDescription(const km_meta& meta) {
@@ -112,8 +117,7 @@ KeyBytes KeyFromHex(std::string hex, const std::string& source) {
 }
 
 std::string ReadKeyFile(const std::string& file) {
-  int fd = file == "-" ? STDIN_FILENO : open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw InputError("cannot open key file " + file + ": " + strerror(errno));
+  int fd = file == "-" ? STDIN_FILENO : OpenInput(file, "key file");
   std::string text;
   text.reserve(4096);
   char buffer[4096];
@@ -182,10 +186,13 @@ int RunSetup(const std::vector<std::string>& args) {
   uint64_t size = ParseKeysize(keysize);
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
-  Password password = ReadNewPassword(password_file, "New password for " + place.loc + ": ");
+  CheckFits(place);
+  Password password =
+      ReadNewPassword(password_file, "New password for " + TerminalText(place.loc) + ": ");
   RefuseEmpty(password, allow_empty);
   SetupResult result = Setup(place, password, size, kdf_type, force);
-  printf("Created the record of %s\n", place.loc.c_str());
+  NoteChanged("the record of " + place.loc + " was created");
+  printf("Created the record of %s\n", TerminalText(place.loc).c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
   PrintRow("keysize", std::to_string(result.meta.keysize) + " bytes");
@@ -220,9 +227,12 @@ int RunUnlock(const std::vector<std::string>& args) {
   AllowAnyCost(allow_cost);
   Place place = ResolvePlace(parser.positional()[0], offset);
   RequireRecord(place);
-  Password password = ReadPassword(password_file, "Password for " + place.loc + ": ");
+  Password password = ReadPassword(password_file, "Password for " + TerminalText(place.loc) + ": ");
   UnlockResult result = Unlock(place, password);
-  printf("Unlocked %s\n", place.loc.c_str());
+  if (result.stored_again || result.upgraded_on_read) {
+    NoteChanged("the record of " + place.loc + " was unlocked and stored again");
+  }
+  printf("Unlocked %s\n", TerminalText(place.loc).c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
   PrintKey("master key", result.master_key, show_key);
@@ -266,12 +276,14 @@ int RunPasswd(const std::vector<std::string>& args) {
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
   RequireRecord(place);
-  Password old_password = ReadPassword(password_file, "Old password for " + place.loc + ": ");
+  Password old_password =
+      ReadPassword(password_file, "Old password for " + TerminalText(place.loc) + ": ");
   Password new_password =
-      ReadNewPassword(new_password_file, "New password for " + place.loc + ": ");
+      ReadNewPassword(new_password_file, "New password for " + TerminalText(place.loc) + ": ");
   RefuseEmpty(new_password, allow_empty);
   PasswdResult result = ChangePassword(place, old_password, new_password);
-  printf("Changed the password of %s\n", place.loc.c_str());
+  NoteChanged("the password of " + place.loc + " was changed");
+  printf("Changed the password of %s\n", TerminalText(place.loc).c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.stored));
   PrintKey("master key", result.unlocked.master_key, false);
@@ -323,7 +335,13 @@ int RunInspect(const std::vector<std::string>& args) {
   if (raw.Empty()) {
     throw ToolError(kExitNotFound, place.Describe() + " is empty");
   }
-  std::string text = json ? RecordJson(place, raw) : RecordText(place, raw);
+  std::string text;
+  if (place.secure_storage && !DecodableEntry(raw)) {
+    std::optional<std::string> owner = LegacyKekOwner(place.loc);
+    text = json ? OpaqueEntryJson(place, raw, owner) : OpaqueEntryText(place, raw, owner);
+  } else {
+    text = json ? RecordJson(place, raw) : RecordText(place, raw);
+  }
   fputs(text.c_str(), stdout);
   return kExitOk;
 }
@@ -384,7 +402,8 @@ int RunKek(const std::vector<std::string>& args) {
     }
     const std::string& name = parser.positional()[0];
     PutKek(name, kek, force);
-    printf("Stored the KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
+    NoteChanged("the KEK \"" + name + "\" was stored");
+    printf("Stored the KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     return kExitOk;
   }
@@ -404,7 +423,8 @@ int RunKek(const std::vector<std::string>& args) {
     const std::string& name = parser.positional()[0];
     bool asked_twice = false;
     KeyBytes kek = GetKek(name, &asked_twice);
-    printf("KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
+    if (asked_twice) NoteChanged("the KEK \"" + name + "\" was stored again");
+    printf("KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     if (asked_twice) {
       printf("Note: its Keymaster key was upgraded on the way and the KEK asked for again.\n");
@@ -416,7 +436,8 @@ int RunKek(const std::vector<std::string>& args) {
     if (!parser.Parse(rest, 1, 1)) return kExitOk;
     const std::string& name = parser.positional()[0];
     DeleteKek(name);
-    printf("Deleted the KEK \"%s\"\n", name.c_str());
+    NoteChanged("the KEK \"" + name + "\" was deleted");
+    printf("Deleted the KEK \"%s\"\n", TerminalText(name, true).c_str());
     return kExitOk;
   }
   throw UsageError("unknown kek command " + verb);

@@ -14,6 +14,7 @@
 #include "cli.h"
 #include "common/scopers.h"
 #include "journal.h"
+#include "write_guard.h"
 
 namespace tavikm_tool {
 namespace {
@@ -26,12 +27,13 @@ bool ReadAt(int fd, km_meta* image) {
 
 }  // namespace
 
-int UndoLibraryStores(const OpenedPlace& opened, const km_meta& meta,
-                      const std::function<int()>& call) {
+int UndoLibraryStores(const OpenedPlace& opened, km_meta* meta,
+                      const std::function<int()>& own_call) {
   // Only kdf 4 stores from inside the KDF; a name that the library would send to secure
   // storage is an entry, replaced atomically under the lock the command holds.
-  std::string target(meta.key_name, strnlen(meta.key_name, sizeof(meta.key_name)));
-  if (meta.kdf_type != KM_KDF_PBKDF2_REK || target.empty()) return call();
+  if (meta->kdf_type != KM_KDF_PBKDF2_REK) return own_call();
+  auto call = [&] { return WithOwnKeyName(opened.place(), meta, own_call); };
+  const std::string& target = opened.place().loc;
   if (target[0] != '/' && mdfpp_property_get(supportMdfpp)) return call();
 
   struct stat st;

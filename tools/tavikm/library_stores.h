@@ -15,11 +15,12 @@
 
 namespace tavikm_tool {
 
-// Runs `call` (a library call that derives with `meta`'s KDF) and returns its result, undoing any
-// store it made into a metadata file. Throws a failure when the bytes cannot be put back (the
-// journal then puts them back at the next command on that file).
-int UndoLibraryStores(const OpenedPlace& opened, const km_meta& meta,
-                      const std::function<int()>& call);
+// Runs `call` (a library call that derives with `*meta`'s KDF) and returns its result, undoing any
+// store it made into a metadata file. While it runs, the record's key_name is the command's own
+// key location, so that whatever name the record carries, the library stores nowhere else.
+// Throws a failure when the bytes cannot be put back (the journal then puts them back at the next
+// command on that file).
+int UndoLibraryStores(const OpenedPlace& opened, km_meta* meta, const std::function<int()>& call);
 
 }  // namespace tavikm_tool
 

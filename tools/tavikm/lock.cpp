@@ -56,6 +56,7 @@ int OpenEntryLockFile(const std::string& name) {
 }  // namespace
 
 void SetLockWait(unsigned seconds) { g_wait_seconds = seconds; }
+unsigned LockWait() { return g_wait_seconds; }
 
 PlaceLock::PlaceLock(const Place& place) {
   if (place.secure_storage) {

@@ -14,6 +14,7 @@ namespace tavikm_tool {
 
 // How long a command waits for a lock another command holds (default 10 seconds).
 void SetLockWait(unsigned seconds);
+unsigned LockWait();
 
 class PlaceLock {
  public:

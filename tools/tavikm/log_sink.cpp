@@ -4,9 +4,11 @@
 
 #include <android/log.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <exception>
 #include <string>
@@ -101,7 +103,10 @@ void Sink(const __android_logger_data* data, const char* message) {
     return;
   }
   if (!g_file && Resolve()) {
-    g_file = fopen(g_path.c_str(), "ae");
+    // Its lines name key locations and KEKs: the owner's alone, whatever the umask.
+    int fd = open(g_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    g_file = fd >= 0 ? fdopen(fd, "a") : nullptr;
+    if (!g_file && fd >= 0) close(fd);
     if (!g_file) g_path.clear();  // nowhere to write; do not try at every line
   }
   if (!g_file) return;

@@ -3,6 +3,7 @@
 // device directory and properties before anything touches the platform; then one command runs.
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <exception>
 #include <string>
@@ -12,9 +13,11 @@
 #include "commands.h"
 #include "lock.h"
 #include "log_sink.h"
+#include "outcome.h"
 #include "progress.h"
 #include "secure_memory.h"
 #include "tavikm_host/device.h"
+#include "text.h"
 
 namespace {
 
@@ -32,10 +35,11 @@ const char kHelp[] =
     "  passwd KEY_LOC           wrap the same master key under a new password\n"
     "  inspect KEY_LOC          decode a stored record field by field, without a password\n"
     "  list [FILE]...           the entries of secure storage, the records in metadata files\n"
-    "  backup KEY_LOC FILE      save a record to FILE, with a SHA-256\n"
-    "  restore KEY_LOC FILE     write a saved record back\n"
+    "  backup KEY_LOC FILE|-    save a record to FILE (- standard output), with a SHA-256\n"
+    "  restore KEY_LOC FILE|-   write a saved record back (- from standard input)\n"
     "  kek put|get|delete NAME  the store of key-encryption keys\n"
-    "  benchmark                KDF timings here, and the scrypt cost for an unlock time\n"
+    "  benchmark                KDF timings on this machine, and the scrypt cost for an\n"
+    "                           unlock time here\n"
     "  demo                     a narrated tour in a throwaway device directory\n"
     "  help                     this text\n"
     "Each command explains itself with --help.\n"
@@ -48,7 +52,8 @@ const char kHelp[] =
     "                           ro.product.tavi.support_mdfpp=true,\n"
     "                           ro.crypto.scrypt_params=12:3:1\n"
     "  --wait SECONDS           how long to wait for another command using the same record\n"
-    "                           (default 10), then give up with \"... is busy\"\n"
+    "                           (default 10), then give up with \"... is busy\"; also how\n"
+    "                           long a FIFO given as password or key file may stay silent\n"
     "  -v                       library log lines to stderr, not to log.txt in the device\n"
     "                           directory\n"
     "\n"
@@ -130,15 +135,21 @@ int Run(const std::vector<std::string>& args) {
 
 int main(int argc, char** argv) {
   HardenProcess();
+  // Every file and folder the tool and the host platform create holds keys or their traces:
+  // owner only, whatever umask the caller had.
+  umask(077);
   std::vector<std::string> args(argv + 1, argv + argc);
   try {
-    return Run(args);
+    return FinishOutput(Run(args));
   } catch (const ToolError& e) {
-    fprintf(stderr, "tavikm: %s\n", e.what());
+    fflush(stdout);  // what was printed before the failure, if it can be
+    // Sentences quote names and paths as given; none may act on the terminal.
+    fprintf(stderr, "tavikm: %s\n", TerminalText(e.what()).c_str());
     if (e.show_usage()) fprintf(stderr, "%s\n", CurrentUsage().c_str());
     return e.code();
   } catch (const std::exception& e) {
-    fprintf(stderr, "tavikm: %s\n", e.what());
+    fflush(stdout);
+    fprintf(stderr, "tavikm: %s\n", TerminalText(e.what()).c_str());
     return kExitFailure;
   }
 }

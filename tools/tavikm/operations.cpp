@@ -11,11 +11,14 @@
 #include <vector>
 
 #include "cli.h"
+#include "guards.h"
+#include "legacy_kek.h"
 #include "library_stores.h"
 #include "log_sink.h"
 #include "progress.h"
 #include "record_checks.h"
 #include "record_store.h"
+#include "write_guard.h"
 
 namespace tavikm_tool {
 namespace {
@@ -87,24 +90,6 @@ std::string Occupied(const Place& place) {
   return raw.Empty() ? "" : place.Describe() + " already holds data";
 }
 
-// A record beside the new one whose bytes it would overwrite: the magic at any other offset
-// within 2704 bytes either side. Returns its offset, or -1.
-int64_t OverlappedRecord(const OpenedPlace& opened) {
-  const Place& place = opened.place();
-  if (place.secure_storage || !opened.file_exists()) return -1;
-  uint64_t first = place.offset >= KM_META_SIZE ? place.offset - (KM_META_SIZE - 1) : 0;
-  uint64_t end = place.offset + (KM_META_SIZE - 1) + sizeof(uint32_t);
-  std::vector<uint8_t> bytes(end - first);
-  ssize_t n = pread(opened.fd(), bytes.data(), bytes.size(), static_cast<off_t>(first));
-  if (n < 0) throw ToolError(kExitFailure, "cannot read " + place.loc + ": " + strerror(errno));
-  const uint32_t magic = KM_META_MAGIC;
-  for (size_t i = 0; i + sizeof(magic) <= static_cast<size_t>(n); ++i) {
-    if (first + i == place.offset || memcmp(bytes.data() + i, &magic, sizeof(magic)) != 0) continue;
-    return static_cast<int64_t>(first + i);
-  }
-  return -1;
-}
-
 }  // namespace
 
 std::string KdfName(unsigned kdf_type) {
@@ -124,23 +109,19 @@ std::string KdfName(unsigned kdf_type) {
   }
 }
 
-SetupResult Setup(const Place& place, const Password& password, uint64_t keysize, uint32_t kdf_type,
-                  bool force) {
-  if (keysize == 0 || keysize > KeyBytes::capacity()) {
-    throw UsageError("a keysize of " + std::to_string(keysize) + " bytes is not possible");
-  }
-  CheckRoom(place);
-  OpenedPlace opened(place);
-  // Checked under the lock: a place another command filled meanwhile is refused.
+namespace {
+
+SetupResult SetupOpened(const OpenedPlace& opened, const Password& password, uint64_t keysize,
+                        uint32_t kdf_type, bool force) {
+  const Place& place = opened.place();
+  // Checked under the lock: a place another command filled or cut meanwhile is refused.
+  CheckFits(place, opened.fd());
+  if (place.secure_storage) RefuseLegacyKek(place.loc, "setup");
   if (!force) {
     std::string occupied = Occupied(place);
     if (!occupied.empty()) throw ToolError(kExitFailure, occupied + "; --force replaces it");
   }
-  if (int64_t other = OverlappedRecord(opened); other >= 0) {
-    throw ToolError(kExitFailure, "a record at offset " + std::to_string(place.offset) + " of " +
-                                      place.loc + " would overlap the record at offset " +
-                                      std::to_string(other));
-  }
+  RefuseOverlap(opened);
   // The steps of km_initial_setup without its store at offset 0: the record is stored once,
   // at its own place, by StoreRecord.
   SetupResult result;
@@ -169,6 +150,19 @@ SetupResult Setup(const Place& place, const Password& password, uint64_t keysize
   result.master_key.set_size(static_cast<size_t>(keysize));
   StoreRecord(opened, result.meta, "the new record");
   return result;
+}
+
+}  // namespace
+
+SetupResult Setup(const Place& place, const Password& password, uint64_t keysize, uint32_t kdf_type,
+                  bool force) {
+  if (keysize == 0 || keysize > KeyBytes::capacity()) {
+    throw UsageError("a keysize of " + std::to_string(keysize) + " bytes is not possible");
+  }
+  CheckRoom(place);
+  OpenedPlace opened(place);
+  WriteGuard guard(opened, nullptr, 0);
+  return guard.Run([&] { return SetupOpened(opened, password, keysize, kdf_type, force); });
 }
 
 void RequireRecord(const Place& place) {
@@ -217,7 +211,7 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
   if (CbcOnly()) {
     uint8_t mac[32];
     ForgetSeen();
-    rc = UndoLibraryStores(opened, result.meta, [&] {
+    rc = UndoLibraryStores(opened, &result.meta, [&] {
       Progress progress(Deriving(result.meta));
       return km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
                                         password.size(), mac, &result.meta);
@@ -229,7 +223,7 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
   }
 
   ForgetSeen();
-  rc = UndoLibraryStores(opened, result.meta, [&] {
+  rc = UndoLibraryStores(opened, &result.meta, [&] {
     Progress progress(Deriving(result.meta));
     return km_decrypt_key(password.c_str(), password.size(), result.meta.salt,
                           result.meta.master_key, result.master_key.data(), &result.meta);
@@ -247,17 +241,9 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
   throw ToolError(kExitFailure, "cannot unlock " + place.loc + Why());
 }
 
-}  // namespace
-
-UnlockResult Unlock(const Place& place, const Password& password) {
-  OpenedPlace opened(place);
-  return UnlockOpened(opened, password);
-}
-
-PasswdResult ChangePassword(const Place& place, const Password& old_password,
-                            const Password& new_password) {
-  CheckRoom(place);
-  OpenedPlace opened(place);
+PasswdResult ChangePasswordOpened(const OpenedPlace& opened, const Password& old_password,
+                                  const Password& new_password) {
+  const Place& place = opened.place();
   PasswdResult result;
   result.unlocked = UnlockOpened(opened, old_password);
   if (result.unlocked.zero_key) {
@@ -277,7 +263,7 @@ PasswdResult ChangePassword(const Place& place, const Password& old_password,
   uint8_t mac[32];
   bool cbc = CbcOnly();
   ForgetSeen();
-  if (UndoLibraryStores(opened, copy, [&] {
+  if (UndoLibraryStores(opened, &copy, [&] {
         Progress progress(Deriving(copy));
         return km_encrypt_key(new_password.c_str(), new_password.size(), salt, wrapped,
                               result.unlocked.master_key.data(), &copy);
@@ -285,7 +271,7 @@ PasswdResult ChangePassword(const Place& place, const Password& old_password,
     throw ToolError(kExitFailure, "cannot wrap the master key of " + place.loc +
                                       " under the new password (the record is unchanged)" + Why());
   }
-  if (cbc && UndoLibraryStores(opened, copy, [&] {
+  if (cbc && UndoLibraryStores(opened, &copy, [&] {
                Progress progress(Deriving(copy));
                return km_get_key_mac_by_password(wrapped, salt, new_password.c_str(),
                                                  new_password.size(), mac, &copy);
@@ -299,6 +285,24 @@ PasswdResult ChangePassword(const Place& place, const Password& old_password,
   StoreRecord(opened, copy, "the record under the new password");
   result.stored = copy;
   return result;
+}
+
+}  // namespace
+
+UnlockResult Unlock(const Place& place, const Password& password) {
+  OpenedPlace opened(place);
+  RawRecord raw = ReadRaw(place);
+  WriteGuard guard(opened, &raw.meta, raw.stored_length);
+  return guard.Run([&] { return UnlockOpened(opened, password); });
+}
+
+PasswdResult ChangePassword(const Place& place, const Password& old_password,
+                            const Password& new_password) {
+  CheckRoom(place);
+  OpenedPlace opened(place);
+  RawRecord raw = ReadRaw(place);
+  WriteGuard guard(opened, &raw.meta, raw.stored_length);
+  return guard.Run([&] { return ChangePasswordOpened(opened, old_password, new_password); });
 }
 
 namespace {
@@ -320,6 +324,7 @@ void PutKek(const std::string& name, const KeyBytes& kek, bool force) {
   OpenedPlace opened(place);
   RawRecord raw = ReadRaw(place);
   if (raw.found) {
+    RefuseLegacyKek(name, "kek put");
     if (!force) {
       throw ToolError(kExitFailure, "secure storage already holds an entry \"" + name +
                                         "\"; --force replaces it");
@@ -333,8 +338,13 @@ void PutKek(const std::string& name, const KeyBytes& kek, bool force) {
   // Read back before anyone is told it was stored.
   KeyBytes back;
   uint64_t length = 0;
-  if (km_get_kek_enc_by_rek(name.c_str(), back.data(), &length) != 0 || length != kek.size() ||
-      CRYPTO_memcmp(back.data(), kek.data(), kek.size()) != 0) {
+  ForgetSeen();
+  if (km_get_kek_enc_by_rek(name.c_str(), back.data(), &length) != 0) {
+    throw ToolError(
+        kExitFailure,
+        "the KEK \"" + name + "\" was stored, but could not be read back to verify" + Why());
+  }
+  if (length != kek.size() || CRYPTO_memcmp(back.data(), kek.data(), kek.size()) != 0) {
     throw ToolError(kExitFailure,
                     "the KEK \"" + name + "\" read back differs from what was stored" + LogHint());
   }
@@ -371,6 +381,7 @@ void DeleteKek(const std::string& name) {
   OpenedPlace opened(place);
   RawRecord raw = ReadRaw(place);
   if (!raw.found) throw ToolError(kExitNotFound, "no KEK named \"" + name + "\"");
+  RefuseLegacyKek(name, "kek delete");
   RefuseMasterKeyRecord(name, raw, "delete");
   ForgetSeen();
   if (km_delete_kek_enc_by_rek(name.c_str()) != 0) {

@@ -10,8 +10,12 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <iterator>
+
 #include "cli.h"
 #include "common/scopers.h"
+#include "input_files.h"
 
 namespace tavikm_tool {
 namespace {
@@ -51,8 +55,7 @@ Password FromFile(const std::string& file) {
     }
     return password;
   }
-  tavikm::ScopedFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.ok()) throw InputError("cannot open password file " + file + ": " + strerror(errno));
+  tavikm::ScopedFd fd(OpenInput(file, "password file"));
   const bool any = ReadLine(fd.get(), &password, file);
   fd.reset();
   if (!any) throw InputError("password file " + file + " is empty");
@@ -60,13 +63,50 @@ Password FromFile(const std::string& file) {
 }
 
 struct termios g_saved_termios;
+struct termios g_quiet_termios;
 volatile sig_atomic_t g_echo_off = 0;
+// The prompt, shown again after the tool was stopped and continued.
+char g_prompt[512];
+size_t g_prompt_length = 0;
 
-// A signal during the prompt must not leave the terminal without echo.
+// Signals that end the tool at the prompt; SIGTSTP stops it and SIGCONT brings it back.
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGQUIT, SIGHUP};
+
+// A signal during the prompt must not leave the terminal without echo. Everything here is
+// async-signal-safe.
 void RestoreEchoAndDie(int sig) {
   if (g_echo_off) tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_saved_termios);
   signal(sig, SIG_DFL);
   raise(sig);
+}
+
+// Ctrl-Z: the shell gets its terminal back with echo on, and what was typed so far is dropped
+// rather than left for the shell to read.
+void RestoreEchoAndStop(int) {
+  int saved_errno = errno;
+  if (g_echo_off) tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_saved_termios);
+  signal(SIGTSTP, SIG_DFL);
+  sigset_t tstp;
+  sigemptyset(&tstp);
+  sigaddset(&tstp, SIGTSTP);
+  sigprocmask(SIG_UNBLOCK, &tstp, nullptr);
+  raise(SIGTSTP);  // stops here until SIGCONT
+  struct sigaction again = {};
+  again.sa_handler = RestoreEchoAndStop;
+  sigaction(SIGTSTP, &again, nullptr);
+  errno = saved_errno;
+}
+
+// Continued (after Ctrl-Z, or a SIGSTOP): whatever the shell did to the terminal meanwhile, echo
+// goes off again before anything more is typed, and the prompt says so.
+void QuietAgain(int) {
+  int saved_errno = errno;
+  if (g_echo_off) {
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_quiet_termios);
+    ssize_t ignored = write(STDERR_FILENO, g_prompt, g_prompt_length);
+    (void)ignored;
+  }
+  errno = saved_errno;
 }
 
 Password Prompt(const std::string& prompt) {
@@ -77,18 +117,29 @@ Password Prompt(const std::string& prompt) {
   if (tcgetattr(STDIN_FILENO, &g_saved_termios) != 0) {
     throw ToolError(kExitFailure, std::string("cannot control the terminal: ") + strerror(errno));
   }
-  struct termios quiet = g_saved_termios;
-  quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-  quiet.c_lflag |= ECHONL;
+  g_quiet_termios = g_saved_termios;
+  g_quiet_termios.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+  g_quiet_termios.c_lflag |= ECHONL;
+  std::string shown = "\n" + prompt;
+  g_prompt_length = std::min(shown.size(), sizeof(g_prompt));
+  memcpy(g_prompt, shown.data(), g_prompt_length);
   struct sigaction action = {};
   action.sa_handler = RestoreEchoAndDie;
-  struct sigaction old_int, old_term;
-  sigaction(SIGINT, &action, &old_int);
-  sigaction(SIGTERM, &action, &old_term);
+  struct sigaction old_ending[std::size(kEndingSignals)], old_tstp, old_cont;
+  for (size_t i = 0; i < std::size(kEndingSignals); ++i) {
+    sigaction(kEndingSignals[i], &action, &old_ending[i]);
+  }
+  struct sigaction stop = {};
+  stop.sa_handler = RestoreEchoAndStop;
+  sigaction(SIGTSTP, &stop, &old_tstp);
+  struct sigaction cont = {};
+  cont.sa_handler = QuietAgain;
+  cont.sa_flags = SA_RESTART;
+  sigaction(SIGCONT, &cont, &old_cont);
   // Echo goes off (and earlier typing is dropped) before the prompt shows, so nothing typed
   // after it is lost.
   g_echo_off = 1;
-  tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+  tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_quiet_termios);
   fprintf(stderr, "%s", prompt.c_str());
   fflush(stderr);
   Password password;
@@ -101,8 +152,11 @@ Password Prompt(const std::string& prompt) {
   }
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_saved_termios);
   g_echo_off = 0;
-  sigaction(SIGINT, &old_int, nullptr);
-  sigaction(SIGTERM, &old_term, nullptr);
+  for (size_t i = 0; i < std::size(kEndingSignals); ++i) {
+    sigaction(kEndingSignals[i], &old_ending[i], nullptr);
+  }
+  sigaction(SIGTSTP, &old_tstp, nullptr);
+  sigaction(SIGCONT, &old_cont, nullptr);
   if (error) throw *error;
   if (!any) throw InputError("no password given");
   return password;

@@ -17,6 +17,7 @@
 #include "common/scopers.h"
 #include "journal.h"
 #include "log_sink.h"
+#include "temp_files.h"
 
 namespace tavikm_tool {
 namespace {
@@ -37,9 +38,8 @@ void CreateFile(const Place& place, const km_meta& image) {
   std::vector<uint8_t> file(KM_METADATA_FILE_SIZE, 0);
   memcpy(file.data() + place.offset, &image, sizeof(image));
   std::string dir = DirOf(place.loc);
-  std::string base = place.loc.substr(place.loc.rfind('/') + 1);
-  std::string tmp = dir + "/.tavikm-new-" + std::to_string(getpid()) + "-" + base;
-  tavikm::ScopedFd fd(open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  std::string tmp;
+  tavikm::ScopedFd fd(CreateTemporary(dir, &tmp));
   if (!fd.ok()) {
     throw ToolError(kExitFailure, "cannot create " + place.loc + ": " + strerror(errno));
   }
@@ -112,7 +112,14 @@ void StoreRecord(const OpenedPlace& opened, const km_meta& image, const std::str
   } else {
     CreateFile(place, image);
   }
-  RawRecord back = ReadRaw(place);
+  RawRecord back;
+  try {
+    back = ReadRaw(place);
+  } catch (const ToolError& e) {
+    // The store itself succeeded: say so, rather than what a failed store says.
+    throw ToolError(kExitFailure, what + " was stored at " + place.Describe() +
+                                      ", but could not be read back to verify: " + e.what());
+  }
   if (back.stored_length != KM_META_SIZE || memcmp(&back.meta, &image, sizeof(image)) != 0) {
     throw ToolError(kExitFailure, "the record read back from " + place.Describe() +
                                       " differs from what was stored");
