@@ -134,8 +134,16 @@ android-bp:
 check-layers: build
 	scripts/check-layers build/default
 
+# The README's two commands in a minimal Debian 12 root, as root and as a user, from a fresh clone
+# of HEAD (uncommitted changes are not tested); the root is kept in .fresh-root/.
+.PHONY: fresh-test
+fresh-test:
+	@scripts/install-deps --fresh
+	scripts/fresh-test
+
 # Everything CI runs.
-ci: test check-layers format-check asan-test slow-test aarch64-test openssl-test valgrind-test fuzz-ci
+ci: test check-layers format-check asan-test slow-test aarch64-test openssl-test valgrind-test fuzz-ci \
+  fresh-test
 
 clean:
 	rm -rf build

@@ -4,17 +4,22 @@
 // in this process through the library where the tool cannot make them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <linux/securebits.h>
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -513,72 +518,111 @@ TEST_F(ToolTest, EachExitStatusHasOneMeaningAndAFailedCommandChangesNothing) {
   EXPECT_NE(kek.out.find("kdf_type           0 (none: a KEK)\n"), kNone) << kek.out;
 }
 
-TEST_F(ToolTest, FailuresNameThePlaceAndTheCause) {
-  // Each case runs the tool in its own mount namespace where it needs a full file system, and
-  // as an unprivileged user where permissions must count (root passes them). A read-only file
-  // system fails the same open as the first two cases.
-  std::string full = Scratch("full"), locked = Scratch("locked");
-  for (const std::string& dir : {full, locked}) std::filesystem::create_directories(dir);
-  // The unprivileged user may enter the device directory but not write in `locked`.
-  for (const std::string& dir : {dir_, Scratch("")}) chmod(dir.c_str(), 0755);
-  chmod(locked.c_str(), 0555);
-  struct Case {
-    std::string why;
-    std::string loc;
-    std::function<void()> in_child;
-    std::string cause;
-  };
-  std::vector<Case> cases = {
-      {"missing directory", Scratch("missing") + "/meta", nullptr, "No such file or directory"},
-      {"permission denied", locked + "/meta",
-       [] {
-         if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(125);
-       },
-       "Permission denied"},
-      // 1 TiB: the request fails as malloc fails, also under AddressSanitizer (whose warning
-      // line is dropped below).
-      {"scrypt beyond memory", MetadataFile(),
-       [] { setenv("ASAN_OPTIONS", "allocator_may_return_null=1", 1); },
-       "the key derivation failed: Cannot allocate memory"},
-  };
-  if (geteuid() == 0) {
-    cases.push_back({"full file system", full + "/meta",
-                     [&] {
-                       if (unshare(CLONE_NEWNS) != 0 ||
-                           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                           mount("tmpfs", full.c_str(), "tmpfs", 0, "size=16k") != 0) {
-                         _exit(125);
-                       }
-                       int fd = open((full + "/filler").c_str(), O_WRONLY | O_CREAT, 0600);
-                       char block[4096] = {};
-                       while (write(fd, block, sizeof(block)) > 0) {
-                       }
-                       close(fd);
-                     },
-                     "No space left on device"});
+// Runs `arrange` in a throwaway child: "" when it can set up what a case needs here, else why
+// not, so that a case this machine cannot provide is skipped with its reason instead of failing.
+std::string Probe(const std::function<std::string()>& arrange) {
+  int fds[2];
+  if (pipe(fds) != 0) return std::string("pipe: ") + strerror(errno);
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    std::string why = arrange();
+    if (write(fds[1], why.data(), why.size()) < 0) _exit(1);
+    _exit(0);
   }
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.why);
-    in_child_ = c.in_child;
-    props_ = {};
-    Args args = {"setup", c.loc, "--kdf", "2", "--password-file", "-"};
-    if (c.why == "scrypt beyond memory") {
-      props_ = {"ro.crypto.scrypt_params=30:3:1"};
-      args.push_back("--allow-cost");  // past the tool's own refusal, to the allocation
-    }
-    ToolResult setup = Tool(args, "pw\n");
+  close(fds[1]);
+  std::string why;
+  char buffer[256];
+  for (ssize_t n; (n = read(fds[0], buffer, sizeof(buffer))) > 0;) why.append(buffer, n);
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (why.empty() && !(WIFEXITED(status) && WEXITSTATUS(status) == 0)) why = "the probe died";
+  return why;
+}
+
+std::string Failed(const char* what) { return std::string(what) + ": " + strerror(errno); }
+
+// Root passes permission checks by its capabilities, not by its uid: without them (and kept
+// from regaining them at exec) it meets a folder's mode as any owner does. Changing to another
+// uid instead would need a path to the tool and its libraries that the uid may enter.
+std::string WithoutPrivileges() {
+  if (geteuid() != 0) return "";
+  if (prctl(PR_SET_SECUREBITS, SECBIT_NOROOT | SECBIT_NOROOT_LOCKED) != 0)
+    return Failed("cannot keep root from regaining its capabilities");
+  __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+  if (syscall(SYS_capset, &header, none) != 0) return Failed("cannot drop root's capabilities");
+  return "";
+}
+
+// `dir` as a 16 KiB file system that is already full, seen only by this process and its
+// children: a mount namespace of its own (in a user namespace when not root), so nothing is
+// left mounted whatever happens to the test.
+std::string FullFileSystemAt(const std::string& dir) {
+  uid_t uid = geteuid();
+  gid_t gid = getegid();
+  if (uid != 0) {
+    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0)
+      return Failed("no user namespace for a private mount as a user");
+    std::ofstream("/proc/self/setgroups") << "deny";
+    std::ofstream("/proc/self/uid_map") << uid << " " << uid << " 1";
+    std::ofstream("/proc/self/gid_map") << gid << " " << gid << " 1";
+  } else if (unshare(CLONE_NEWNS) != 0) {
+    return Failed("no mount namespace");
+  }
+  // Fails where "/" is no mount point, as in a chroot into a plain folder.
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    return Failed("cannot make / private in a new mount namespace");
+  if (mount("tmpfs", dir.c_str(), "tmpfs", 0, "size=16k") != 0)
+    return Failed("cannot mount a tmpfs");
+  int fd = open((dir + "/filler").c_str(), O_WRONLY | O_CREAT, 0600);
+  if (fd < 0) return Failed("cannot fill the tmpfs");
+  char block[4096] = {};
+  while (write(fd, block, sizeof(block)) > 0) {
+  }
+  close(fd);
+  return "";
+}
+
+class ToolFailureTest : public ToolTest {
+ protected:
+  // `setup` of `loc` fails with exit 4 and one sentence: what failed, where, and the system's
+  // cause.
+  void ExpectSetupFailure(const std::string& loc, const std::string& cause,
+                          const Args& options = {}) {
+    ToolResult setup =
+        Tool(Join({"setup", loc, "--kdf", "2", "--password-file", "-"}, options), "pw\n");
     // Instrumented builds' own lines: a sanitizer's warning, or gcov's, which cannot write its
-    // counters as the other user.
+    // counters without privileges.
     setup.err =
         std::regex_replace(setup.err, std::regex("(==[0-9]+==WARNING: |profiling:)[^\n]*\n"), "");
-    ASSERT_NE(setup.status, 125) << "the case could not be arranged";
+    ASSERT_NE(setup.status, 125) << "the case could not be arranged in the tool's process";
     EXPECT_EQ(setup.status, 4);
-    // One sentence: what failed, where, and the system's cause.
     EXPECT_EQ(setup.err.rfind("tavikm: cannot ", 0), 0u) << setup.err;
-    EXPECT_NE(setup.err.find(c.loc), kNone) << setup.err;
-    EXPECT_NE(setup.err.find(": " + c.cause), kNone) << setup.err;
+    EXPECT_NE(setup.err.find(loc), kNone) << setup.err;
+    EXPECT_NE(setup.err.find(": " + cause), kNone) << setup.err;
     EXPECT_EQ(std::count(setup.err.begin(), setup.err.end(), '\n'), 1) << setup.err;
   }
+  // The tool's process runs `arrange` first; the test is skipped when this machine cannot.
+  bool Arrange(std::function<std::string()> arrange, std::string* why) {
+    *why = Probe(arrange);
+    in_child_ = [arrange] {
+      if (!arrange().empty()) _exit(125);
+    };
+    return why->empty();
+  }
+};
+
+TEST_F(ToolFailureTest, FailuresNameThePlaceAndTheCause) {
+  ExpectSetupFailure(Scratch("missing") + "/meta", "No such file or directory");
+  // 1 TiB: the request fails as malloc fails, also under AddressSanitizer (whose warning line is
+  // dropped).
+  in_child_ = [] { setenv("ASAN_OPTIONS", "allocator_may_return_null=1", 1); };
+  props_ = {"ro.crypto.scrypt_params=30:3:1"};
+  // --allow-cost: past the tool's own refusal, to the allocation.
+  ExpectSetupFailure(MetadataFile(), "the key derivation failed: Cannot allocate memory",
+                     {"--allow-cost"});
   in_child_ = nullptr;
 
   // Secure storage gives the system's cause too: here the device directory cannot be made.
@@ -587,6 +631,24 @@ TEST_F(ToolTest, FailuresNameThePlaceAndTheCause) {
                          "put", "x", "--random"});
   EXPECT_EQ(put.status, 4);
   EXPECT_NE(put.err.find(": Not a directory"), kNone) << put.err;
+}
+
+TEST_F(ToolFailureTest, AFolderWithoutWriteAccessIsNamedWithItsCause) {
+  std::string locked = Scratch("locked");
+  std::filesystem::create_directories(locked);
+  chmod(locked.c_str(), 0555);
+  std::string why;
+  if (!Arrange(WithoutPrivileges, &why)) GTEST_SKIP() << why;
+  ExpectSetupFailure(locked + "/meta", "Permission denied");
+}
+
+// (A read-only file system fails the same open as a folder without write access.)
+TEST_F(ToolFailureTest, AFullFileSystemIsNamedWithItsCause) {
+  std::string full = Scratch("full");
+  std::filesystem::create_directories(full);
+  std::string why;
+  if (!Arrange([full] { return FullFileSystemAt(full); }, &why)) GTEST_SKIP() << why;
+  ExpectSetupFailure(full + "/meta", "No space left on device");
 }
 
 TEST_F(ToolTest, ListShowsEntriesAndTheRecordsOfMetadataFiles) {
