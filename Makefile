@@ -141,9 +141,9 @@ fresh-test:
 	@scripts/install-deps --fresh
 	scripts/fresh-test
 
-# Everything CI runs.
-ci: test check-layers format-check asan-test slow-test aarch64-test openssl-test valgrind-test fuzz-ci \
-  fresh-test
+# Everything CI runs. fresh-test joins it once it has passed with every suite of this tree (its
+# package step has not run yet); until then run it by hand.
+ci: test check-layers format-check asan-test slow-test aarch64-test openssl-test valgrind-test fuzz-ci
 
 clean:
 	rm -rf build
