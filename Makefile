@@ -2,7 +2,7 @@
 # The README's commands. Each first installs what the build needs (scripts/install-deps).
 JOBS ?= $(shell nproc)
 
-.PHONY: all deps build demo test asan-test slow-test aarch64-test bench ci clean
+.PHONY: all deps build demo test asan-test slow-test aarch64-test bench ci clean install deb
 
 all: build
 
@@ -27,6 +27,20 @@ asan-test: deps
 	cmake --preset asan
 	cmake --build --preset asan -j $(JOBS)
 	ctest --preset asan -j $(JOBS)
+
+# The libraries, headers, pkg-config files, CMake package, tool, man page and completion under
+# PREFIX (staged under DESTDIR when given).
+PREFIX ?= /usr/local
+install: deps
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target tavikm tavikm_host tavikm_tool
+	DESTDIR=$(DESTDIR) cmake --install build/default --prefix $(PREFIX)
+
+# The Debian packages (libtavikm1, libtavikm-host1, libtavikm-dev, tavikm) into build/deb/,
+# checked by lintian.
+deb:
+	@scripts/install-deps --deb
+	scripts/build-deb build/deb
 
 # Long-running known-answer tests (e.g. scrypt's 1 GiB vector), left out of `make test`.
 slow-test: build

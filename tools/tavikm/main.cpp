@@ -17,6 +17,7 @@
 #include "progress.h"
 #include "secure_memory.h"
 #include "tavikm_host/device.h"
+#include "version.h"
 
 namespace {
 
@@ -40,6 +41,7 @@ const char kHelp[] =
     "  benchmark                KDF timings here, and the scrypt cost for an unlock time\n"
     "  demo                     a narrated tour in a throwaway device directory\n"
     "  help                     this text\n"
+    "  version                  the versions of the tool and of the library it loaded\n"
     "Each command explains itself with --help.\n"
     "\n"
     "Options (before the command):\n"
@@ -54,6 +56,7 @@ const char kHelp[] =
     "                           long a FIFO given as password or key file may stay silent\n"
     "  -v                       library log lines to stderr, not to log.txt in the device\n"
     "                           directory\n"
+    "  --version                the same as the version command\n"
     "\n"
     "Exit status: 0 success, 1 usage or unusable input, 2 wrong password, 3 no such record\n"
     "or KEK, 4 any other failure.\n";
@@ -91,6 +94,8 @@ int Run(const std::vector<std::string>& args) {
       globals.props.push_back(value);
     } else if (args[i] == "-v" || args[i] == "--verbose") {
       globals.verbose = true;
+    } else if (args[i] == "--version") {
+      return RunVersion();
     } else if (args[i] == "--help" || args[i] == "-h") {
       printf("%s\n%s", kUsage, kHelp);
       return kExitOk;
@@ -107,6 +112,7 @@ int Run(const std::vector<std::string>& args) {
   InstallLogSink(globals.verbose);
   EnableProgress(!globals.verbose);
   if (command == "demo") return RunDemo(rest, globals);
+  if (command == "version") return RunVersion();
   if (!device_dir.empty()) setenv("TAVIKM_DEVICE_DIR", device_dir.c_str(), 1);
   tavikm_host::ResetProperties();
   ApplyProps(globals.props);
