@@ -262,7 +262,7 @@ TEST_F(ToolTest, BadUsageExitsOneWithTheUsageLine) {
       {{"unlock", "/f", "--offset", "99999999999999999999"}, "--offset is too large"},
       {{"unlock", "/f", "-v"}, "-v is a global option: put it before the command"},
       {{"list", "--prop", "a=b"}, "--prop is a global option: put it before the command"},
-      {{"benchmark", "--unlock-time", "5"}, "--unlock-time must be from 10 to 60000 ms"},
+      {{"benchmark", "--unlock-ms", "5"}, "--unlock-ms must be from 10 to 60000"},
       {{"inspect", "--entry", "e", "--offset", "0"}, "--offset applies to metadata files only"},
       {{"restore", "userdata"}, "missing argument"},
       {{"unlock", "userdata", "--offset", "4096"},
@@ -682,16 +682,25 @@ TEST_F(ToolTest, RestoreBringsBackTheRecordAsItWasBackedUp) {
 }
 
 TEST_F(ToolTest, BenchmarkTimesTheKdfsAndProposesAScryptCost) {
-  ToolResult bench = Tool({"benchmark", "--unlock-time", "10"});
+  ToolResult bench = Tool({"benchmark", "--unlock-ms", "10"});
   ASSERT_EQ(bench.status, 0) << bench.err;
   EXPECT_EQ(bench.err, "");
+  // The figures and the proposal are said to be this machine's, and the scrypt line names the
+  // Salsa20/8 implementation that produced them.
   EXPECT_TRUE(std::regex_match(
-      bench.out, std::regex("PBKDF2-HMAC-SHA256, 8192 iterations \\(kdf 1 and 4\\) +[0-9.]+ ms\n"
-                            "scrypt, r=8 p=2 \\(kdf 2 and 5\\), Salsa20/8 back end [a-z0-9]+:\n"
-                            "  N +memory +time\n"
-                            "(  N=2\\^[0-9]+ +[0-9]+ [KM]iB [ ~] *[0-9.]+ ms\n)+"
-                            "(For an unlock of at most 10 ms: ro.crypto.scrypt_params=[0-9]+:3:1\n|"
-                            "Even N=2\\^10 takes longer than 10 ms here.\n)")))
+      bench.out,
+      std::regex("Timings of this machine, not of a device:\n"
+                 "PBKDF2-HMAC-SHA256, 8192 iterations \\(kdf 1 and 4\\) +[0-9.]+ ms\n"
+                 "scrypt, r=8 p=2 \\(kdf 2 and 5\\), Salsa20/8 back end " +
+                 std::string(km_scrypt_backend_name()) +
+                 ":\n"
+                 "  N +memory +time\n"
+                 "(  N=2\\^[0-9]+ +[0-9]+ [KM]iB [ ~] *[0-9.]+ ms\n)+"
+                 "(For an unlock of at most 10 ms on this machine: "
+                 "ro.crypto.scrypt_params=[0-9]+:3:1\n"
+                 "A device gives other times: run the benchmark there before setting the "
+                 "property.\n|"
+                 "Even N=2\\^10 takes longer than 10 ms on this machine.\n)")))
       << bench.out;
 }
 
@@ -701,10 +710,8 @@ TEST_F(ToolTest, ProgressAndPromptsShowOnlyOnATerminal) {
   ASSERT_EQ(Setup(MetadataFile(), "old", {"--kdf", "5"}).status, 0);
   ToolResult terminal = OnTerminal(Passwd(MetadataFile(), "old", "new"));
   ASSERT_EQ(terminal.status, 0) << terminal.out;
-  const std::string status =
-      "\rderiving the key: scrypt N=2^10 r=1 p=1 bound to the Keymaster: waiting for the "
-      "Keymaster (one signature a second) ... ";
-  EXPECT_NE(terminal.out.find(status), kNone) << terminal.out;
+  EXPECT_NE(terminal.out.find("\rwaiting for the Keymaster (one signature a second) ... "), kNone)
+      << terminal.out;
   EXPECT_NE(terminal.out.find("\r\033[K"), kNone) << "the status line was not erased";
 
   ToolResult pipe = Tool(Passwd(MetadataFile(), "new", "old"));

@@ -30,6 +30,7 @@
 #include "outcome.h"
 #include "place.h"
 #include "record_store.h"
+#include "text.h"
 #include "write_guard.h"
 
 namespace tavikm_tool {
@@ -115,20 +116,36 @@ Backup Decode(const std::vector<uint8_t>& bytes, const std::string& file) {
   return backup;
 }
 
+// "-" is standard input or output; "./-" names a file called "-".
+bool Standard(const std::string& file) { return file == "-"; }
+
 std::vector<uint8_t> ReadBackupFile(const std::string& file) {
-  tavikm::ScopedFd fd(OpenRegularInput(file, "backup file"));
+  const std::string name = Standard(file) ? "standard input" : file;
+  tavikm::ScopedFd fd(Standard(file) ? dup(STDIN_FILENO) : OpenRegularInput(file, "backup file"));
+  if (!fd.ok()) throw InputError("cannot open " + name + ": " + strerror(errno));
   std::vector<uint8_t> bytes;
   uint8_t buffer[4096];
   const size_t limit = kHeaderSize + kMaxKeyLoc + KM_META_SIZE + kDigestSize;
   for (;;) {
     ssize_t n = read(fd.get(), buffer, sizeof(buffer));
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw InputError("cannot read " + file + ": " + strerror(errno));
+    if (n < 0) throw InputError("cannot read " + name + ": " + strerror(errno));
     if (n == 0) break;
     bytes.insert(bytes.end(), buffer, buffer + n);
     if (bytes.size() > limit) break;  // longer than any backup; Decode refuses it
   }
   return bytes;
+}
+
+// Writes the backup to standard output, synchronised when that is a file.
+void WriteStandardOutput(const std::vector<uint8_t>& bytes) {
+  struct stat st;
+  bool ok = tavikm::WriteAll(STDOUT_FILENO, bytes.data(), bytes.size()) &&
+            (fstat(STDOUT_FILENO, &st) != 0 || !S_ISREG(st.st_mode) || fsync(STDOUT_FILENO) == 0);
+  if (!ok) {
+    throw ToolError(kExitFailure,
+                    std::string("cannot write the backup to standard output: ") + strerror(errno));
+  }
 }
 
 // Writes a new file `file` (never replacing one), synchronised before it is reported written.
@@ -191,10 +208,11 @@ std::string Summary(const Place& place, const std::vector<uint8_t>& image) {
 
 int RunBackup(const std::vector<std::string>& args) {
   ArgParser parser(
-      "usage: tavikm backup KEY_LOC FILE [--offset N]",
+      "usage: tavikm backup KEY_LOC FILE|- [--offset N]",
       std::string("Copies the stored record of KEY_LOC into a new FILE, with a "
-                  "header and a SHA-256\nthat restore checks. The record holds "
-                  "the wrapped master key: keep FILE as safe\nas the disk.\n\n") +
+                  "header and a SHA-256\nthat restore checks; - writes it to standard "
+                  "output (not to a terminal). The\nrecord holds the wrapped master key: keep "
+                  "FILE as safe as the disk.\n\n") +
           kPlaceHelp +
           "\n"
           "  --offset N               where the record lies in a metadata file (default 0)\n");
@@ -203,6 +221,9 @@ int RunBackup(const std::vector<std::string>& args) {
   if (!parser.Parse(args, 2, 2)) return kExitOk;
   Place place = ResolvePlace(parser.positional()[0], offset);
   const std::string& file = parser.positional()[1];
+  if (Standard(file) && isatty(STDOUT_FILENO)) {
+    throw UsageError("a backup is not written to a terminal: redirect standard output");
+  }
   OpenedPlace opened(place);  // a consistent copy, as an interrupted change left it to stand
   RawRecord raw = ReadRaw(place);
   if (raw.Empty()) {
@@ -221,22 +242,28 @@ int RunBackup(const std::vector<std::string>& args) {
   const uint8_t* bytes = reinterpret_cast<const uint8_t*>(&raw.meta);
   backup.image.assign(bytes, bytes + raw.stored_length);
   std::vector<uint8_t> encoded = Encode(backup);
-  WriteNewFile(file, encoded);
-  NoteChanged("the backup " + file + " was written");
+  if (Standard(file)) {
+    WriteStandardOutput(encoded);
+  } else {
+    WriteNewFile(file, encoded);
+    NoteChanged("the backup " + file + " was written");
+  }
   OPENSSL_cleanse(encoded.data(), encoded.size());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
-  printf("Backed up %s to %s\n",
-         Summary(place, std::vector<uint8_t>(bytes, bytes + raw.stored_length)).c_str(),
-         file.c_str());
+  // With the backup on standard output, the report goes to stderr.
+  fprintf(
+      Standard(file) ? stderr : stdout, "Backed up %s to %s\n",
+      TerminalText(Summary(place, std::vector<uint8_t>(bytes, bytes + raw.stored_length))).c_str(),
+      TerminalText(Standard(file) ? "standard output" : file).c_str());
   return kExitOk;
 }
 
 int RunRestore(const std::vector<std::string>& args) {
   ArgParser parser(
-      "usage: tavikm restore KEY_LOC FILE [--offset N] [--force]",
+      "usage: tavikm restore KEY_LOC FILE|- [--offset N] [--force]",
       std::string("Writes the record saved in FILE by tavikm backup back to KEY_LOC, replacing\n"
-                  "what is stored there. A FILE whose SHA-256 does not match is refused and\n"
-                  "nothing is written.\n\n") +
+                  "what is stored there; - reads it from standard input (not from a terminal).\n"
+                  "A FILE whose SHA-256 does not match is refused and nothing is written.\n\n") +
           kPlaceHelp +
           "\n"
           "  --offset N               where to write it in a metadata file (default: where\n"
@@ -249,17 +276,21 @@ int RunRestore(const std::vector<std::string>& args) {
   if (!parser.Parse(args, 2, 2)) return kExitOk;
   Place place = ResolvePlace(parser.positional()[0], offset);
   const std::string& file = parser.positional()[1];
+  if (Standard(file) && isatty(STDIN_FILENO)) {
+    throw UsageError("a backup is not read from a terminal: redirect standard input");
+  }
   std::vector<uint8_t> bytes = ReadBackupFile(file);
-  Backup backup = Decode(bytes, file);
+  const std::string source = Standard(file) ? "standard input" : file;
+  Backup backup = Decode(bytes, source);
   OPENSSL_cleanse(bytes.data(), bytes.size());
   if (backup.secure_storage != place.secure_storage) {
-    throw InputError(file + " holds " +
+    throw InputError(source + " holds " +
                      (backup.secure_storage ? "a secure-storage entry" : "a metadata file record") +
                      "; " + place.loc + " is " +
                      (place.secure_storage ? "a secure-storage entry" : "a metadata file"));
   }
   if (backup.loc != place.loc && !force) {
-    throw InputError(file + " is the backup of " + backup.loc + ", not of " + place.loc +
+    throw InputError(source + " is the backup of " + backup.loc + ", not of " + place.loc +
                      "; --force restores it there");
   }
   if (!place.secure_storage && !offset) place.offset = backup.offset;
@@ -276,8 +307,9 @@ int RunRestore(const std::vector<std::string>& args) {
     WriteImage(opened, backup.image);
     return 0;
   });
-  NoteChanged(place.Describe() + " was restored from " + file);
-  printf("Restored %s from %s\n", Summary(place, backup.image).c_str(), file.c_str());
+  NoteChanged(place.Describe() + " was restored from " + source);
+  printf("Restored %s from %s\n", TerminalText(Summary(place, backup.image)).c_str(),
+         TerminalText(source).c_str());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
   return kExitOk;
 }

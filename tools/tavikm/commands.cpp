@@ -25,6 +25,7 @@
 #include "record_store.h"
 #include "record_view.h"
 #include "tavikm.h"
+#include "text.h"
 
 namespace tavikm_tool {
 namespace {
@@ -49,7 +50,7 @@ const char kPlaceHelp[] =
     "record lies at --offset N (default 0) in it.\n";
 
 void PrintRow(const char* label, const std::string& value) {
-  printf("  %-12s %s\n", label, value.c_str());
+  printf("  %-12s %s\n", label, TerminalText(value).c_str());
 }
 
 std::string KdfDescription(const km_meta& meta) {
@@ -186,11 +187,12 @@ int RunSetup(const std::vector<std::string>& args) {
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
   CheckFits(place);
-  Password password = ReadNewPassword(password_file, "New password for " + place.loc + ": ");
+  Password password =
+      ReadNewPassword(password_file, "New password for " + TerminalText(place.loc) + ": ");
   RefuseEmpty(password, allow_empty);
   SetupResult result = Setup(place, password, size, kdf_type, force);
   NoteChanged("the record of " + place.loc + " was created");
-  printf("Created the record of %s\n", place.loc.c_str());
+  printf("Created the record of %s\n", TerminalText(place.loc).c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
   PrintRow("keysize", std::to_string(result.meta.keysize) + " bytes");
@@ -225,12 +227,12 @@ int RunUnlock(const std::vector<std::string>& args) {
   AllowAnyCost(allow_cost);
   Place place = ResolvePlace(parser.positional()[0], offset);
   RequireRecord(place);
-  Password password = ReadPassword(password_file, "Password for " + place.loc + ": ");
+  Password password = ReadPassword(password_file, "Password for " + TerminalText(place.loc) + ": ");
   UnlockResult result = Unlock(place, password);
   if (result.stored_again || result.upgraded_on_read) {
     NoteChanged("the record of " + place.loc + " was unlocked and stored again");
   }
-  printf("Unlocked %s\n", place.loc.c_str());
+  printf("Unlocked %s\n", TerminalText(place.loc).c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.meta));
   PrintKey("master key", result.master_key, show_key);
@@ -274,13 +276,14 @@ int RunPasswd(const std::vector<std::string>& args) {
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
   RequireRecord(place);
-  Password old_password = ReadPassword(password_file, "Old password for " + place.loc + ": ");
+  Password old_password =
+      ReadPassword(password_file, "Old password for " + TerminalText(place.loc) + ": ");
   Password new_password =
-      ReadNewPassword(new_password_file, "New password for " + place.loc + ": ");
+      ReadNewPassword(new_password_file, "New password for " + TerminalText(place.loc) + ": ");
   RefuseEmpty(new_password, allow_empty);
   PasswdResult result = ChangePassword(place, old_password, new_password);
   NoteChanged("the password of " + place.loc + " was changed");
-  printf("Changed the password of %s\n", place.loc.c_str());
+  printf("Changed the password of %s\n", TerminalText(place.loc).c_str());
   PrintRow("place", place.Describe());
   PrintRow("kdf", KdfDescription(result.stored));
   PrintKey("master key", result.unlocked.master_key, false);
@@ -400,7 +403,7 @@ int RunKek(const std::vector<std::string>& args) {
     const std::string& name = parser.positional()[0];
     PutKek(name, kek, force);
     NoteChanged("the KEK \"" + name + "\" was stored");
-    printf("Stored the KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
+    printf("Stored the KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     return kExitOk;
   }
@@ -421,7 +424,7 @@ int RunKek(const std::vector<std::string>& args) {
     bool asked_twice = false;
     KeyBytes kek = GetKek(name, &asked_twice);
     if (asked_twice) NoteChanged("the KEK \"" + name + "\" was stored again");
-    printf("KEK \"%s\" (%zu bytes)\n", name.c_str(), kek.size());
+    printf("KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
     PrintKey("kek", kek, show_key);
     if (asked_twice) {
       printf("Note: its Keymaster key was upgraded on the way and the KEK asked for again.\n");
@@ -434,7 +437,7 @@ int RunKek(const std::vector<std::string>& args) {
     const std::string& name = parser.positional()[0];
     DeleteKek(name);
     NoteChanged("the KEK \"" + name + "\" was deleted");
-    printf("Deleted the KEK \"%s\"\n", name.c_str());
+    printf("Deleted the KEK \"%s\"\n", TerminalText(name, true).c_str());
     return kExitOk;
   }
   throw UsageError("unknown kek command " + verb);

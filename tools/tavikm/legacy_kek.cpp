@@ -14,6 +14,7 @@
 #include "common/scopers.h"
 #include "record_view.h"
 #include "tavikm_host/device.h"
+#include "text.h"
 
 namespace tavikm_tool {
 namespace {
@@ -72,11 +73,11 @@ std::string OpaqueEntryText(const Place& place, const RawRecord& raw,
 
 std::string OpaqueEntryJson(const Place& place, const RawRecord& raw,
                             const std::optional<std::string>& owner) {
-  std::string json =
-      "{\n  \"place\": \"secure_storage\",\n  \"key_loc\": " + JsonString(place.loc) +
-      ",\n  \"stored_length\": " + std::to_string(raw.stored_length) +
-      ",\n  \"kind\": " + JsonString(owner ? "legacy_kek" : "unknown");
-  if (owner) json += ",\n  \"kek_of\": " + JsonString(*owner);
+  std::string json = "{\n  \"place\": \"secure_storage\",\n  " +
+                     JsonTextMember("key_loc", place.loc) +
+                     ",\n  \"stored_length\": " + std::to_string(raw.stored_length) +
+                     ",\n  \"kind\": " + JsonString(owner ? "legacy_kek" : "unknown");
+  if (owner) json += ",\n  " + JsonTextMember("kek_of", *owner);
   return json + "\n}\n";
 }
 

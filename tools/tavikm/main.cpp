@@ -17,6 +17,7 @@
 #include "progress.h"
 #include "secure_memory.h"
 #include "tavikm_host/device.h"
+#include "text.h"
 #include "version.h"
 
 namespace {
@@ -35,10 +36,11 @@ const char kHelp[] =
     "  passwd KEY_LOC           wrap the same master key under a new password\n"
     "  inspect KEY_LOC          decode a stored record field by field, without a password\n"
     "  list [FILE]...           the entries of secure storage, the records in metadata files\n"
-    "  backup KEY_LOC FILE      save a record to FILE, with a SHA-256\n"
-    "  restore KEY_LOC FILE     write a saved record back\n"
+    "  backup KEY_LOC FILE|-    save a record to FILE (- standard output), with a SHA-256\n"
+    "  restore KEY_LOC FILE|-   write a saved record back (- from standard input)\n"
     "  kek put|get|delete NAME  the store of key-encryption keys\n"
-    "  benchmark                KDF timings here, and the scrypt cost for an unlock time\n"
+    "  benchmark                KDF timings on this machine, and the scrypt cost for an\n"
+    "                           unlock time here\n"
     "  demo                     a narrated tour in a throwaway device directory\n"
     "  help                     this text\n"
     "  version                  the versions of the tool and of the library it loaded\n"
@@ -147,12 +149,13 @@ int main(int argc, char** argv) {
     return FinishOutput(Run(args));
   } catch (const ToolError& e) {
     fflush(stdout);  // what was printed before the failure, if it can be
-    fprintf(stderr, "tavikm: %s\n", e.what());
+    // Sentences quote names and paths as given; none may act on the terminal.
+    fprintf(stderr, "tavikm: %s\n", TerminalText(e.what()).c_str());
     if (e.show_usage()) fprintf(stderr, "%s\n", CurrentUsage().c_str());
     return e.code();
   } catch (const std::exception& e) {
     fflush(stdout);
-    fprintf(stderr, "tavikm: %s\n", e.what());
+    fprintf(stderr, "tavikm: %s\n", TerminalText(e.what()).c_str());
     return kExitFailure;
   }
 }

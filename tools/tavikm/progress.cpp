@@ -6,6 +6,8 @@
 #include <cutils/properties.h>
 #include <errno.h>
 #include <stdio.h>
+#include <string.h>
+#include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,8 +16,10 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "operations.h"
+#include "text.h"
 
 namespace tavikm_tool {
 namespace {
@@ -25,6 +29,7 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kQuietFor = std::chrono::milliseconds(500);
 constexpr auto kRefresh = std::chrono::milliseconds(100);
 constexpr char kRateLimitNote[] = "waiting for the Keymaster (one signature a second)";
+constexpr char kShortRateLimitNote[] = "waiting for the Keymaster";
 
 bool g_enabled = false;
 
@@ -40,11 +45,42 @@ struct Status {
 };
 Status g_status;
 
+// The terminal's width in columns; 80 when it does not say.
+size_t TerminalColumns() {
+  struct winsize size = {};
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) return size.ws_col;
+  return 80;
+}
+
+// The status for a terminal `columns` wide, in its last column but one at most: a character in
+// the last column makes some terminals wrap. The most detailed text that fits is shown; while
+// the Keymaster makes us wait, saying so matters more than what is being derived.
+std::string StatusLine(const std::string& what, bool waiting, Clock::duration elapsed,
+                       size_t columns) {
+  char time[32];
+  snprintf(time, sizeof(time), " ... %.1f s", std::chrono::duration<double>(elapsed).count());
+  const size_t room = columns - 1, time_width = strlen(time);
+  std::vector<std::string> choices;
+  if (waiting) {
+    if (!what.empty()) {
+      choices.push_back(what + ": " + kRateLimitNote);
+      choices.push_back(what + ": " + kShortRateLimitNote);
+    }
+    choices.push_back(kRateLimitNote);
+    choices.push_back(kShortRateLimitNote);
+  } else {
+    choices.push_back(what);
+  }
+  for (const std::string& text : choices) {
+    if (DisplayWidth(text) + time_width <= room) return text + time;
+  }
+  if (room >= time_width + 4) return FitToWidth(choices.back(), room - time_width) + time;
+  return FitToWidth(choices.back(), room);
+}
+
 void Draw(const std::string& what, bool waiting, Clock::duration elapsed) {
-  double seconds = std::chrono::duration<double>(elapsed).count();
-  std::string line = what;
-  if (waiting) line += (what.empty() ? "" : ": ") + std::string(kRateLimitNote);
-  fprintf(stderr, "\r%s ... %.1f s\033[K", line.c_str(), seconds);
+  std::string line = StatusLine(what, waiting, elapsed, TerminalColumns());
+  fprintf(stderr, "\r%s\033[K", line.c_str());
   fflush(stderr);
 }
 
@@ -93,6 +129,12 @@ Progress::~Progress() {
   g_status.thread.join();
   std::lock_guard<std::mutex> lock(g_status.mutex);
   g_status.active = false;
+}
+
+void Progress::Update(const std::string& what) {
+  if (!owner_) return;
+  std::lock_guard<std::mutex> lock(g_status.mutex);
+  g_status.what = what;
 }
 
 std::string Deriving(unsigned kdf_type, unsigned n_factor, unsigned r_factor, unsigned p_factor) {

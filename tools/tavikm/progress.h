@@ -15,11 +15,14 @@ namespace tavikm_tool {
 void EnableProgress(bool enabled);
 
 // Shows "<what> ... 1.7 s" while it lives, once half a second has passed; the line is erased
-// when it ends. Scopes do not nest: an inner one is silent.
+// when it ends. It never takes more than the terminal's width: a wrapped line could not be
+// redrawn in place. Scopes do not nest: an inner one is silent.
 class Progress {
  public:
   explicit Progress(const std::string& what);
   ~Progress();
+  // Replaces the text from the next redraw on (a share done, a new step).
+  void Update(const std::string& what);
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 

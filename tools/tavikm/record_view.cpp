@@ -11,6 +11,7 @@
 
 #include "cli.h"
 #include "operations.h"
+#include "text.h"
 
 namespace tavikm_tool {
 namespace {
@@ -110,20 +111,6 @@ std::vector<std::string> NonZeroPadding(const RawRecord& raw) {
   return names;
 }
 
-std::string Printable(const std::string& text) {
-  std::string out;
-  for (unsigned char c : text) {
-    if (c >= 0x20 && c < 0x7f && c != '"' && c != '\\') {
-      out += static_cast<char>(c);
-    } else {
-      char escaped[8];
-      snprintf(escaped, sizeof(escaped), "\\x%02x", c);
-      out += escaped;
-    }
-  }
-  return out;
-}
-
 std::string BlobSummary(const RawRecord& raw) {
   uint64_t size = raw.meta.km_key_blob_size;
   if (size == 0) return "empty";
@@ -168,7 +155,7 @@ std::string TextValue(const RawRecord& raw, const Field& field) {
       return BlobSummary(raw);
     case Kind::kName: {
       std::string name = KeyName(raw);
-      std::string text = "\"" + Printable(name) + "\"";
+      std::string text = "\"" + TerminalText(name, true) + "\"";
       if (name.size() == field.width) text += " (no NUL within the field)";
       return text;
     }
@@ -191,36 +178,20 @@ std::string JsonValue(const RawRecord& raw, const Field& field) {
       return JsonString(Fingerprint(raw.meta.km_key_blob, static_cast<size_t>(size)));
     }
     case Kind::kName:
-      return JsonString(KeyName(raw));
+      break;  // a text member: RecordJson writes it with its hex when needed
   }
   return "null";
 }
 
 }  // namespace
 
-std::string JsonString(const std::string& text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c >= 0x20 && c < 0x7f) {
-      out += static_cast<char>(c);
-    } else {
-      char escaped[8];
-      snprintf(escaped, sizeof(escaped), "\\u%04x", c);  // bytes shown as Latin-1
-      out += escaped;
-    }
-  }
-  return out + "\"";
-}
-
 std::string RecordText(const Place& place, const RawRecord& raw) {
   std::vector<std::pair<std::string, std::string>> lines;
   if (place.secure_storage) {
-    lines.push_back({"place", place.Describe()});
+    lines.push_back({"place", "secure-storage entry \"" + TerminalText(place.loc, true) + "\""});
   } else {
-    lines.push_back({"place", place.loc + ", offset " + std::to_string(place.offset)});
+    lines.push_back(
+        {"place", TerminalText(place.loc) + ", offset " + std::to_string(place.offset)});
     lines.push_back({"file", std::to_string(raw.file_size) + " bytes" +
                                  (raw.regular_file ? "" : ", not a regular file")});
   }
@@ -262,35 +233,43 @@ std::string RecordText(const Place& place, const RawRecord& raw) {
 }
 
 std::string RecordJson(const Place& place, const RawRecord& raw) {
-  std::vector<std::pair<std::string, std::string>> members;
-  members.push_back({"place", JsonString(place.secure_storage ? "secure_storage" : "file")});
-  members.push_back({"key_loc", JsonString(place.loc)});
+  // Each member as written; a text member may bring its exact bytes in hex as a second one.
+  std::vector<std::string> members;
+  auto add = [&members](const std::string& name, const std::string& value) {
+    members.push_back(JsonString(name) + ": " + value);
+  };
+  add("place", JsonString(place.secure_storage ? "secure_storage" : "file"));
+  members.push_back(JsonTextMember("key_loc", place.loc));
   if (!place.secure_storage) {
-    members.push_back({"offset", std::to_string(place.offset)});
-    members.push_back({"file_size", std::to_string(raw.file_size)});
-    members.push_back({"regular_file", raw.regular_file ? "true" : "false"});
+    add("offset", std::to_string(place.offset));
+    add("file_size", std::to_string(raw.file_size));
+    add("regular_file", raw.regular_file ? "true" : "false");
   }
-  members.push_back({"stored_length", std::to_string(raw.stored_length)});
-  members.push_back({"generation", JsonString(Generation(place, raw))});
-  members.push_back({"kind", JsonString(raw.Kek() ? "kek" : "record")});
-  members.push_back(
-      {"magic_valid", raw.stored_length >= sizeof(raw.meta.magic) && raw.meta.magic == KM_META_MAGIC
-                          ? "true"
-                          : "false"});
+  add("stored_length", std::to_string(raw.stored_length));
+  add("generation", JsonString(Generation(place, raw)));
+  add("kind", JsonString(raw.Kek() ? "kek" : "record"));
+  add("magic_valid", raw.stored_length >= sizeof(raw.meta.magic) && raw.meta.magic == KM_META_MAGIC
+                         ? "true"
+                         : "false");
   for (const Field& field : kFields) {
     std::string name = field.kind == Kind::kBlob ? "km_key_blob_sha256" : field.name;
-    members.push_back({name, Present(raw, field) ? JsonValue(raw, field) : "null"});
+    if (!Present(raw, field)) {
+      add(name, "null");
+    } else if (field.kind == Kind::kName) {
+      members.push_back(JsonTextMember(name, KeyName(raw)));
+    } else {
+      add(name, JsonValue(raw, field));
+    }
   }
   std::string padding = "[";
   for (const std::string& name : NonZeroPadding(raw)) {
     padding += (padding.size() > 1 ? "," : "") + JsonString(name);
   }
-  members.push_back({"nonzero_padding", padding + "]"});
+  add("nonzero_padding", padding + "]");
 
   std::string json = "{\n";
   for (size_t i = 0; i < members.size(); ++i) {
-    json += "  " + JsonString(members[i].first) + ": " + members[i].second;
-    json += i + 1 < members.size() ? ",\n" : "\n";
+    json += "  " + members[i] + (i + 1 < members.size() ? ",\n" : "\n");
   }
   return json + "}\n";
 }

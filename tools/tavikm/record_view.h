@@ -13,9 +13,6 @@ namespace tavikm_tool {
 std::string RecordText(const Place& place, const RawRecord& raw);
 std::string RecordJson(const Place& place, const RawRecord& raw);
 
-// `text` as a JSON string literal; bytes outside printable ASCII are shown as Latin-1.
-std::string JsonString(const std::string& text);
-
 }  // namespace tavikm_tool
 
 #endif  // TAVIKM_TOOLS_RECORD_VIEW_H_
