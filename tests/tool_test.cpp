@@ -513,6 +513,66 @@ TEST_F(ToolTest, EachExitStatusHasOneMeaningAndAFailedCommandChangesNothing) {
   EXPECT_NE(kek.out.find("kdf_type           0 (none: a KEK)\n"), kNone) << kek.out;
 }
 
+// A field under which no password can open the record is damage, named as such, never a wrong
+// password; the record stays as it was, and the good password still gets through beside it.
+TEST_F(ToolTest, AFieldNoPasswordCanOpenIsDamageNotAWrongPassword) {
+  struct Case {
+    std::string kdf;
+    Args props;
+    std::function<void(km_meta*)> damage;
+    std::string why;  // after "<place> has "
+  };
+  const std::vector<Case> cases = {
+      {"2",
+       {},
+       [](km_meta* m) { m->keysize = 20; },
+       "keysize 20, which the wrapping cannot use (16, 24 or 32 bytes)"},
+      {"1",
+       {kCbcOnly},
+       [](km_meta* m) { m->keysize = 24; },
+       "keysize 24, which the wrapping cannot use (16 or 32 bytes)"},
+      {"5",
+       {},
+       [](km_meta* m) { m->km_key_blob_size = 0; },
+       "km_key_blob_size 0, not a Keymaster key (1 to 2048 bytes)"},
+      {"5",
+       {},
+       [](km_meta* m) { m->km_key_blob_size = 4096; },
+       "km_key_blob_size 4096, not a Keymaster key (1 to 2048 bytes)"},
+      {"1", {}, [](km_meta* m) { m->kdf_type = 9; }, "kdf_type 9, which is no KDF (1 to 5)"},
+      {"2",
+       {},
+       [](km_meta* m) { m->N_factor = 31; },
+       "N_factor 31, beyond scrypt's range (0 to 30)"},
+      {"2",
+       {},
+       [](km_meta* m) { m->r_factor = 15, m->p_factor = 15; },
+       "r_factor and p_factor 15 and 15, whose r*p reaches 2^30, beyond scrypt's range"},
+  };
+  const std::string file = MetadataFile();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    props_ = c.props;
+    ASSERT_EQ(Setup(file, "pw", {"--kdf", c.kdf, "--force"}).status, 0);
+    std::vector<uint8_t> bytes = ReadFile(file);
+    c.damage(reinterpret_cast<km_meta*>(bytes.data()));
+    WriteFile(file, bytes);
+    // --allow-cost: the damage is found without a cost limit in the way.
+    for (const Args& args :
+         {Args{"unlock", file, "--allow-cost", "--password-file", PasswordFile("pw")},
+          Passwd(file, "pw", "new")}) {
+      ToolResult result = Tool(args);
+      EXPECT_EQ(result.status, 4);
+      EXPECT_EQ(result.err, "tavikm: the record is damaged: " + file + " at offset 0 has " + c.why +
+                                "; no password can open it\n");
+      EXPECT_EQ(ReadFile(file), bytes);
+    }
+  }
+  props_ = {};
+  ASSERT_EQ(Setup(file, "pw", {"--kdf", "2", "--force"}).status, 0);
+  EXPECT_EQ(Unlock(file, "pw").status, 0);
+}
+
 TEST_F(ToolTest, FailuresNameThePlaceAndTheCause) {
   // Each case runs the tool in its own mount namespace where it needs a full file system, and
   // as an unprivileged user where permissions must count (root passes them). A read-only file

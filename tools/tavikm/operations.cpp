@@ -186,6 +186,7 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
   int rc = km_get_km_meta(place.loc.c_str(), place.offset, &result.meta);
   if (rc == 1) throw NotFound(place, raw);
   if (rc != 0) throw UnreadableRecord(place, raw);
+  CheckOpenable(result.meta, place.Describe(), CbcOnly());
   CheckCost(result.meta, place.Describe());
   if (place.secure_storage) {
     RawRecord now = ReadRaw(place);
