@@ -300,6 +300,15 @@ TEST_F(ToolTest, EveryCommandHasHelpAndHelpTouchesNoDevice) {
     ToolResult result = Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, command, "--help"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out.rfind("usage: tavikm " + command, 0), 0u) << result.out;
+    // help COMMAND is the command's help, not the global one.
+    EXPECT_EQ(Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, "help", command}).out, result.out);
+  }
+  EXPECT_EQ(Exec({TAVIKM_TOOL_PATH, "help", "kek", "get"}).out,
+            Exec({TAVIKM_TOOL_PATH, "kek", "get", "--help"}).out);
+  // What a derivation command takes is in its usage line, not only in its option list.
+  for (std::string command : {"setup", "unlock", "passwd"}) {
+    std::string usage = Exec({TAVIKM_TOOL_PATH, command, "--help"}).out;
+    EXPECT_NE(usage.substr(0, usage.find('\n')).find("[--allow-cost]"), kNone) << usage;
   }
   EXPECT_FALSE(std::filesystem::exists(fresh));
   ToolResult result = Exec({TAVIKM_TOOL_PATH, "--help"});

@@ -42,7 +42,7 @@ const char kHelp[] =
     "  benchmark                KDF timings on this machine, and the scrypt cost for an\n"
     "                           unlock time here\n"
     "  demo                     a narrated tour in a throwaway device directory\n"
-    "  help                     this text\n"
+    "  help [COMMAND]           this text, or the command's own help\n"
     "  version                  the versions of the tool and of the library it loaded\n"
     "Each command explains itself with --help.\n"
     "\n"
@@ -108,8 +108,14 @@ int Run(const std::vector<std::string>& args) {
     }
   }
   if (i == args.size()) throw UsageError("missing command");
-  const std::string command = args[i];
+  std::string command = args[i];
   std::vector<std::string> rest(args.begin() + static_cast<long>(i) + 1, args.end());
+  // help COMMAND [VERB] is COMMAND [VERB] --help.
+  if (command == "help" && !rest.empty() && rest[0] != "help") {
+    command = rest[0];
+    rest.erase(rest.begin());
+    rest.push_back("--help");
+  }
 
   InstallLogSink(globals.verbose);
   EnableProgress(!globals.verbose);
