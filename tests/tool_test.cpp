@@ -795,6 +795,68 @@ TEST_F(ToolTest, ProgressAndPromptsShowOnlyOnATerminal) {
   EXPECT_NE(mismatch.out.find("tavikm: the two passwords do not match"), kNone) << mismatch.out;
 }
 
+// On a terminal, what destroys a record or a KEK says what is lost and waits for "yes"; anything
+// else changes nothing. --batch, or no terminal, never asks.
+TEST_F(ToolTest, ReplacingOrRemovingAsksOnATerminalUnlessBatch) {
+  props_ = {kMdfpp};
+  const std::string file = MetadataFile(), saved = Scratch("saved");
+  ASSERT_EQ(Setup(file, "pw").status, 0);
+  ASSERT_EQ(Tool({"backup", file, saved}).status, 0);
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  const std::vector<uint8_t> record = ReadFile(file), kek = Entry("vold");
+  const std::string question = "Type yes to go on: ";
+  struct Case {
+    Args args;
+    std::string loss;
+  };
+  const std::vector<Case> cases = {
+      {{"setup", file, "--force", "--password-file", PasswordFile("new")},
+       file + " at offset 0 is replaced by a new record: the master key stored there now is lost "
+              "for good."},
+      {{"restore", file, saved},
+       file + " at offset 0 is replaced by the backup: what it holds now "
+              "is lost."},
+      {{"kek", "put", "vold", "--random", "--force"},
+       "The KEK \"vold\" is replaced: what it protects cannot be opened without it."},
+      {{"kek", "delete", "vold"},
+       "The KEK \"vold\" is deleted: what it protects cannot be opened without it."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    for (std::string answer : {"no", "", "YES", "y"}) {
+      ToolResult refused = OnTerminal(c.args, {{question, answer}});
+      EXPECT_EQ(refused.status, 4);
+      EXPECT_EQ(refused.out, c.loss + "\r\n" + question + answer +
+                                 "\r\ntavikm: not confirmed; nothing was changed\r\n");
+      EXPECT_EQ(ReadFile(file), record);
+      EXPECT_EQ(Entry("vold"), kek);
+    }
+  }
+  // Confirmed, the command runs as without a terminal.
+  ToolResult yes = OnTerminal(cases[3].args, {{question, "yes"}});
+  EXPECT_EQ(yes.status, 0) << yes.out;
+  EXPECT_NE(yes.out.find("Deleted the KEK \"vold\""), kNone) << yes.out;
+  EXPECT_TRUE(Entry("vold").empty());
+  ToolResult batch = OnTerminal(Join({"--batch"}, cases[1].args));
+  EXPECT_EQ(batch.status, 0) << batch.out;
+  EXPECT_EQ(batch.out.find(question), kNone) << batch.out;
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  ToolResult quiet = OnTerminal({"-q", "kek", "delete", "vold"});
+  EXPECT_EQ(quiet.status, 0) << quiet.out;
+  EXPECT_EQ(quiet.out.find(question), kNone) << quiet.out;
+  // Off a terminal, scripts run as they always have, with or without --batch.
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  EXPECT_EQ(Tool({"kek", "put", "vold", "--random", "--force"}).status, 0);
+  ToolResult piped = Tool({"--batch", "kek", "delete", "vold"});
+  EXPECT_EQ(piped.status, 0);
+  EXPECT_EQ(piped.err, "");
+  // Nothing to lose, nothing asked.
+  ToolResult fresh =
+      OnTerminal({"setup", Path("other"), "--force", "--password-file", PasswordFile("pw")});
+  EXPECT_EQ(fresh.status, 0) << fresh.out;
+  EXPECT_EQ(fresh.out.find(question), kNone) << fresh.out;
+}
+
 TEST_F(ToolTest, AResultThatCannotBeWrittenIsAFailureThatSaysWhatStands) {
   props_ = {kMdfpp};
   ASSERT_EQ(Setup("userdata", "pw", {"--kdf", "1"}).status, 0);

@@ -22,6 +22,7 @@
 #include "commands.h"
 #include "common/files.h"
 #include "common/scopers.h"
+#include "confirm.h"
 #include "guards.h"
 #include "input_files.h"
 #include "legacy_kek.h"
@@ -296,6 +297,9 @@ int RunRestore(const std::vector<std::string>& args) {
   if (!place.secure_storage && !offset) place.offset = backup.offset;
   CheckRoom(place);
   CheckFits(place);
+  if (Holds(place)) {
+    ConfirmLoss(place.Describe() + " is replaced by the backup: what it holds now is lost.");
+  }
   OpenedPlace opened(place);
   // Under the lock: the file as it is now, and no record beside it overwritten.
   CheckFits(place, opened.fd());

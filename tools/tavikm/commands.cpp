@@ -14,6 +14,7 @@
 
 #include "cli.h"
 #include "common/scopers.h"
+#include "confirm.h"
 #include "guards.h"
 #include "input_files.h"
 #include "legacy_kek.h"
@@ -187,6 +188,11 @@ int RunSetup(const std::vector<std::string>& args) {
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
   CheckFits(place);
+  if (force && Holds(place)) {
+    ConfirmLoss(place.Describe() +
+                " is replaced by a new record: the master key stored there now "
+                "is lost for good.");
+  }
   Password password =
       ReadNewPassword(password_file, "New password for " + TerminalText(place.loc) + ": ");
   RefuseEmpty(password, allow_empty);
@@ -402,6 +408,10 @@ int RunKek(const std::vector<std::string>& args) {
       kek = KeyFromHex(ReadKeyFile(*key_file), *key_file);
     }
     const std::string& name = parser.positional()[0];
+    if (force && Holds(Place{true, name, 0})) {
+      ConfirmLoss("The KEK \"" + name +
+                  "\" is replaced: what it protects cannot be opened without it.");
+    }
     PutKek(name, kek, force);
     NoteChanged("the KEK \"" + name + "\" was stored");
     printf("Stored the KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
@@ -434,6 +444,11 @@ int RunKek(const std::vector<std::string>& args) {
     ArgParser parser("usage: tavikm kek delete NAME", store_help);
     if (!parser.Parse(rest, 1, 1)) return kExitOk;
     const std::string& name = parser.positional()[0];
+    CheckKeyLocation(name);
+    if (Holds(Place{true, name, 0})) {
+      ConfirmLoss("The KEK \"" + name +
+                  "\" is deleted: what it protects cannot be opened without it.");
+    }
     DeleteKek(name);
     NoteChanged("the KEK \"" + name + "\" was deleted");
     printf("Deleted the KEK \"%s\"\n", TerminalText(name, true).c_str());

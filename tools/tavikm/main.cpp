@@ -11,6 +11,7 @@
 
 #include "cli.h"
 #include "commands.h"
+#include "confirm.h"
 #include "lock.h"
 #include "log_sink.h"
 #include "outcome.h"
@@ -25,7 +26,7 @@ namespace {
 using namespace tavikm_tool;
 
 const char kUsage[] =
-    "usage: tavikm [--device-dir DIR] [--prop KEY=VALUE]... [--wait SECONDS] [-v] COMMAND ...";
+    "usage: tavikm [--device-dir DIR] [--prop KEY=VALUE]... [--wait SECONDS] [-q] [-v] COMMAND ...";
 
 const char kHelp[] =
     "Key management for storage encryption, on the host platform's emulated device.\n"
@@ -58,6 +59,8 @@ const char kHelp[] =
     "                           long a FIFO given as password or key file may stay silent\n"
     "  -v                       library log lines to stderr, not to log.txt in the device\n"
     "                           directory\n"
+    "  -q, --batch              never ask before replacing or removing a record or a KEK\n"
+    "                           (off a terminal the tool never asks)\n"
     "  --version                the same as the version command\n"
     "\n"
     "Exit status: 0 success, 1 usage or unusable input, 2 wrong password, 3 no such record\n"
@@ -94,6 +97,8 @@ int Run(const std::vector<std::string>& args) {
       SetLockWait(seconds > 3600 ? 3600 : static_cast<unsigned>(seconds));
     } else if (TakeValue(args, &i, "--prop", &value)) {
       globals.props.push_back(value);
+    } else if (args[i] == "-q" || args[i] == "--batch") {
+      SetBatch(true);
     } else if (args[i] == "-v" || args[i] == "--verbose") {
       globals.verbose = true;
     } else if (args[i] == "--version") {
