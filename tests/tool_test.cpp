@@ -820,6 +820,8 @@ TEST_F(ToolTest, ReplacingOrRemovingAsksOnATerminalUnlessBatch) {
        "The KEK \"vold\" is replaced: what it protects cannot be opened without it."},
       {{"kek", "delete", "vold"},
        "The KEK \"vold\" is deleted: what it protects cannot be opened without it."},
+      {{"erase", file},
+       file + " at offset 0 is erased: its master key is lost unless a backup of it is restored."},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.args));
@@ -855,6 +857,64 @@ TEST_F(ToolTest, ReplacingOrRemovingAsksOnATerminalUnlessBatch) {
       OnTerminal({"setup", Path("other"), "--force", "--password-file", PasswordFile("pw")});
   EXPECT_EQ(fresh.status, 0) << fresh.out;
   EXPECT_EQ(fresh.out.find(question), kNone) << fresh.out;
+}
+
+// erase removes a record as the library deletes one; its backup brings it back, unless
+// --destroy-key also deleted the Keymaster key the record is bound to.
+TEST_F(ToolTest, AnErasedRecordComesBackFromItsBackupUnlessItsKeyWasDestroyed) {
+  props_ = {kMdfpp};
+  struct Case {
+    std::string loc;
+    Args offset;
+    std::string kdf;
+    bool bound;  // to a Keymaster key
+  };
+  const std::vector<Case> cases = {
+      {Path("bound"), {"--offset", "4096"}, "5", true},
+      {"userdata", {}, "5", true},
+      {"rek", {}, "4", true},
+      {"plain", {}, "2", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.loc);
+    const std::string saved = Scratch(c.kdf + "-" + std::to_string(c.loc.size()));
+    ToolResult made = Setup(c.loc, "pw", Join({"--kdf", c.kdf}, c.offset));
+    ASSERT_EQ(made.status, 0) << made.err;
+    ASSERT_EQ(Tool(Join({"backup", c.loc, saved}, c.offset)).status, 0);
+    std::vector<uint8_t> around = Stored(c.loc);
+    ToolResult erased = Tool(Join({"erase", c.loc}, c.offset));
+    EXPECT_EQ(erased.status, 0) << erased.err;
+    EXPECT_EQ(Unlock(c.loc, "pw", c.offset).status, 3);
+    if (c.loc[0] == '/') {
+      // Zeros where the record was, nothing else touched.
+      std::fill(around.begin() + 4096, around.begin() + 4096 + KM_META_SIZE, 0);
+      EXPECT_EQ(ReadFile(c.loc), around);
+    } else {
+      EXPECT_TRUE(Entry(c.loc).empty());
+    }
+    ASSERT_EQ(Tool(Join({"restore", c.loc, saved}, c.offset)).status, 0);
+    ToolResult back = Unlock(c.loc, "pw", c.offset);
+    EXPECT_EQ(back.status, 0) << back.err;
+    EXPECT_EQ(FingerprintIn(back.out), FingerprintIn(made.out));
+
+    ToolResult destroyed = Tool(Join({"erase", c.loc, "--destroy-key"}, c.offset));
+    EXPECT_EQ(destroyed.status, 0) << destroyed.err;
+    EXPECT_NE(destroyed.out.find(c.bound ? "Deleted its Keymaster key: no backup of it opens again."
+                                         : "It had no Keymaster key"),
+              kNone)
+        << destroyed.out;
+    ASSERT_EQ(Tool(Join({"restore", c.loc, saved}, c.offset)).status, 0);
+    EXPECT_EQ(Unlock(c.loc, "pw", c.offset).status, c.bound ? 4 : 0);
+  }
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  const std::vector<uint8_t> kek = Entry("vold");
+  ToolResult refused = Tool({"erase", "vold"});
+  EXPECT_EQ(refused.status, 4);
+  EXPECT_EQ(refused.err,
+            "tavikm: secure-storage entry \"vold\" holds a KEK, not the record of a master key "
+            "(tavikm kek delete vold removes it)\n");
+  EXPECT_EQ(Entry("vold"), kek);
+  EXPECT_EQ(Tool({"erase", "nosuch"}).status, 3);
 }
 
 TEST_F(ToolTest, AResultThatCannotBeWrittenIsAFailureThatSaysWhatStands) {

@@ -39,6 +39,7 @@ const char kHelp[] =
     "  list [FILE]...           the entries of secure storage, the records in metadata files\n"
     "  backup KEY_LOC FILE|-    save a record to FILE (- standard output), with a SHA-256\n"
     "  restore KEY_LOC FILE|-   write a saved record back (- from standard input)\n"
+    "  erase KEY_LOC            remove a record (--destroy-key: and its Keymaster key)\n"
     "  kek put|get|delete NAME  the store of key-encryption keys\n"
     "  benchmark                KDF timings on this machine, and the scrypt cost for an\n"
     "                           unlock time here\n"
@@ -140,6 +141,7 @@ int Run(const std::vector<std::string>& args) {
   if (command == "list") return RunList(rest);
   if (command == "backup") return RunBackup(rest);
   if (command == "restore") return RunRestore(rest);
+  if (command == "erase") return RunErase(rest);
   if (command == "benchmark") return RunBenchmark(rest);
   if (command == "help") {
     printf("%s\n%s", kUsage, kHelp);
