@@ -755,14 +755,13 @@ TEST_F(ToolTest, BenchmarkTimesTheKdfsAndProposesAScryptCost) {
   ASSERT_EQ(bench.status, 0) << bench.err;
   EXPECT_EQ(bench.err, "");
   // The figures and the proposal are said to be this machine's, and the scrypt line names the
-  // Salsa20/8 implementation that produced them.
+  // Salsa20/8 implementation that produced them (each process times the candidates at start, so
+  // on a busy machine the tool may pick another one than this test would).
   EXPECT_TRUE(std::regex_match(
       bench.out,
       std::regex("Timings of this machine, not of a device:\n"
                  "PBKDF2-HMAC-SHA256, 8192 iterations \\(kdf 1 and 4\\) +[0-9.]+ ms\n"
-                 "scrypt, r=8 p=2 \\(kdf 2 and 5\\), Salsa20/8 back end " +
-                 std::string(km_scrypt_backend_name()) +
-                 ":\n"
+                 "scrypt, r=8 p=2 \\(kdf 2 and 5\\), Salsa20/8 back end [a-z0-9]+:\n"
                  "  N +memory +time\n"
                  "(  N=2\\^[0-9]+ +[0-9]+ [KM]iB [ ~] *[0-9.]+ ms\n)+"
                  "(For an unlock of at most 10 ms on this machine: "

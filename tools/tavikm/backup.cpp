@@ -122,9 +122,11 @@ Backup Decode(const std::vector<uint8_t>& bytes, const std::string& file) {
 bool Standard(const std::string& file) { return file == "-"; }
 
 std::vector<uint8_t> ReadBackupFile(const std::string& file) {
+  // Standard input is whatever the caller connected (a pipe, a file); a named backup must be a
+  // regular file.
   const std::string name = Standard(file) ? "standard input" : file;
   tavikm::ScopedFd fd(Standard(file) ? dup(STDIN_FILENO) : OpenRegularInput(file, "backup file"));
-  if (!fd.ok()) throw InputError("cannot open " + name + ": " + strerror(errno));
+  if (!fd.ok()) throw InputError("cannot read " + name + ": " + strerror(errno));
   std::vector<uint8_t> bytes;
   uint8_t buffer[4096];
   const size_t limit = kHeaderSize + kMaxKeyLoc + KM_META_SIZE + kDigestSize;
@@ -246,6 +248,7 @@ int RunBackup(const std::vector<std::string>& args) {
   std::vector<uint8_t> encoded = Encode(backup);
   if (Standard(file)) {
     WriteStandardOutput(encoded);
+    NoteChanged("the backup was written to standard output");
   } else {
     WriteNewFile(file, encoded);
     NoteChanged("the backup " + file + " was written");

@@ -65,9 +65,10 @@ bool DecodableEntry(const RawRecord& raw) { return raw.stored_length >= kShortes
 
 std::string OpaqueEntryText(const Place& place, const RawRecord& raw,
                             const std::optional<std::string>& owner) {
-  std::string kind = owner ? "the legacy KEK of \"" + *owner + "\", stored plain; not shown"
-                           : "no record; its bytes are not shown";
-  return "place              " + place.Describe() + "\nstored length      " +
+  std::string kind =
+      owner ? "the legacy KEK of \"" + TerminalText(*owner, true) + "\", stored plain; not shown"
+            : "no record; its bytes are not shown";
+  return "place              " + TerminalText(place.Describe()) + "\nstored length      " +
          std::to_string(raw.stored_length) + " bytes\nkind               " + kind + "\n";
 }
 

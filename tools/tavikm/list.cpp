@@ -36,10 +36,10 @@ struct Item {
   std::string name;  // entry name, or the offset in a metadata file
   bool name_complete = true;
   RawRecord raw;
-  std::optional<std::string> legacy_kek_of;  // the record whose plain KEK this entry is
   // An entry that is not a regular file, or could not be read: what it is, and why not.
   std::string unusual;
   std::string why;
+  std::optional<std::string> legacy_kek_of;  // the record whose plain KEK this entry is
 };
 
 // The entry name of a kmstore file name ("e-" and %XX escapes), false when it is not one. A long
@@ -127,7 +127,7 @@ std::vector<Item> SecureStorageItems(const std::string& dir) {
     Item item;
     if (!DecodeEntryName(entry->d_name, &item.name, &item.name_complete)) continue;
     ReadEntry(dir + "/" + entry->d_name, &item);
-    if (auto owner = legacy.find(item.name); owner != legacy.end()) {
+    if (auto owner = legacy.find(item.name); owner != legacy.end() && item.unusual.empty()) {
       item.legacy_kek_of = owner->second;
     }
     items.push_back(item);
@@ -217,25 +217,13 @@ std::vector<Item> FileItems(const std::string& path) {
 
 std::string Kind(const Item& item) {
   if (!item.unusual.empty()) return item.unusual;
-  if (item.raw.Kek()) return "KEK";
+  if (item.legacy_kek_of || item.raw.Kek()) return "KEK";
   if (item.raw.meta.magic != KM_META_MAGIC) return "unknown";
   return "record";
 }
 
-// Fields are read only from what has a record's magic: anything else may be a plain KEK.
-bool HasFields(const Item& item) {
-  return item.unusual.empty() && !item.legacy_kek_of && item.raw.meta.magic == KM_META_MAGIC;
-}
-
-std::string KindText(const Item& item) { return item.legacy_kek_of ? "KEK" : Kind(item); }
-
-std::string SizeText(const Item& item) {
-  if (item.legacy_kek_of) return std::to_string(item.raw.stored_length);
-  return HasFields(item) ? std::to_string(item.raw.meta.keysize) : "-";
-}
-
 std::string KdfText(const Item& item) {
-  if (item.legacy_kek_of || Kind(item) != "record") return "-";
+  if (Kind(item) != "record") return "-";
   const km_meta& m = item.raw.meta;
   std::string text = std::to_string(m.kdf_type) + " " + KdfName(m.kdf_type);
   if (m.kdf_type == KM_KDF_SCRYPT || m.kdf_type == KM_KDF_SCRYPT_KEYMASTER) {
@@ -245,10 +233,20 @@ std::string KdfText(const Item& item) {
   return text;
 }
 
+// Fields are read only from what has a record's magic: anything else may be a plain KEK.
+bool HasFields(const Item& item) {
+  return item.unusual.empty() && !item.legacy_kek_of && item.raw.meta.magic == KM_META_MAGIC;
+}
+
+std::string SizeText(const Item& item) {
+  if (item.legacy_kek_of) return std::to_string(item.raw.stored_length);
+  return HasFields(item) ? std::to_string(item.raw.meta.keysize) : "-";
+}
+
 std::string GenerationText(const Item& item) {
-  if (item.legacy_kek_of) return "legacy, plain: the KEK of " + TerminalText(*item.legacy_kek_of);
   if (item.unusual == "unreadable") return item.why;
   if (!item.unusual.empty()) return "not a regular file";
+  if (item.legacy_kek_of) return "legacy, plain: the KEK of " + TerminalText(*item.legacy_kek_of);
   const RawRecord& raw = item.raw;
   if (raw.stored_length != KM_META_SIZE) return std::to_string(raw.stored_length) + " bytes";
   if (raw.meta.major_version <= 2) return "v" + std::to_string(raw.meta.major_version);
@@ -260,7 +258,7 @@ std::string GenerationText(const Item& item) {
 void PrintTable(const std::string& key_title, const std::vector<Item>& items) {
   std::vector<std::vector<std::string>> rows = {{key_title, "KIND", "KDF", "SIZE", "GENERATION"}};
   for (const Item& item : items) {
-    rows.push_back({TerminalText(item.name) + (item.name_complete ? "" : "..."), KindText(item),
+    rows.push_back({TerminalText(item.name) + (item.name_complete ? "" : "..."), Kind(item),
                     KdfText(item), SizeText(item), GenerationText(item)});
   }
   std::vector<size_t> widths = {20, 7, 34, 5, 0};
@@ -280,15 +278,16 @@ std::string ItemJson(const std::string& key_member, const Item& item) {
   std::string kind = Kind(item);
   std::string json = "{" + key_member;
   if (!item.name_complete) json += ", \"name_complete\": false";
-  if (item.legacy_kek_of) {
-    return json + ", \"kind\": \"legacy_kek\", " + JsonTextMember("kek_of", *item.legacy_kek_of) +
-           ", \"keysize\": " + std::to_string(item.raw.stored_length) +
-           ", \"stored_length\": " + std::to_string(item.raw.stored_length) + "}";
-  }
   json += ", \"kind\": " + JsonString(kind == "KEK" ? "kek" : kind);
   if (!item.unusual.empty()) {
     if (!item.why.empty()) json += ", \"error\": " + JsonString(item.why);
     return json + "}";
+  }
+  if (item.legacy_kek_of) {
+    return "{" + key_member + (item.name_complete ? "" : ", \"name_complete\": false") +
+           ", \"kind\": \"legacy_kek\", " + JsonTextMember("kek_of", *item.legacy_kek_of) +
+           ", \"keysize\": " + std::to_string(item.raw.stored_length) +
+           ", \"stored_length\": " + std::to_string(item.raw.stored_length) + "}";
   }
   if (!HasFields(item)) {
     return json + ", \"stored_length\": " + std::to_string(item.raw.stored_length) + "}";

@@ -7,6 +7,7 @@
 #include <string.h>
 
 #include "cli.h"
+#include "text.h"
 
 namespace tavikm_tool {
 namespace {
@@ -24,8 +25,8 @@ int FinishOutput(int code) {
   if (g_changed.empty()) {
     fprintf(stderr, "tavikm: cannot write to standard output: %s\n", cause.c_str());
   } else {
-    fprintf(stderr, "tavikm: %s, but the output could not be written: %s\n", g_changed.c_str(),
-            cause.c_str());
+    fprintf(stderr, "tavikm: %s, but the output could not be written: %s\n",
+            TerminalText(g_changed).c_str(), cause.c_str());
   }
   return kExitFailure;
 }
