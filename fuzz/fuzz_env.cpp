@@ -111,38 +111,10 @@ std::string KeyNameOf(const uint8_t* image, size_t size) {
                      nul ? static_cast<size_t>(nul - begin) : size - at);
 }
 
-uint8_t Reader::U8() { return static_cast<uint8_t>(U64Bytes(1)); }
-uint16_t Reader::U16() { return static_cast<uint16_t>(U64Bytes(2)); }
-uint32_t Reader::U32() { return static_cast<uint32_t>(U64Bytes(4)); }
-uint64_t Reader::U64() { return U64Bytes(8); }
-
-uint64_t Reader::U64Bytes(int n) {
-  uint64_t v = 0;
-  for (int i = 0; i < n; ++i) {
-    uint64_t byte = pos_ < size_ ? data_[pos_++] : 0;
-    v |= byte << (8 * i);
-  }
-  return v;
-}
-
 std::vector<uint8_t> Reader::Bytes(size_t n) {
-  size_t take = n < remaining() ? n : remaining();
-  std::vector<uint8_t> out(data_ + pos_, data_ + pos_ + take);
-  pos_ += take;
-  return out;
-}
-
-std::vector<uint8_t> Reader::Rest() { return Bytes(remaining()); }
-
-Writer& Writer::Bytes(const void* p, size_t n) {
-  const uint8_t* bytes = static_cast<const uint8_t*>(p);
-  data_.insert(data_.end(), bytes, bytes + n);
-  return *this;
-}
-
-Writer& Writer::Le(uint64_t v, int n) {
-  for (int i = 0; i < n; ++i) data_.push_back(static_cast<uint8_t>(v >> (8 * i)));
-  return *this;
+  const uint8_t* p = nullptr;
+  size_t taken = in_.TakeUpTo(n, &p);
+  return std::vector<uint8_t>(p, p + taken);
 }
 
 }  // namespace tavikm_fuzz

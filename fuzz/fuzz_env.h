@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "common/le_codec.h"
+
 namespace tavikm_fuzz {
 
 // Points TAVIKM_DEVICE_DIR at a new temporary folder (removed at exit), installs the fixed device
@@ -36,39 +38,37 @@ void PutEntry(const std::string& name, const uint8_t* data, size_t size);
 // key_name up to the first NUL inside `image` (a whole record image of `size` bytes).
 std::string KeyNameOf(const uint8_t* image, size_t size);
 
-// Reads little-endian values front to back; past the end, everything reads as zero.
+// Reads little-endian values front to back; past the end, everything reads as zero (a fuzz
+// input's short tail is an input like any other, not an error).
 class Reader {
  public:
-  Reader(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-  uint8_t U8();
-  uint16_t U16();
-  uint32_t U32();
-  uint64_t U64();
+  Reader(const uint8_t* data, size_t size) : in_(data, size) {}
+  uint8_t U8() { return static_cast<uint8_t>(in_.PartialLe(1)); }
+  uint16_t U16() { return static_cast<uint16_t>(in_.PartialLe(2)); }
+  uint32_t U32() { return static_cast<uint32_t>(in_.PartialLe(4)); }
+  uint64_t U64() { return in_.PartialLe(8); }
   std::vector<uint8_t> Bytes(size_t n);
-  std::vector<uint8_t> Rest();
-  size_t remaining() const { return size_ - pos_; }
+  std::vector<uint8_t> Rest() { return Bytes(remaining()); }
+  size_t remaining() const { return in_.remaining(); }
 
  private:
-  uint64_t U64Bytes(int n);
-
-  const uint8_t* data_;
-  size_t size_;
-  size_t pos_ = 0;
+  tavikm::LeReader in_;
 };
 
 // The matching writer, for the seed generator.
 class Writer {
  public:
-  Writer& U8(uint8_t v) { return Le(v, 1); }
-  Writer& U16(uint16_t v) { return Le(v, 2); }
-  Writer& U32(uint32_t v) { return Le(v, 4); }
-  Writer& U64(uint64_t v) { return Le(v, 8); }
-  Writer& Bytes(const void* p, size_t n);
+  Writer& U8(uint8_t v) { return Did(Out().U8(v)); }
+  Writer& U16(uint16_t v) { return Did(Out().U16(v)); }
+  Writer& U32(uint32_t v) { return Did(Out().U32(v)); }
+  Writer& U64(uint64_t v) { return Did(Out().U64(v)); }
+  Writer& Bytes(const void* p, size_t n) { return Did(Out().Bytes(p, n)); }
   Writer& Bytes(const std::vector<uint8_t>& v) { return Bytes(v.data(), v.size()); }
   const std::vector<uint8_t>& data() const { return data_; }
 
  private:
-  Writer& Le(uint64_t v, int n);
+  tavikm::LeWriter Out() { return tavikm::LeWriter(&data_); }
+  Writer& Did(const tavikm::LeWriter&) { return *this; }
   std::vector<uint8_t> data_;
 };
 

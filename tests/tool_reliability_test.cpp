@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -18,7 +19,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <functional>
+#include <random>
 #include <regex>
 #include <string>
 #include <vector>
@@ -76,9 +80,45 @@ class ToolReliabilityTest : public ToolRunner {
     hang_guard_seconds_ = 60;  // a broken tool must not stall the suite
   }
 
-  bool NoJournalLeft() const {
+  bool NoJournalLeft() const { return PendingJournals() == 0; }
+
+  // Journals waiting for the next command (those set aside as stale are not counted).
+  int PendingJournals() const {
     std::error_code error;
-    return std::filesystem::is_empty(Path("journal"), error) || error;
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(Path("journal"), error)) {
+      count += entry.is_regular_file();
+    }
+    return count;
+  }
+
+  int StaleJournals() const {
+    std::error_code error;
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(Path("journal/stale"), error)) {
+      count += entry.is_regular_file();
+    }
+    return count;
+  }
+
+  // The fault shim failing (or signalling at) the `nth` call of kind `call` on paths under
+  // `prefixes`.
+  static Env FailCall(const std::string& call, const std::string& prefixes, int nth,
+                      const std::string& errno_or_signal, bool signal = false) {
+    return {{"LD_PRELOAD", TAVIKM_TEAR_SHIM},
+            {"FAIL_CALL", call},
+            {"FAIL_PATHS", prefixes},
+            {"FAIL_NTH", std::to_string(nth)},
+            {signal ? "FAIL_SIGNAL" : "FAIL_ERRNO", errno_or_signal}};
+  }
+
+  // `args` (a command that changes the record in `file`) killed once its journal is on the disk
+  // and `cut` bytes of the record have been written.
+  ToolResult KilledAfterJournal(const std::string& file, const Args& args, int cut = 0) {
+    return Tool(args, "",
+                {{"LD_PRELOAD", TAVIKM_TEAR_SHIM},
+                 {"TEAR_PATHS", file},
+                 {"TEAR_AFTER", std::to_string(cut)}});
   }
 
   // The record opens with one of `passwords` and gives `fingerprint`.
@@ -717,7 +757,8 @@ TEST_F(ToolReliabilityTest, EveryFileTheToolCreatesIsTheOwnersAloneWhateverTheUm
   Tally tally("modes under umask 000");
   in_child_ = [] { umask(0); };
   const std::string fresh = Scratch("device");
-  // A passwd makes the journal folder; a secure-storage setup the locks folder and kmstore.
+  // A passwd makes the journal folder (the runner's, outside the device directory); a
+  // secure-storage setup the locks folder and kmstore.
   ASSERT_EQ(Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, "--prop", kFastScrypt, "setup",
                   Scratch("meta"), "--kdf", "1", "--password-file", PasswordFile("pw")})
                 .status,
@@ -736,9 +777,9 @@ TEST_F(ToolReliabilityTest, EveryFileTheToolCreatesIsTheOwnersAloneWhateverTheUm
                 .status,
             0);
   in_child_ = nullptr;
-  for (const std::string& path : {fresh + "/log.txt", Scratch("meta"), Scratch("meta.bak"),
-                                  fresh + "/journal", fresh + "/locks", fresh + "/locks/e-userdata",
-                                  fresh + "/kmstore", fresh + "/kmstore/e-userdata"}) {
+  for (const std::string& path :
+       {fresh + "/log.txt", Scratch("meta"), Scratch("meta.bak"), Path("journal"), fresh + "/locks",
+        fresh + "/locks/e-userdata", fresh + "/kmstore", fresh + "/kmstore/e-userdata"}) {
     struct stat st;
     bool held = stat(path.c_str(), &st) == 0 &&
                 (st.st_mode & 07777) == (S_ISDIR(st.st_mode) ? 0700u : 0600u);
@@ -789,6 +830,369 @@ TEST_F(ToolReliabilityTest, SecretsStayOutOfCoreDumps) {
   tally.Trial(unlock.status == 0, unlock.err);
   tally.Trial(Slurp(Scratch("report")).find("dumpable=0 core=0\n") != std::string::npos,
               Slurp(Scratch("report")));
+}
+
+TEST_F(ToolReliabilityTest, AJournalAppliesOnlyToTheFileAndTheBytesItWasWrittenFor) {
+  Tally tally("journals bound to their file and bytes");
+  const std::string m = MetadataFile(), other = Scratch("other.img"), link = Scratch("link.img");
+  auto fresh = [&] {
+    std::filesystem::remove_all(Path("journal"));
+    for (const std::string& file : {m, other, link}) std::filesystem::remove(file);
+  };
+  auto interrupted = [&](const std::string& from, const std::string& to, const Args& extra = {}) {
+    ToolResult killed = KilledAfterJournal(m, Join(Passwd(m, from, to), extra));
+    EXPECT_EQ(killed.status, kKilled) << killed.err;
+  };
+  // The record `setup` printed opens with `password` at `offset` of `file`.
+  auto opens = [&](const std::string& file, const std::string& password, const ToolResult& setup,
+                   const std::string& offset = "0") {
+    ToolResult unlock = Unlock(file, password, {"--offset", offset});
+    return setup.status == 0 && unlock.status == 0 &&
+           FingerprintIn(unlock.out) == FingerprintIn(setup.out);
+  };
+
+  // The file removed and set up anew (inode numbers are reused at once).
+  fresh();
+  ASSERT_EQ(Setup(m, "A", {"--kdf", "1"}).status, 0);
+  interrupted("A", "B");
+  std::filesystem::remove(m);
+  ToolResult again = Setup(m, "F", {"--kdf", "1"});
+  tally.Trial(opens(m, "F", again), "rm + setup: the new record was overwritten");
+
+  // The file removed and restored from a backup of an older state.
+  fresh();
+  ToolResult first = Setup(m, "A", {"--kdf", "1"});
+  ASSERT_EQ(Tool({"backup", m, Scratch("a.bak")}).status, 0);
+  ASSERT_EQ(Tool(Passwd(m, "A", "B")).status, 0);
+  interrupted("B", "C");
+  std::filesystem::remove(m);
+  ToolResult restored = Tool({"restore", m, Scratch("a.bak")});
+  tally.Trial(restored.status == 0 && opens(m, "A", first),
+              "restore from a backup: it was undone " + restored.err);
+  std::filesystem::remove(Scratch("a.bak"));
+
+  // Another file moved over it.
+  fresh();
+  ToolResult theirs = Setup(other, "O", {"--kdf", "1"});
+  ASSERT_EQ(Setup(m, "A", {"--kdf", "1"}).status, 0);
+  interrupted("A", "B");
+  ASSERT_EQ(rename(other.c_str(), m.c_str()), 0);
+  tally.Trial(opens(m, "O", theirs), "mv other.img: its record was overwritten");
+
+  // A journal of offset 8192 and a new record at 6000, which the old place overlaps.
+  fresh();
+  ASSERT_EQ(Setup(m, "A", {"--kdf", "1", "--offset", "8192"}).status, 0);
+  interrupted("A", "B", {"--offset", "8192"});
+  std::filesystem::remove(m);
+  ToolResult at6000 = Setup(m, "F", {"--kdf", "1", "--offset", "6000"});
+  tally.Trial(opens(m, "F", at6000, "6000"), "offset 8192 journal over a record at 6000");
+
+  // A hard link in another folder is the same file: a torn record is repaired through it, and
+  // a later setup through it is not undone by the journal of the first name.
+  fresh();
+  ToolResult linked = Setup(m, "A", {"--kdf", "1"});
+  ASSERT_EQ(::link(m.c_str(), link.c_str()), 0);
+  ToolResult torn = KilledAfterJournal(m, Passwd(m, "A", "B"), 1024);
+  ASSERT_EQ(torn.status, kKilled);
+  tally.Trial(OpensWithOneOf(link, {"A", "B"}, FingerprintIn(linked.out)),
+              "a torn record was not repaired through a hard link");
+  torn = KilledAfterJournal(m, Passwd(m, "A", "B"), 1024);
+  ASSERT_EQ(torn.status, kKilled);
+  ToolResult forced = Setup(link, "F", {"--kdf", "1", "--force"});
+  tally.Trial(opens(m, "F", forced), "setup --force through a hard link was undone");
+
+  // A passwd run with another device directory is not rolled back by this one's journal.
+  fresh();
+  ToolResult original = Setup(m, "A", {"--kdf", "1"});
+  interrupted("A", "X");
+  ToolResult elsewhere =
+      Tool(Join({"--device-dir", Scratch("device-b")}, Passwd(m, "A", "B")), "", {});
+  tally.Trial(elsewhere.status == 0 && opens(m, "B", original),
+              "--device-dir B then A: " + elsewhere.err);
+}
+
+TEST_F(ToolReliabilityTest, AnInterruptedKdf4UnlockLeavesNoJournalToReplayLater) {
+  // A kdf 4 record needs its Keymaster key upgraded after a patch raise, which the tool then
+  // stores; without a raise nothing is stored.
+  const std::string m = MetadataFile();
+  std::mt19937 random(20261125);
+  for (bool upgrade : {false, true}) {
+    Tally tally(upgrade ? "interrupted kdf 4 unlocks that store an upgrade"
+                        : "interrupted kdf 4 unlocks");
+    for (const std::string& sig : {std::to_string(SIGINT), std::to_string(SIGKILL)}) {
+      for (int nth = 1; nth <= 5; ++nth) {
+        std::filesystem::remove_all(Path("journal"));
+        std::filesystem::remove(m);
+        props_ = {};
+        ToolResult setup = Setup(m, "A", {"--kdf", "4"});
+        ASSERT_EQ(setup.status, 0) << setup.err;
+        props_ = upgrade ? Args{"ro.build.version.security_patch=2099-12-05"} : Args{};
+        ToolResult hit = Tool({"unlock", m, "--password-file", PasswordFile("A")}, "",
+                              FailCall("fsync", "/", nth, sig, true));
+        std::string what = "signal " + sig + " at fsync " + std::to_string(nth) + " (status " +
+                           std::to_string(hit.status) + ")";
+        // SIGINT waits for a store in progress; only SIGKILL may leave a journal, which the next
+        // command on the file then finishes.
+        bool held = sig == std::to_string(SIGKILL) || NoJournalLeft();
+        // Straight on to a new file of that name: whatever was left must not touch it.
+        std::filesystem::remove(m);
+        ToolResult replaced = Setup(m, "F", {"--kdf", "4"});
+        held =
+            held && replaced.status == 0 && OpensWithOneOf(m, {"F"}, FingerprintIn(replaced.out));
+        tally.Trial(held, what + ": " + hit.err + replaced.err);
+      }
+    }
+    // SIGINT at random moments of the whole run.
+    for (int round = 0; round < 12; ++round) {
+      std::filesystem::remove_all(Path("journal"));
+      std::filesystem::remove(m);
+      props_ = {};
+      ToolResult setup = Setup(m, "A", {"--kdf", "4"});
+      ASSERT_EQ(setup.status, 0);
+      props_ = upgrade ? Args{"ro.build.version.security_patch=2099-12-05"} : Args{};
+      pid_t pid = Start(ToolArgv({"unlock", m, "--password-file", PasswordFile("A")}), "", {}, "i");
+      usleep(static_cast<useconds_t>(random() % 40000));
+      kill(pid, SIGINT);
+      ToolResult interrupted = Finish(pid, "i");
+      tally.Trial(NoJournalLeft() && OpensWithOneOf(m, {"A"}, FingerprintIn(setup.out)),
+                  "SIGINT round " + std::to_string(round) + ": " + interrupted.err);
+    }
+  }
+}
+
+TEST_F(ToolReliabilityTest, TheNameInsideAKdf4RecordNeverDecidesWhatAnUnlockWrites) {
+  // The library would store an upgraded kdf 4 record at offset 0 of the file its key_name
+  // names, over a record there with the same salt and wrapped key: here a copy of the file.
+  Tally tally("names inside kdf 4 records");
+  const std::string m = MetadataFile(), copy = Scratch("copy.img"), fifo = Scratch("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& name : {copy, Scratch("absent"), fifo}) {
+    std::filesystem::remove(m);
+    props_ = {};
+    ToolResult setup = Setup(m, "A", {"--kdf", "4"});
+    ASSERT_EQ(setup.status, 0);
+    std::vector<uint8_t> bytes = ReadFile(m);
+    std::fill(bytes.begin() + offsetof(km_meta, key_name),
+              bytes.begin() + offsetof(km_meta, key_name) + sizeof(km_meta::key_name), 0);
+    std::copy(name.begin(), name.end(), bytes.begin() + offsetof(km_meta, key_name));
+    WriteFile(m, bytes);
+    WriteFile(copy, bytes);
+    props_ = {"ro.build.version.security_patch=2099-12-05"};
+    ToolResult unlock = Unlock(m, "A");
+    bool held = ReadFile(copy) == bytes && unlock.status == 0 &&
+                FingerprintIn(unlock.out) == FingerprintIn(setup.out) &&
+                unlock.out.find("stored again") != std::string::npos;
+    tally.Trial(held, "key_name " + name + ": " + std::to_string(unlock.status) + " " + unlock.err);
+  }
+}
+
+TEST_F(ToolReliabilityTest, AJournalThatCannotBeReadIsKeptAndTheCommandFails) {
+  Tally tally("unreadable journals");
+  const std::string m = MetadataFile();
+  ToolResult setup = Setup(m, "old", {"--kdf", "1"});
+  ASSERT_EQ(setup.status, 0);
+  ASSERT_EQ(KilledAfterJournal(m, Passwd(m, "old", "new"), 1024).status, kKilled);
+  ASSERT_EQ(PendingJournals(), 1);
+  for (const std::string call : {"open", "pread"}) {
+    for (const Args& args : {Args{"inspect", m}, Args{"backup", m, Scratch("b.bak." + call)},
+                             Args{"unlock", m, "--password-file", PasswordFile("old")}}) {
+      ToolResult failed = Tool(args, "", FailCall(call, Path("journal/"), 1, "5"));
+      tally.Trial(
+          failed.status == 4 && failed.out.empty() &&
+              std::count(failed.err.begin(), failed.err.end(), '\n') == 1 &&
+              failed.err.find("journal") != std::string::npos && PendingJournals() == 1,
+          call + " EIO under " + args[0] + ": " + std::to_string(failed.status) + " " + failed.err);
+    }
+  }
+  // Nor may the record's own bytes be misread as a reason to drop or apply the journal.
+  ToolResult unread = Tool({"inspect", m}, "", FailCall("pread", m, 1, "5"));
+  tally.Trial(unread.status == 4 && PendingJournals() == 1,
+              "EIO reading the record under a journal: " + unread.err);
+  tally.Trial(OpensWithOneOf(m, {"old", "new"}, FingerprintIn(setup.out)) && NoJournalLeft(),
+              "the torn record was not repaired once the journal could be read");
+}
+
+TEST_F(ToolReliabilityTest, AJournalForAPlaceTheFileDoesNotHaveIsSetAside) {
+  Tally tally("journals that cannot apply");
+  const std::string m = MetadataFile();
+  ToolResult setup = Setup(m, "A", {"--kdf", "1"});
+  ASSERT_EQ(setup.status, 0);
+  ASSERT_EQ(KilledAfterJournal(m, Passwd(m, "A", "B")).status, kKilled);
+  // The journal rewritten to name offset 2^63 - 100, its checksum made to match.
+  std::filesystem::path journal;
+  for (const auto& entry : std::filesystem::directory_iterator(Path("journal"))) {
+    journal = entry.path();
+  }
+  std::vector<uint8_t> bytes = ReadFile(journal);
+  ASSERT_GT(bytes.size(), 68u);
+  uint64_t offset = (uint64_t{1} << 63) - 100;
+  for (int i = 0; i < 8; ++i) bytes[28 + i] = static_cast<uint8_t>(offset >> (8 * i));
+  ASSERT_EQ(km_sha256(bytes.data(), bytes.size() - 32, bytes.data() + bytes.size() - 32), 0);
+  WriteFile(journal, bytes);
+  ToolResult inspect = Tool({"inspect", m});
+  tally.Trial(inspect.status == 0 && inspect.err.find("set aside") != std::string::npos &&
+                  StaleJournals() == 1 && PendingJournals() == 0,
+              "offset 2^63-100: " + inspect.err);
+  tally.Trial(OpensWithOneOf(m, {"A"}, FingerprintIn(setup.out)), "the record at 0 was lost");
+
+  // A journal an earlier release left in the device directory, named after the file's path and
+  // holding only a digest of its new image, is never applied.
+  std::vector<uint8_t> earlier = {'T', 'A', 'V', 'I', 'K', 'M', 'J', '1'};
+  earlier.resize(8 + 8 + 4 + KM_META_SIZE + 64, 0xa5);
+  uint8_t digest[32];
+  ASSERT_EQ(km_sha256(reinterpret_cast<const uint8_t*>(m.data()), m.size(), digest), 0);
+  char name[33];
+  for (int i = 0; i < 16; ++i) snprintf(name + 2 * i, 3, "%02x", digest[i]);
+  WriteFile(Path("journal/") + name, earlier);
+  const std::vector<uint8_t> before = ReadFile(m);
+  ToolResult unlock = Unlock(m, "A");
+  tally.Trial(unlock.status == 0 && unlock.err.find("earlier tavikm") != std::string::npos &&
+                  ReadFile(m) == before && !std::filesystem::exists(Path("journal/") + name) &&
+                  StaleJournals() == 2,
+              "a journal of an earlier release: " + unlock.err);
+}
+
+TEST_F(ToolReliabilityTest, AStoreThatFailsPastADevicesEndLocksNothingOut) {
+  LoopDevice device(Scratch("loop.img"), 65536);
+  if (device.path().empty()) GTEST_SKIP() << "no loop device can be set up here (needs root)";
+  Tally tally("a store past a device's end");
+  const std::string& dev = device.path();
+  ToolResult setup = Setup(dev, "A", {"--kdf", "1"});
+  ASSERT_EQ(setup.status, 0) << setup.err;
+  ToolResult past = Setup(dev, "F", {"--kdf", "1", "--offset", "64000", "--force"});
+  tally.Trial(past.status != 0, "setup at 64000 of 65536: " + past.err);
+  for (const Args& args :
+       {Args{"unlock", dev, "--password-file", PasswordFile("A")}, Args{"inspect", "--file", dev},
+        Args{"backup", dev, Scratch("dev.bak")}}) {
+    ToolResult result = Tool(args);
+    tally.Trial(result.status == 0, args[0] + " afterwards: " + result.err);
+  }
+  tally.Trial(OpensWithOneOf(dev, {"A"}, FingerprintIn(setup.out)) && NoJournalLeft(),
+              "the record at 0");
+}
+
+TEST_F(ToolReliabilityTest, AFailedSyncKeepsTheJournalAndSaysSo) {
+  Tally tally("failed syncs");
+  const std::string m = MetadataFile();
+  struct Case {
+    std::string what;
+    std::string prefix;
+    int nth;  // 0: every sync there fails
+  };
+  const std::vector<Case> cases = {
+      {"the record's first sync", m, 1},
+      {"every sync of the record", m, 0},
+      {"the journal's sync", Path("journal/"), 1},
+  };
+  for (const Case& c : cases) {
+    std::filesystem::remove_all(Path("journal"));
+    std::filesystem::remove(m);
+    ToolResult setup = Setup(m, "old", {"--kdf", "1"});
+    ASSERT_EQ(setup.status, 0);
+    ToolResult failed = Tool(Passwd(m, "old", "new"), "", FailCall("fsync", c.prefix, c.nth, "5"));
+    bool kept = PendingJournals() == 1;
+    // Every sync failing leaves the old record unconfirmed on the disk: the journal stays, and the
+    // sentence says so; otherwise the old record was put back and synced.
+    bool held =
+        failed.status == 4 && failed.out.empty() &&
+        failed.err.find(c.nth == 0 ? "journal" : "the record is unchanged") != std::string::npos &&
+        kept == (c.nth == 0);
+    ToolResult unlock = Unlock(m, "old");
+    held = held && unlock.status == 0 && FingerprintIn(unlock.out) == FingerprintIn(setup.out) &&
+           Unlock(m, "new").status == 2 && NoJournalLeft();
+    tally.Trial(held,
+                c.what + ": " + std::to_string(failed.status) + " " + failed.err + unlock.err);
+  }
+}
+
+TEST_F(ToolReliabilityTest, ReadingARecordNeedsNoWriteAccess) {
+  Tally tally("read-only records");
+  const std::string folder = Scratch("ro"), file = folder + "/meta";
+  std::filesystem::create_directories(folder);
+  ToolResult at0 = Setup(file, "p1", {"--kdf", "1"});
+  ToolResult at2704 = Setup(file, "p2", {"--kdf", "2", "--offset", "2704"});
+  ToolResult at5408 = Setup(file, "p4", {"--kdf", "4", "--offset", "5408"});
+  ASSERT_EQ(at0.status + at2704.status + at5408.status, 0);
+  const std::vector<uint8_t> before = ReadFile(file);
+  const std::vector<std::pair<Args, std::string>> reads = {
+      {{"unlock", file, "--password-file", PasswordFile("p1")}, FingerprintIn(at0.out)},
+      {{"unlock", file, "--offset", "2704", "--password-file", PasswordFile("p2")},
+       FingerprintIn(at2704.out)},
+      {{"unlock", file, "--offset", "5408", "--password-file", PasswordFile("p4")},
+       FingerprintIn(at5408.out)},
+      {{"inspect", file}, ""},
+      {{"list", file}, ""},
+  };
+  // Where backups go: writable by everyone.
+  const std::string out = Scratch("out");
+  std::filesystem::create_directories(out);
+  chmod(out.c_str(), 0777);
+  // Each way of being unable to write that can be arranged here.
+  struct Way {
+    std::string what;
+    std::function<Args(const Args&)> wrap;
+    Env env;
+  };
+  std::vector<Way> ways;
+  if (Exec({"unshare", "-m", "true"}).status == 0) {
+    const std::string script = "mount --bind " + folder + " " + folder +
+                               " && mount -o remount,bind,ro " + folder + " " + folder +
+                               " && exec \"$@\"";
+    ways.push_back({"a read-only bind mount",
+                    [=](const Args& argv) {
+                      return Join({"unshare", "-m", "sh", "-c", script, "sh"}, argv);
+                    },
+                    {}});
+  }
+  if (geteuid() == 0) {
+    // Another user, who may read the file but not write it or its folder.
+    const std::string home = Scratch("nobody");
+    std::filesystem::create_directories(home + "/journal");
+    std::filesystem::create_directories(home + "/device");
+    // The same Keymaster: its device secret, readable by that user.
+    std::filesystem::create_directories(home + "/device/keymaster");
+    std::filesystem::copy_file(Path("keymaster/device_secret"),
+                               home + "/device/keymaster/device_secret");
+    for (const std::string& path :
+         {home, home + "/journal", home + "/device", home + "/device/keymaster",
+          home + "/device/keymaster/device_secret"}) {
+      ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
+    }
+    for (const std::string& path : {dir_, Scratch(""), folder}) chmod(path.c_str(), 0755);
+    chmod(file.c_str(), 0644);
+    ways.push_back(
+        {"a user without write permission",
+         [=](const Args& argv) {
+           Args changed = argv;
+           changed[2] = home + "/device";  // its own device directory
+           return Join({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"}, changed);
+         },
+         {{"TAVIKM_JOURNAL_DIR", home + "/journal"}}});
+  }
+  if (ways.empty()) GTEST_SKIP() << "neither a private mount namespace nor another user here";
+  for (const Way& way : ways) {
+    for (const auto& [args, fingerprint] : reads) {
+      ToolResult result = Finish(Start(way.wrap(ToolArgv(args)), "", way.env, "ro"), "ro");
+      tally.Trial(
+          result.status == 0 && (fingerprint.empty() || FingerprintIn(result.out) == fingerprint),
+          way.what + ", " + args[0] + ": " + result.err);
+    }
+    const std::string copy = out + "/" + std::to_string(++files_) + ".bak";
+    ToolResult backup =
+        Finish(Start(way.wrap(ToolArgv({"backup", file, copy})), "", way.env, "ro"), "ro");
+    tally.Trial(backup.status == 0 && std::filesystem::exists(copy),
+                way.what + ", backup: " + backup.err);
+    props_ = {"ro.build.version.security_patch=2099-12-05"};
+    ToolResult upgrade = Finish(Start(way.wrap(ToolArgv({"unlock", file, "--offset", "5408",
+                                                         "--password-file", PasswordFile("p4")})),
+                                      "", way.env, "ro"),
+                                "ro");
+    props_ = {};
+    tally.Trial(upgrade.status == 4 &&
+                    std::count(upgrade.err.begin(), upgrade.err.end(), '\n') == 1 &&
+                    ReadFile(file) == before && NoJournalLeft(),
+                way.what + ", a kdf 4 unlock that must store its upgrade: " + upgrade.err);
+  }
 }
 
 }  // namespace

@@ -715,6 +715,27 @@ TEST_F(ToolTest, RestoreBringsBackTheRecordAsItWasBackedUp) {
     ToolResult saved = Tool(args);
     ASSERT_EQ(saved.status, 0) << saved.err;
     EXPECT_EQ(Tool(args).status, 4) << "a backup replaced a file";
+    // The layout is pinned, so backups written by earlier releases still restore: magic,
+    // version 1, kind (1 entry, 2 file), offset, the two lengths (all little-endian), the key
+    // location, the image, and a SHA-256 over all of that.
+    {
+      const uint64_t offset = c.place.empty() ? 0 : 4096;
+      std::vector<uint8_t> expected = {'T', 'A', 'V', 'I', 'K', 'M', 'B', 'K', 1, 0, 0, 0};
+      expected.push_back(c.props.empty() ? 2 : 1);
+      expected.insert(expected.end(), {0, 0, 0});
+      for (int i = 0; i < 8; ++i) expected.push_back(static_cast<uint8_t>(offset >> (8 * i)));
+      for (uint32_t length : {static_cast<uint32_t>(c.loc.size()), uint32_t{KM_META_SIZE}}) {
+        for (int i = 0; i < 4; ++i) expected.push_back(static_cast<uint8_t>(length >> (8 * i)));
+      }
+      expected.insert(expected.end(), c.loc.begin(), c.loc.end());
+      // Stored() is the whole file for a metadata file: the record is at the offset.
+      expected.insert(expected.end(), before.begin() + static_cast<long>(offset),
+                      before.begin() + static_cast<long>(offset + KM_META_SIZE));
+      uint8_t digest[32];
+      ASSERT_EQ(km_sha256(expected.data(), expected.size(), digest), 0);
+      expected.insert(expected.end(), digest, digest + sizeof(digest));
+      EXPECT_EQ(ReadFile(backup), expected);
+    }
 
     Args passwd = {"passwd", c.loc, "--password-file", "-", "--new-password-file", "-"};
     ASSERT_EQ(Tool(Join(passwd, c.place), "old\nnew\n").status, 0);

@@ -44,6 +44,8 @@ Args ToolRunner::ToolArgv(const Args& args) const {
 
 void ToolRunner::ExecInChild(Args argv, const Env& env) const {
   if (in_child_) in_child_();
+  // Journals are kept per user, outside any device directory; each test keeps its own.
+  setenv("TAVIKM_JOURNAL_DIR", (dir_ + "/journal").c_str(), 1);
   for (const auto& [key, value] : env) setenv(key.c_str(), value.c_str(), 1);
   // The sanitizer runtime would refuse a preloaded library ahead of it.
   if (env.count("LD_PRELOAD")) {

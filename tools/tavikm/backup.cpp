@@ -21,6 +21,7 @@
 #include "cli.h"
 #include "commands.h"
 #include "common/files.h"
+#include "common/le_codec.h"
 #include "common/scopers.h"
 #include "confirm.h"
 #include "guards.h"
@@ -50,16 +51,6 @@ const char kPlaceHelp[] =
     "not begin with '/'; otherwise it is the path of a metadata file, and the record lies at\n"
     "--offset N in it.\n";
 
-void Put(std::vector<uint8_t>* out, uint64_t value, int bytes) {
-  for (int i = 0; i < bytes; ++i) out->push_back(static_cast<uint8_t>(value >> (8 * i)));
-}
-
-uint64_t Get(const uint8_t* in, int bytes) {
-  uint64_t value = 0;
-  for (int i = bytes; i-- > 0;) value = value << 8 | in[i];
-  return value;
-}
-
 struct Backup {
   bool secure_storage = false;
   uint64_t offset = 0;
@@ -68,41 +59,47 @@ struct Backup {
 };
 
 std::vector<uint8_t> Encode(const Backup& backup) {
-  std::vector<uint8_t> out(kMagic, kMagic + sizeof(kMagic));
-  Put(&out, kVersion, 4);
-  Put(&out, backup.secure_storage ? kEntry : kFile, 4);
-  Put(&out, backup.offset, 8);
-  Put(&out, backup.loc.size(), 4);
-  Put(&out, backup.image.size(), 4);
-  out.insert(out.end(), backup.loc.begin(), backup.loc.end());
-  out.insert(out.end(), backup.image.begin(), backup.image.end());
+  std::vector<uint8_t> out;
+  tavikm::LeWriter(&out)
+      .Bytes(kMagic, sizeof(kMagic))
+      .U32(kVersion)
+      .U32(backup.secure_storage ? kEntry : kFile)
+      .U64(backup.offset)
+      .U32(static_cast<uint32_t>(backup.loc.size()))
+      .U32(static_cast<uint32_t>(backup.image.size()))
+      .Bytes(backup.loc.data(), backup.loc.size())
+      .Bytes(backup.image.data(), backup.image.size());
   uint8_t digest[kDigestSize];
   if (km_sha256(out.data(), out.size(), digest) != 0) {
     throw ToolError(kExitFailure, "SHA-256 failed");
   }
-  out.insert(out.end(), digest, digest + sizeof(digest));
+  tavikm::LeWriter(&out).Bytes(digest, sizeof(digest));
   return out;
 }
 
 // The backup in `bytes`, or an input error naming `file` and what is wrong with it.
 Backup Decode(const std::vector<uint8_t>& bytes, const std::string& file) {
-  if (bytes.size() < kHeaderSize + kDigestSize || memcmp(bytes.data(), kMagic, 8) != 0) {
+  tavikm::LeReader in(bytes.data(), bytes.size());
+  uint8_t magic[sizeof(kMagic)];
+  uint32_t version = 0, kind = 0, loc_size = 0, image_size = 0;
+  uint64_t offset = 0;
+  if (!in.Bytes(magic, sizeof(magic)) || memcmp(magic, kMagic, sizeof(kMagic)) != 0 ||
+      !in.U32(&version) || !in.U32(&kind) || !in.U64(&offset) || !in.U32(&loc_size) ||
+      !in.U32(&image_size) || in.remaining() < kDigestSize) {
     throw InputError(file + " is not a tavikm backup");
   }
-  const uint8_t* p = bytes.data();
-  uint64_t version = Get(p + 8, 4), kind = Get(p + 12, 4), loc_size = Get(p + 24, 4),
-           image_size = Get(p + 28, 4);
   if (version != kVersion) {
     throw InputError(file + " is a backup of version " + std::to_string(version) +
                      ", which this tavikm does not read");
   }
-  if (bytes.size() != kHeaderSize + loc_size + image_size + kDigestSize) {
-    throw InputError(file + " is damaged: its length does not match its header");
-  }
+  const uint8_t* loc = in.Take(loc_size);
+  const uint8_t* image = in.Take(image_size);
+  size_t body = in.position();
+  const uint8_t* stored_digest = in.Take(kDigestSize);
+  if (!in.done()) throw InputError(file + " is damaged: its length does not match its header");
   uint8_t digest[kDigestSize];
-  size_t body = bytes.size() - kDigestSize;
-  if (km_sha256(p, body, digest) != 0) throw ToolError(kExitFailure, "SHA-256 failed");
-  if (CRYPTO_memcmp(digest, p + body, kDigestSize) != 0) {
+  if (km_sha256(bytes.data(), body, digest) != 0) throw ToolError(kExitFailure, "SHA-256 failed");
+  if (CRYPTO_memcmp(digest, stored_digest, kDigestSize) != 0) {
     throw InputError(file + " is damaged: its SHA-256 does not match");
   }
   if ((kind != kEntry && kind != kFile) || loc_size == 0 || loc_size > kMaxKeyLoc ||
@@ -112,9 +109,9 @@ Backup Decode(const std::vector<uint8_t>& bytes, const std::string& file) {
   }
   Backup backup;
   backup.secure_storage = kind == kEntry;
-  backup.offset = Get(p + 16, 8);
-  backup.loc.assign(reinterpret_cast<const char*>(p + kHeaderSize), loc_size);
-  backup.image.assign(p + kHeaderSize + loc_size, p + body);
+  backup.offset = offset;
+  backup.loc.assign(reinterpret_cast<const char*>(loc), loc_size);
+  backup.image.assign(image, image + image_size);
   return backup;
 }
 

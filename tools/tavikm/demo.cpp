@@ -258,6 +258,8 @@ int RunDemo(const std::vector<std::string>& args, const Globals& globals) {
                     std::string("cannot make a device directory: ") + strerror(errno));
   }
   setenv("TAVIKM_DEVICE_DIR", dir.c_str(), 1);
+  // The demo's files are thrown away with it, and so are their journals.
+  setenv("TAVIKM_JOURNAL_DIR", (dir + "/journal").c_str(), 1);
   tavikm_host::ResetProperties();
   property_set("ro.crypto.scrypt_params", kDemoScryptParams);
   ApplyProps(globals.props);

@@ -1,73 +1,66 @@
 // SPDX-License-Identifier: Apache-2.0
-// Journaled undo of the stores the library makes by itself.
+// Derivations with the library's stores turned away.
 #include "library_stores.h"
 
 #include <errno.h>
-#include <fcntl.h>
-#include <limits.h>
-#include <stdlib.h>
+#include <openssl/crypto.h>
 #include <string.h>
 #include <unistd.h>
 
-#include <memory>
+#include <string>
 
 #include "cli.h"
 #include "common/scopers.h"
-#include "journal.h"
-#include "write_guard.h"
 
 namespace tavikm_tool {
 namespace {
 
-bool ReadAt(int fd, km_meta* image) {
+// The first 2704 bytes of the metadata file `path`; false when there is no such file.
+bool ReadAtZero(const std::string& path, km_meta* image) {
   memset(image, 0, sizeof(*image));
-  ssize_t n = pread(fd, image, sizeof(*image), 0);
-  return n >= 0;
+  struct stat st;
+  tavikm::ScopedFd fd(OpenMetadataFile(path, &st));
+  if (!fd.ok()) return false;
+  if (pread(fd.get(), image, sizeof(*image), 0) < 0) {
+    throw ToolError(kExitFailure, "cannot read " + path + ": " + strerror(errno));
+  }
+  return true;
 }
 
 }  // namespace
 
-int UndoLibraryStores(const OpenedPlace& opened, km_meta* meta,
-                      const std::function<int()>& own_call) {
-  // Only kdf 4 stores from inside the KDF; a name that the library would send to secure
-  // storage is an entry, replaced atomically under the lock the command holds.
-  if (meta->kdf_type != KM_KDF_PBKDF2_REK) return own_call();
-  auto call = [&] { return WithOwnKeyName(opened.place(), meta, own_call); };
-  const std::string& target = opened.place().loc;
-  if (target[0] != '/' && mdfpp_property_get(supportMdfpp)) return call();
-
-  struct stat st;
-  if (!tavikm::ScopedFd(OpenMetadataFile(target, &st)).ok()) {
-    return call();  // the library would create it; nothing there to lose
+int DeriveWithoutLibraryStores(const Place& own, km_meta* meta,
+                               const std::function<int(km_meta*)>& call) {
+  // Only kdf 4 stores from inside the KDF.
+  if (meta->kdf_type != KM_KDF_PBKDF2_REK) return call(meta);
+  km_meta shadow = *meta;
+  memset(shadow.key_name, 0, sizeof(shadow.key_name));
+  memcpy(shadow.key_name, own.loc.data(), own.loc.size());  // shorter than the field
+  // An entry of secure storage is replaced atomically under the command's lock; a file is not
+  // touched at all: every byte of the salt field differs from the record's, so the library
+  // never takes the record at offset 0 for this one.
+  const bool file = own.loc[0] == '/' || !mdfpp_property_get(supportMdfpp);
+  km_meta before, after;
+  const bool exists = file && ReadAtZero(own.loc, &before);
+  if (file) {
+    for (uint8_t& byte : shadow.salt) byte = static_cast<uint8_t>(~byte);
   }
-  // The file of another place needs its own lock and journal replay; the command's own file has
-  // had both.
-  std::unique_ptr<OpenedPlace> other;
-  struct stat own;
-  if (opened.place().secure_storage || !opened.file_exists() || fstat(opened.fd(), &own) != 0 ||
-      own.st_dev != st.st_dev || own.st_ino != st.st_ino) {
-    other = std::make_unique<OpenedPlace>(Place{false, target, 0});
+  int rc = call(&shadow);
+  memcpy(shadow.salt, meta->salt, sizeof(shadow.salt));
+  memcpy(shadow.key_name, meta->key_name, sizeof(shadow.key_name));
+  *meta = shadow;
+  OPENSSL_cleanse(&shadow, sizeof(shadow));
+  bool changed =
+      exists && (!ReadAtZero(own.loc, &after) || memcmp(&before, &after, sizeof(before)));
+  if (exists) {
+    OPENSSL_cleanse(&before, sizeof(before));
+    OPENSSL_cleanse(&after, sizeof(after));
   }
-  char resolved[PATH_MAX];
-  if (!realpath(target.c_str(), resolved)) {
-    throw ToolError(kExitFailure, "cannot resolve " + target + ": " + strerror(errno));
+  if (changed) {
+    throw ToolError(kExitFailure, "offset 0 of " + own.loc +
+                                      " changed while the key was derived; the command stops "
+                                      "here (tavikm inspect shows what it holds)");
   }
-  tavikm::ScopedFd file(open(resolved, O_RDWR | O_NONBLOCK | O_CLOEXEC));
-  if (!file.ok()) throw ToolError(kExitFailure, "cannot open " + target + ": " + strerror(errno));
-  km_meta before;
-  if (!ReadAt(file.get(), &before)) throw ToolError(kExitFailure, "cannot read " + target);
-  // The intended image is the old one: a crash inside the call gets the old bytes back.
-  WriteJournal(resolved, 0, before, before);
-  int rc = call();
-  km_meta after;
-  bool ok = ReadAt(file.get(), &after);
-  if (ok && memcmp(&after, &before, sizeof(before)) != 0) {
-    ok = pwrite(file.get(), &before, sizeof(before), 0) == static_cast<ssize_t>(sizeof(before)) &&
-         fsync(file.get()) == 0;
-  }
-  file.reset();
-  if (!ok) throw ToolError(kExitFailure, "cannot put back offset 0 of " + target);
-  DropJournal(resolved);
   return rc;
 }
 

@@ -1,26 +1,31 @@
 // SPDX-License-Identifier: Apache-2.0
-// The library's own stores of a file record. The KDF of kdf_type 4 stores a record whose
-// Keymaster key it had to upgrade, and always at offset 0 of the file its key_name names,
-// whatever offset the record really lies at: beside another record at 0 that record would be
-// lost. The tool lets no such store stand: the 2704 bytes at offset 0 are journaled before the
-// call and put back after it, and the caller stores the upgraded record at its own place through
-// StoreRecord.
+// The library's own stores of a record during a derivation. The KDF of kdf_type 4 stores a
+// record whose Keymaster key it had to upgrade under the key_name the record carries, in a
+// metadata file at offset 0 whatever offset the record really lies at, and there only over a
+// record with the same salt and wrapped key. The derivation is given a copy of the record whose
+// key_name is the command's own key location, so a store can only land on the place the command
+// has locked (write_guard.h); for a metadata file the copy's salt field (the salt the KDF
+// derives with is passed apart) also differs from every stored one, so nothing in the file is
+// touched while it derives, no journal surrounds a derivation that may take seconds, and an
+// interrupt at any moment leaves the file as it was. The caller then stores the upgraded record
+// at its own place through StoreRecord.
 #ifndef TAVIKM_TOOLS_LIBRARY_STORES_H_
 #define TAVIKM_TOOLS_LIBRARY_STORES_H_
 
 #include <functional>
 
-#include "record_store.h"
+#include "place.h"
 #include "tavikm.h"
 
 namespace tavikm_tool {
 
-// Runs `call` (a library call that derives with `*meta`'s KDF) and returns its result, undoing any
-// store it made into a metadata file. While it runs, the record's key_name is the command's own
-// key location, so that whatever name the record carries, the library stores nowhere else.
-// Throws a failure when the bytes cannot be put back (the journal then puts them back at the next
-// command on that file).
-int UndoLibraryStores(const OpenedPlace& opened, km_meta* meta, const std::function<int()>& call);
+// Runs `call` (a library call that derives with the record it is given) on a copy of `*meta` and
+// returns its result; `*meta` receives whatever the call changed in the record (an upgraded
+// Keymaster key, a new IV and tag). The call must take the salt and wrapped key it works with
+// from elsewhere than the record it is given. `own` is the command's locked place. Throws a
+// failure if offset 0 of the command's metadata file changed during the call anyway.
+int DeriveWithoutLibraryStores(const Place& own, km_meta* meta,
+                               const std::function<int(km_meta*)>& call);
 
 }  // namespace tavikm_tool
 

@@ -65,6 +65,24 @@ ToolError UnreadableRecord(const Place& place, const RawRecord& raw) {
   return ToolError(kExitFailure, "cannot read the record at " + place.Describe() + Why());
 }
 
+// The record of a metadata file as the library's read would return it, read by the tool itself:
+// the library opens the file for writing to read it, and unlocking must work on a read-only
+// file. A file record is never upgraded on read, so nothing is lost by that.
+km_meta FileRecord(const Place& place, const RawRecord& raw) {
+  if ((raw.regular_file && raw.file_size != KM_METADATA_FILE_SIZE) ||
+      (raw.stored_length == KM_META_SIZE && raw.meta.magic != KM_META_MAGIC)) {
+    throw UnreadableRecord(place, raw);
+  }
+  if (raw.stored_length != KM_META_SIZE) {
+    throw ToolError(kExitFailure, place.Describe() + " holds only " +
+                                      std::to_string(raw.stored_length) + " bytes of a record");
+  }
+  km_meta meta = raw.meta;
+  // Read as the current major version, as the library does; the stored bytes stay as they are.
+  meta.major_version = KM_META_MAJOR_VERSION;
+  return meta;
+}
+
 bool CbcOnly() { return mdfpp_property_get(supportCBConly); }
 
 // Wrapped-key length of a record; the library refuses anything but 16 and 32 later on, this
@@ -182,10 +200,16 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
   if (raw.Empty()) throw NotFound(place, raw);
   if (raw.Kek()) throw KekNotRecord(place);
   UnlockResult result;
-  ForgetSeen();
-  int rc = km_get_km_meta(place.loc.c_str(), place.offset, &result.meta);
-  if (rc == 1) throw NotFound(place, raw);
-  if (rc != 0) throw UnreadableRecord(place, raw);
+  int rc = 0;
+  if (place.secure_storage) {
+    // The library's read upgrades an older entry as it reads it, which the tool reports.
+    ForgetSeen();
+    rc = km_get_km_meta(place.loc.c_str(), place.offset, &result.meta);
+    if (rc == 1) throw NotFound(place, raw);
+    if (rc != 0) throw UnreadableRecord(place, raw);
+  } else {
+    result.meta = FileRecord(place, raw);
+  }
   CheckOpenable(result.meta, place.Describe(), CbcOnly());
   CheckCost(result.meta, place.Describe());
   if (place.secure_storage) {
@@ -212,10 +236,10 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
   if (CbcOnly()) {
     uint8_t mac[32];
     ForgetSeen();
-    rc = UndoLibraryStores(opened, &result.meta, [&] {
-      Progress progress(Deriving(result.meta));
+    rc = DeriveWithoutLibraryStores(opened.place(), &result.meta, [&](km_meta* meta) {
+      Progress progress(Deriving(*meta));
       return km_get_key_mac_by_password(result.meta.master_key, result.meta.salt, password.c_str(),
-                                        password.size(), mac, &result.meta);
+                                        password.size(), mac, meta);
     });
     if (rc != 0) throw ToolError(kExitFailure, "cannot check the password of " + place.loc + Why());
     store_if_changed();
@@ -224,10 +248,10 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
   }
 
   ForgetSeen();
-  rc = UndoLibraryStores(opened, &result.meta, [&] {
-    Progress progress(Deriving(result.meta));
+  rc = DeriveWithoutLibraryStores(opened.place(), &result.meta, [&](km_meta* meta) {
+    Progress progress(Deriving(*meta));
     return km_decrypt_key(password.c_str(), password.size(), result.meta.salt,
-                          result.meta.master_key, result.master_key.data(), &result.meta);
+                          result.meta.master_key, result.master_key.data(), meta);
   });
   if (rc == 0 || rc == 9) {
     result.master_key.set_size(keysize);
@@ -255,27 +279,26 @@ PasswdResult ChangePasswordOpened(const OpenedPlace& opened, const Password& old
   const km_meta& current = result.unlocked.meta;
   size_t keysize = KeyLength(current);
   km_meta copy = current;
-  // The new salt, wrapped key and MAC stay apart from the copy until every step has succeeded:
-  // a Keymaster key upgrade inside the KDF stores the record it is given, and that record must
-  // still be the complete old one.
+  // The new salt, wrapped key and MAC stay apart from the copy until every step has succeeded,
+  // so the copy is the complete old record plus whatever the derivation upgraded in it.
   uint8_t salt[sizeof(copy.salt)];
   km_generate_drbg_bytes(nullptr, salt, sizeof(salt));
   uint8_t wrapped[sizeof(copy.master_key)] = {};
   uint8_t mac[32];
   bool cbc = CbcOnly();
   ForgetSeen();
-  if (UndoLibraryStores(opened, &copy, [&] {
-        Progress progress(Deriving(copy));
+  if (DeriveWithoutLibraryStores(opened.place(), &copy, [&](km_meta* meta) {
+        Progress progress(Deriving(*meta));
         return km_encrypt_key(new_password.c_str(), new_password.size(), salt, wrapped,
-                              result.unlocked.master_key.data(), &copy);
+                              result.unlocked.master_key.data(), meta);
       }) != 0) {
     throw ToolError(kExitFailure, "cannot wrap the master key of " + place.loc +
                                       " under the new password (the record is unchanged)" + Why());
   }
-  if (cbc && UndoLibraryStores(opened, &copy, [&] {
-               Progress progress(Deriving(copy));
+  if (cbc && DeriveWithoutLibraryStores(opened.place(), &copy, [&](km_meta* meta) {
+               Progress progress(Deriving(*meta));
                return km_get_key_mac_by_password(wrapped, salt, new_password.c_str(),
-                                                 new_password.size(), mac, &copy);
+                                                 new_password.size(), mac, meta);
              }) != 0) {
     throw ToolError(kExitFailure, "cannot make the new password MAC of " + place.loc +
                                       " (the record is unchanged)" + Why());

@@ -4,10 +4,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
+#include <openssl/crypto.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <vector>
@@ -62,20 +64,63 @@ void CreateFile(const Place& place, const km_meta& image) {
   if (rc != 0) throw ToolError(kExitFailure, "cannot create " + place.loc + ": " + strerror(err));
 }
 
+// Signals that end the tool wait while a record and its journal are between two states: the
+// store then runs to its end (a few milliseconds), and the signal acts after it.
+class HeldSignals {
+ public:
+  HeldSignals() {
+    sigset_t held;
+    sigemptyset(&held);
+    for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) sigaddset(&held, sig);
+    sigprocmask(SIG_BLOCK, &held, &before_);
+  }
+  ~HeldSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  HeldSignals(const HeldSignals&) = delete;
+  HeldSignals& operator=(const HeldSignals&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
 void UpdateFileInPlace(const OpenedPlace& opened, const km_meta& image, const std::string& what) {
   const Place& place = opened.place();
-  km_meta old{};
-  RawRecord raw = ReadRaw(place);
-  old = raw.meta;
-  WriteJournal(opened.canonical_path(), place.offset, old, image);
-  ForgetSeen();
-  if (km_put_km_meta(place.loc.c_str(), static_cast<int64_t>(place.offset), &image) != 0 ||
-      fsync(opened.fd()) != 0) {
-    // Part of the record may have landed: put the old one back now rather than at the next run.
-    ReplayJournal(opened.canonical_path());
-    throw StoreFailed(place, what);
+  // Opened for writing before anything else, so a file that cannot be written (a read-only
+  // file system, no permission) fails here, with no journal written.
+  tavikm::ScopedFd rw(open(place.loc.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!rw.ok() || fstat(rw.get(), &st) != 0) {
+    throw ToolError(kExitFailure, "cannot store " + what + " at " + place.Describe() + ": " +
+                                      strerror(errno) + "; the record is unchanged");
   }
-  DropJournal(opened.canonical_path());
+  if (!(FileId::Of(st) == opened.file_id())) {
+    throw ToolError(kExitFailure, place.loc +
+                                      " was replaced by another file while the command ran; "
+                                      "nothing was stored");
+  }
+  RawRecord raw = ReadRaw(place);
+  HeldSignals held;
+  WriteJournal(opened.file_id(), place.loc, place.offset, raw.meta, image);
+  OPENSSL_cleanse(&raw.meta, sizeof(raw.meta));
+  ForgetSeen();
+  int rc = km_put_km_meta(place.loc.c_str(), static_cast<int64_t>(place.offset), &image);
+  int err = rc == 0 ? 0 : EIO;
+  // The library syncs its own descriptor; this one tells whether the write reached the disk.
+  if (rc == 0 && fsync(rw.get()) != 0) err = errno;
+  if (rc == 0 && err == 0) {
+    DropJournal(opened.file_id());
+    return;
+  }
+  // Part of the record may have landed, or all of it without reaching the disk: the old record
+  // goes back now, and the journal stays until that is on the disk.
+  std::string cause = rc != 0 ? Why() : std::string(": ") + strerror(err);
+  if (!PutBackOldImage(opened.file_id(), place.loc, rw.get())) {
+    throw ToolError(kExitFailure, "cannot store " + what + " at " + place.Describe() + cause +
+                                      ", nor put the old record back; the journal in " +
+                                      JournalDir() +
+                                      " is kept, and the next command on the file puts it back");
+  }
+  throw ToolError(kExitFailure, "cannot store " + what + " at " + place.Describe() + cause +
+                                    "; the record is unchanged");
 }
 
 }  // namespace
@@ -83,12 +128,9 @@ void UpdateFileInPlace(const OpenedPlace& opened, const km_meta& image, const st
 OpenedPlace::OpenedPlace(const Place& place)
     : place_(place), lock_(std::make_unique<PlaceLock>(place)) {
   if (place.secure_storage || !lock_->held()) return;
-  char resolved[PATH_MAX];
-  if (!realpath(place.loc.c_str(), resolved)) {
-    throw ToolError(kExitFailure, "cannot resolve " + place.loc + ": " + strerror(errno));
-  }
-  canonical_ = resolved;
-  switch (ReplayJournal(canonical_)) {
+  id_ = FileId::Of(lock_->status());
+  ReplayResult replay = ReplayJournal(id_, place.loc, lock_->fd());
+  switch (replay.outcome) {
     case Replay::kCompleted:
       fprintf(stderr, "tavikm: note: an interrupted change of %s had completed; it stands\n",
               place.loc.c_str());
@@ -96,9 +138,24 @@ OpenedPlace::OpenedPlace(const Place& place)
     case Replay::kRestored:
       fprintf(stderr, "tavikm: note: an interrupted change of %s was undone\n", place.loc.c_str());
       break;
+    case Replay::kStale:
+      fprintf(stderr,
+              "tavikm: note: a journal of an earlier change does not match what %s holds now "
+              "(the file was replaced or changed since), so it was not applied and %s\n",
+              place.loc.c_str(),
+              replay.journal.empty() ? "could not be moved out of the way"
+                                     : ("was set aside in " + replay.journal).c_str());
+      break;
     case Replay::kNone:
     case Replay::kDiscarded:
       break;
+  }
+  std::string earlier = SetAsideEarlierJournal(id_, place.loc);
+  if (!earlier.empty()) {
+    fprintf(stderr,
+            "tavikm: note: a journal an earlier tavikm left for %s cannot be checked against "
+            "what the file holds, so it was not applied and is in %s\n",
+            place.loc.c_str(), earlier.c_str());
   }
 }
 

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "journal.h"
 #include "lock.h"
 #include "place.h"
 #include "tavikm.h"
@@ -25,20 +26,22 @@ class OpenedPlace {
   const Place& place() const { return place_; }
   // Files: whether the metadata file exists (and is locked).
   bool file_exists() const { return lock_->held(); }
-  // Files: the locked descriptor (read-only) and the canonical path; -1 and "" when absent.
+  // Files: the locked descriptor (read-only) and the file's identity; -1 when absent.
   int fd() const { return lock_->fd(); }
-  const std::string& canonical_path() const { return canonical_; }
+  const FileId& file_id() const { return id_; }
 
  private:
   Place place_;
   std::unique_ptr<PlaceLock> lock_;
-  std::string canonical_;
+  FileId id_;
 };
 
 // Stores the 2704-byte `image` at the opened place and reads it back:
 // - a secure-storage entry through km_put_km_meta (the host replaces entries atomically);
 // - into an existing metadata file through km_put_km_meta at the offset, journaled (journal.h)
-//   and synced;
+//   and synced, with SIGINT, SIGTERM, SIGHUP and SIGQUIT held back until the record and its
+//   journal are settled; a store that does not reach the disk puts the old record back, or
+//   keeps the journal and says so;
 // - a missing metadata file is created whole (16384 bytes with the image at the offset) in a
 //   temporary file that is synced and then linked to its name, which fails if another command
 //   created the file meanwhile; an interrupted creation leaves no file behind.

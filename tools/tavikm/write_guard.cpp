@@ -195,7 +195,13 @@ void WriteGuard::Verify() {
     if (rc < 0 || rc >= 2) put_back = false;
   }
   for (const auto& file : files_) {
-    tavikm::ScopedFd fd(open(file->path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    int opened = open(file->path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    // A file this command cannot write (a read-only file system, no permission) is still
+    // compared; only putting bytes back would need the write access.
+    if (opened < 0 && (errno == EROFS || errno == EACCES || errno == EPERM)) {
+      opened = open(file->path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+    tavikm::ScopedFd fd(opened);
     if (!fd.ok()) {
       if (file->found) {
         if (first.empty()) first = file->path;

@@ -18,6 +18,7 @@
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
 
+#include "common/le_codec.h"
 #include "crypto.h"
 #include "device_state.h"
 
@@ -47,14 +48,6 @@ bool SealingKey(SecretBytes* key) {
   return true;
 }
 
-void PutU32(std::vector<uint8_t>* out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) out->push_back(static_cast<uint8_t>(v >> (8 * i)));
-}
-
-uint32_t GetU32(const uint8_t* p) {
-  return p[0] | (p[1] << 8) | (p[2] << 16) | (static_cast<uint32_t>(p[3]) << 24);
-}
-
 std::string Serialized(const hw::AuthorizationSet& set) {
   std::ostringstream out;
   set.Serialize(&out);
@@ -71,17 +64,16 @@ bool SealKeyBlob(const KeyBlobContents& contents, std::vector<uint8_t>* blob) {
   std::string hidden = Serialized(contents.hidden);
   SecretBytes plain;
   std::vector<uint8_t> length;
-  PutU32(&length, static_cast<uint32_t>(contents.material.size()));
+  tavikm::LeWriter(&length).U32(static_cast<uint32_t>(contents.material.size()));
   plain.Append(length.data(), length.size());
   plain.Append(contents.material.data(), contents.material.size());
   plain.Append(reinterpret_cast<const uint8_t*>(auths.data()), auths.size());
   plain.Append(reinterpret_cast<const uint8_t*>(hidden.data()), hidden.size());
 
-  std::vector<uint8_t> out(kMagic, kMagic + 4);
-  PutU32(&out, contents.level);
   uint8_t nonce[kNonceSize];
   if (RAND_bytes(nonce, sizeof(nonce)) != 1) return false;
-  out.insert(out.end(), nonce, nonce + kNonceSize);
+  std::vector<uint8_t> out;
+  tavikm::LeWriter(&out).Bytes(kMagic, sizeof(kMagic)).U32(contents.level).Bytes(nonce, kNonceSize);
   size_t body = out.size();
   out.resize(body + plain.size() + kTagSize);
 
@@ -106,16 +98,22 @@ bool SealKeyBlob(const KeyBlobContents& contents, std::vector<uint8_t>* blob) {
 }
 
 bool OpenKeyBlob(const uint8_t* blob, size_t size, KeyBlobContents* contents) {
-  if (!blob || size < kHeaderSize + kNonceSize + kTagSize + 4) return false;
-  if (memcmp(blob, kMagic, sizeof(kMagic)) != 0) return false;
+  tavikm::LeReader in(blob, size);
+  uint8_t magic[sizeof(kMagic)];
+  uint32_t level = 0;
+  const size_t cipher_size = size >= kHeaderSize + kNonceSize + kTagSize + 4
+                                 ? size - kHeaderSize - kNonceSize - kTagSize
+                                 : 0;
+  if (!in.Bytes(magic, sizeof(magic)) || !in.U32(&level)) return false;
+  const uint8_t* nonce = in.Take(kNonceSize);
+  const uint8_t* cipher = in.Take(cipher_size);
+  const uint8_t* tag_bytes = in.Take(kTagSize);
+  if (cipher_size == 0 || !in.done() || memcmp(magic, kMagic, sizeof(kMagic)) != 0) return false;
   SecretBytes key;
   if (!SealingKey(&key)) return false;
 
-  const uint8_t* nonce = blob + kHeaderSize;
-  const uint8_t* cipher = nonce + kNonceSize;
-  size_t cipher_size = size - kHeaderSize - kNonceSize - kTagSize;
   uint8_t tag[kTagSize];
-  memcpy(tag, blob + size - kTagSize, kTagSize);
+  memcpy(tag, tag_bytes, kTagSize);
   SecretBytes plain(cipher_size);
   tavikm::ScopedCipherCtx ctx(EVP_CIPHER_CTX_new());
   int n = 0, final_n = 0;
@@ -132,12 +130,14 @@ bool OpenKeyBlob(const uint8_t* blob, size_t size, KeyBlobContents* contents) {
   }
 
   // Authentic from here on, but parsed as carefully as anything else.
-  uint32_t material_size = GetU32(plain.data());
-  if (material_size > plain.size() - 4) return false;
+  tavikm::LeReader fields(plain.data(), plain.size());
+  uint32_t material_size = 0;
+  const uint8_t* material = fields.U32(&material_size) ? fields.Take(material_size) : nullptr;
+  if (!material) return false;
   KeyBlobContents opened;
-  opened.level = GetU32(blob + 4);
-  opened.material = SecretBytes(plain.data() + 4, material_size);
-  size_t offset = 4 + material_size;
+  opened.level = level;
+  opened.material = SecretBytes(material, material_size);
+  size_t offset = fields.position();
   std::istringstream rest(
       std::string(reinterpret_cast<const char*>(plain.data()) + offset, plain.size() - offset));
   opened.authorizations.Deserialize(&rest);
