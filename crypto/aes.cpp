@@ -12,6 +12,21 @@ namespace {
 constexpr int kIvLength = 16;
 constexpr int kTagLength = 16;
 
+// Logs the line for a missing argument; true when `p` is missing. Input and output buffers may
+// be missing only when there are no bytes to pass through them.
+bool Missing(const char* function, const char* what, const void* p, bool needed = true) {
+  if (p || !needed) return false;
+  KM_LOGE("%s::Failed, %s is NULL! \n", function, what);
+  return true;
+}
+
+// A negative length is no length libcrypto could take.
+bool NegativeLength(const char* function, int length) {
+  if (length >= 0) return false;
+  KM_LOGE("(%s)Invalid length %d", function, length);
+  return true;
+}
+
 const EVP_CIPHER* GcmCipher(size_t key_len) {
   if (key_len == 16) return EVP_aes_128_gcm();
   if (key_len == 32) return EVP_aes_256_gcm();
@@ -57,6 +72,11 @@ const CbcDirection kCbcDecrypt = {
 
 int AesCbc(const CbcDirection& dir, const uint8_t* in, int in_len, const uint8_t* key,
            size_t key_len, const uint8_t* iv, uint8_t* out, int padding) {
+  if (Missing(dir.name, "in", in, in_len != 0) || Missing(dir.name, "key", key) ||
+      Missing(dir.name, "iv", iv) || Missing(dir.name, "out", out) ||
+      NegativeLength(dir.name, in_len)) {
+    return -1;
+  }
   const EVP_CIPHER* cipher = CbcCipher(key_len);
   if (!cipher) {
     KM_LOGE("(%s)Invalid keysize %zu", dir.name, key_len);
@@ -96,6 +116,12 @@ int km_aes_gcm_encrypt(const uint8_t* plaintext, int plaintext_len, const uint8_
                        const uint8_t* key, size_t key_len, const uint8_t* iv, uint8_t* ciphertext,
                        uint8_t* tag) {
   static const char kName[] = "km_aes_gcm_encrypt";
+  if (Missing(kName, "plaintext", plaintext, plaintext_len != 0) || Missing(kName, "key", key) ||
+      Missing(kName, "iv", iv) || Missing(kName, "ciphertext", ciphertext, plaintext_len != 0) ||
+      Missing(kName, "tag", tag) || NegativeLength(kName, plaintext_len) ||
+      (aad && NegativeLength(kName, aad_len))) {
+    return -1;
+  }
   const EVP_CIPHER* cipher = GcmCipher(key_len);
   if (!cipher) {
     KM_LOGE("(%s)Invalid keysize %zu", kName, key_len);
@@ -138,6 +164,12 @@ int km_aes_gcm_decrypt(const uint8_t* ciphertext, int ciphertext_len, const uint
                        int aad_len, const uint8_t* tag, const uint8_t* key, size_t key_len,
                        const uint8_t* iv, uint8_t* plaintext) {
   static const char kName[] = "km_aes_gcm_decrypt";
+  if (Missing(kName, "ciphertext", ciphertext, ciphertext_len != 0) || Missing(kName, "tag", tag) ||
+      Missing(kName, "key", key) || Missing(kName, "iv", iv) ||
+      Missing(kName, "plaintext", plaintext, ciphertext_len != 0) ||
+      NegativeLength(kName, ciphertext_len) || (aad && NegativeLength(kName, aad_len))) {
+    return -1;
+  }
   const EVP_CIPHER* cipher = GcmCipher(key_len);
   if (!cipher) {
     KM_LOGE("(%s)Invalid keysize %zu", kName, key_len);

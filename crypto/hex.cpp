@@ -22,7 +22,15 @@ int HexValue(char c) {
 }  // namespace
 
 uint8_t* km_convert_hex_ascii_to_key(const char* hex, size_t* out_size) {
+  if (!out_size) {
+    KM_LOGE("%s::Failed, out_size is NULL! \n", "km_convert_hex_ascii_to_key");
+    return nullptr;
+  }
   *out_size = 0;
+  if (!hex) {
+    KM_LOGE("%s::Failed, hex is NULL! \n", "km_convert_hex_ascii_to_key");
+    return nullptr;
+  }
   size_t length = strlen(hex);
   if (length % 2 != 0) {
     KM_LOGE("Trying to convert ascii string of odd length");
@@ -50,6 +58,12 @@ uint8_t* km_convert_hex_ascii_to_key(const char* hex, size_t* out_size) {
 
 void km_convert_key_to_hex_ascii(const uint8_t* key, size_t count, char* out) {
   static const char kDigits[] = "0123456789ABCDEF";
+  if (!out || (!key && count)) {
+    KM_LOGE("%s::Failed, %s is NULL! \n", "km_convert_key_to_hex_ascii", !out ? "out" : "key");
+    // Nothing to convert: an empty text rather than none.
+    if (out) out[0] = '\0';
+    return;
+  }
   for (size_t i = 0; i < count; ++i) {
     out[2 * i] = kDigits[key[i] >> 4];
     out[2 * i + 1] = kDigits[key[i] & 0x0f];

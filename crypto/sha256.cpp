@@ -7,6 +7,10 @@
 #include "tavikm.h"
 
 int km_sha256(const uint8_t* data, size_t len, uint8_t* digest) {
+  if ((!data && len) || !digest) {
+    KM_LOGE("%s::Failed, %s is NULL! \n", "km_sha256", !digest ? "digest" : "data");
+    return -1;
+  }
   tavikm::ScopedMdCtx ctx(EVP_MD_CTX_new());
   unsigned int digest_len = 0;
   if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1 ||

@@ -79,12 +79,28 @@ bool DeriveKey(const km_kdf_table_t& kdfs, const char* op, const char* password,
   return true;
 }
 
+// The pointers every wrapping operation needs, in argument order: false after the line of the
+// first that is missing.
+bool HaveArguments(const char* op, const char* password, const uint8_t* salt,
+                   const uint8_t* wrapped, const uint8_t* master_key, const km_meta* meta) {
+  const char* missing = !password     ? "passwd"
+                        : !salt       ? "salt"
+                        : !wrapped    ? "encrypted_key"
+                        : !master_key ? "master_key"
+                        : !meta       ? "km_meta"
+                                      : nullptr;
+  if (!missing) return true;
+  KM_LOGE("%s::Failed, %s is NULL! \n", op, missing);
+  return false;
+}
+
 }  // namespace
 
 int km_encrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password, size_t password_len,
                              const uint8_t* salt, uint8_t* wrapped, const uint8_t* master_key,
                              km_meta* meta) {
   static const char kName[] = "km_encrypt_key";
+  if (!HaveArguments(kName, password, salt, wrapped, master_key, meta)) return -1;
   DerivedKey key;
   int kdf_rc = 0;
   if (!DeriveKey(kdfs, kName, password, password_len, salt, key, meta, &kdf_rc)) return -1;
@@ -120,6 +136,7 @@ int km_decrypt_key_with_kdfs(const km_kdf_table_t& kdfs, const char* password, s
                              const uint8_t* salt, const uint8_t* wrapped, uint8_t* master_key,
                              km_meta* meta) {
   static const char kName[] = "km_decrypt_key";
+  if (!HaveArguments(kName, password, salt, wrapped, master_key, meta)) return -1;
   DerivedKey key;
   int kdf_rc = 0;
   if (!DeriveKey(kdfs, kName, password, password_len, salt, key, meta, &kdf_rc)) return -1;
@@ -175,6 +192,10 @@ int km_get_key_mac_by_password_with_kdfs(const km_kdf_table_t& kdfs, const uint8
   }
   if (!mac) {
     KM_LOGE("%s::Failed, key_mac is NULL! \n", kName);
+    return -1;
+  }
+  if (!meta) {
+    KM_LOGE("%s::Failed, km_meta is NULL! \n", kName);
     return -1;
   }
   DerivedKey key;

@@ -8,6 +8,9 @@
  *
  * Conventions, unless a function says otherwise: 0 is success, -1 failure, another negative
  * value is a failing callee's result passed through. Every failure is logged with tag "TAVIKM".
+ * A missing (null) pointer is a failure with one line, never a crash: only a buffer that is to
+ * hold no bytes may be null. No argument and no stored byte makes the library end the process;
+ * the one exception is a random generator that reports failure, which does, after its line.
  * Buffers are owned by the caller; nothing here keeps a pointer past the call. No function
  * takes a lock: callers serialise their use of one record or key name.
  */
@@ -146,8 +149,8 @@ TAVIKM_EXPORT int kmstore_device_init(kmstore_device** out);
 /*
  * Reads the record at `key_loc` into `meta` (2704 bytes). Returns 0, 1 when secure storage
  * holds no entry of that name, or -1 (and other negative results). Records of older
- * generations in secure storage are upgraded and written back on the way. On failure `meta`
- * may hold a partial or rejected image.
+ * generations in secure storage are upgraded and written back on the way, to the entry
+ * `key_loc` only. On failure `meta` may hold a partial or rejected image.
  */
 TAVIKM_EXPORT int km_get_km_meta(const char* key_loc, uint64_t offset, km_meta* meta);
 
@@ -192,8 +195,9 @@ TAVIKM_EXPORT int km_init_km_meta_enc_by_rek(km_meta* meta, const char* key_loc,
 
 /*
  * Stores `kek` (`kek_len` bytes) under `key_name` in secure storage, encrypted by Keymaster.
- * A `kek_len` of 0, or above KM_KEK_MAX_SIZE_GCM (KM_KEK_MAX_SIZE_CBC in CBC-only mode), is
- * refused with -1 before any key is made or anything written. Returns 0, -1, or a failing
+ * A `kek_len` of 0, or above KM_KEK_MAX_SIZE_GCM (KM_KEK_MAX_SIZE_CBC in CBC-only mode), and a
+ * `key_name` of 256 bytes or more (the get could not read it back) are refused with -1 before
+ * any key is made or anything written. Returns 0, -1, or a failing
  * step's negative result. When the Keymaster key needs an upgrade on the way, the upgraded
  * record goes back to the same secure-storage entry.
  */
@@ -250,7 +254,9 @@ TAVIKM_EXPORT int km_aes_decrypt(const uint8_t* in, int in_len, const uint8_t* k
 /* SHA-256 of `len` bytes into `digest` (32 bytes). 0 or -1. */
 TAVIKM_EXPORT int km_sha256(const uint8_t* data, size_t len, uint8_t* digest);
 
-/* Fills `out` with `count` random bytes. Always returns 0; a generator failure is only logged. */
+/* Fills `out` with `count` random bytes and returns 0 (-1 for a null `out`). A generator that
+ * reports failure ends the process after its line: nothing may go on with bytes that are not
+ * random. */
 TAVIKM_EXPORT int km_generate_drbg_bytes(void* unused, uint8_t* out, size_t count);
 
 /* ---- Key derivation ------------------------------------------------------------------------ */
@@ -281,9 +287,11 @@ TAVIKM_EXPORT const char* km_scrypt_backend_name(void);
 
 /*
  * The KDF of kdf_type 4: PBKDF2 combined with the record's KEK. `ikey` holds 64 bytes. When the
- * record's Keymaster key needs an upgrade, the upgraded `params` record is written back to its
- * key location at offset 0; in a metadata file only if offset 0 holds this same record (same
- * salt and wrapped master key), otherwise the caller stores the changed record where it read it.
+ * record's Keymaster key needs an upgrade, the upgraded `params` record is written back where
+ * this process last read or stored it with km_get_km_meta / km_put_km_meta (never to a place
+ * its key_name gives), as long as that place still holds it (same salt and wrapped master key)
+ * and, in a metadata file, only at offset 0. Otherwise nothing is written: the caller stores the
+ * changed record where it read it.
  */
 TAVIKM_EXPORT int km_pbkdf2_rek(const char* password, unsigned long password_len,
                                 const unsigned char* salt, unsigned char* ikey, void* params);

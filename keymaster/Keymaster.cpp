@@ -47,6 +47,12 @@ const char* LevelName(km::SecurityLevel level, char (&buffer)[16]) {
 
 int32_t Code(km::ErrorCode error) { return static_cast<int32_t>(error); }
 
+// A session without a device answers every call with a failure instead of reaching for one.
+bool NoDevice(const char* operation) {
+  KM_STREAM_LOG(ERROR) << operation << " failed: no Keymaster device";
+  return false;
+}
+
 }  // namespace
 
 // ---- KeymasterOperation -------------------------------------------------------------------------
@@ -81,6 +87,13 @@ bool KeymasterOperation::updateCompletely(const char* input, size_t inputLen,
   uint32_t consumed = 0;
   if (inputLen == 0) return true;
   if (!device) return false;  // failed, closed or moved from: nothing to feed
+  if (!input || !consumer) {
+    // Nothing can be fed or nothing received: the operation is aborted and over.
+    KM_STREAM_LOG(ERROR) << "update failed: " << (!input ? "input" : "consumer") << " is missing";
+    device->abort(operationHandle).isOk();
+    device = nullptr;
+    return false;
+  }
   km::ErrorCode kmError = km::ErrorCode::UNKNOWN_ERROR;
   auto callback = [&](km::ErrorCode error, uint32_t inputConsumed,
                       const hidl_vec<km::KeyParameter>& /*outParams*/,
@@ -88,7 +101,6 @@ bool KeymasterOperation::updateCompletely(const char* input, size_t inputLen,
     kmError = error;
     if (kmError != km::ErrorCode::OK) return;
     consumed += inputConsumed;
-    if (!consumer) abort();
     consumer(reinterpret_cast<const char*>(output.data()), output.size());
   };
   // No bound on the number of calls: the device decides how much it takes each time, as long
@@ -169,6 +181,7 @@ Keymaster::Keymaster() {
 }
 
 bool Keymaster::generateKey(const km::AuthorizationSet& inParams, std::string* key) {
+  if (!device) return NoDevice("generate_key");
   km::ErrorCode kmError = km::ErrorCode::UNKNOWN_ERROR;
   auto callback = [&](km::ErrorCode error, const hidl_vec<uint8_t>& keyBlob,
                       const km::KeyCharacteristics& /*characteristics*/) {
@@ -189,6 +202,7 @@ bool Keymaster::generateKey(const km::AuthorizationSet& inParams, std::string* k
 }
 
 bool Keymaster::deleteKey(const std::string& key) {
+  if (!device) return NoDevice("delete_key");
   auto rc = device->deleteKey(BlobView(key));
   if (!rc.isOk()) {
     KM_STREAM_LOG(ERROR) << "delete_key failed: " << rc.description();
@@ -204,6 +218,7 @@ bool Keymaster::deleteKey(const std::string& key) {
 
 bool Keymaster::upgradeKey(const std::string& oldKey, const km::AuthorizationSet& inParams,
                            std::string* newKey) {
+  if (!device) return NoDevice("upgrade_key");
   km::ErrorCode kmError = km::ErrorCode::UNKNOWN_ERROR;
   auto callback = [&](km::ErrorCode error, const hidl_vec<uint8_t>& upgradedKeyBlob) {
     kmError = error;
@@ -226,6 +241,10 @@ KeymasterOperation Keymaster::begin(km::KeyPurpose purpose, const std::string& k
                                     const km::AuthorizationSet& inParams,
                                     const km::HardwareAuthToken& authToken,
                                     km::AuthorizationSet* outParams) {
+  if (!device) {
+    NoDevice("begin");
+    return KeymasterOperation(km::ErrorCode::UNKNOWN_ERROR);
+  }
   km::ErrorCode kmError = km::ErrorCode::UNKNOWN_ERROR;
   uint64_t handle = 0;
   auto callback = [&](km::ErrorCode error, const hidl_vec<km::KeyParameter>& params,
@@ -249,6 +268,7 @@ KeymasterOperation Keymaster::begin(km::KeyPurpose purpose, const std::string& k
 }
 
 bool Keymaster::isSecure() {
+  if (!device) return NoDevice("is_secure");
   return device->halVersion().securityLevel != km::SecurityLevel::SOFTWARE;
 }
 

@@ -203,9 +203,11 @@ int km_keymaster_decrypt_message(km_meta* meta, keymaster_key_blob_t* key, const
 int km_generate_HMAC(km_meta* meta) {
   unsigned char mac_key[kKeyBufferSize] = {};
   const tavikm::ScopedCleanse wipe_mac_key(mac_key, sizeof(mac_key));
-  // No early return: the generator is trusted, a failure is only logged.
+  // A generator that reports failure would give a MAC key that is not random: the process ends
+  // after the line rather than protect a KEK with it.
   if (RAND_bytes(mac_key, kMacKeySize) != 1) {
     KM_LOGE("Getting random bytes error = %ld\n", static_cast<long>(ERR_get_error()));
+    abort();
   }
   meta->mac_key_size = kMacKeySize;
 

@@ -8,6 +8,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
 #include <string>
 
 #include "common/byte_string.h"
@@ -20,22 +21,19 @@ namespace {
 
 namespace km = android::mdfpp::km;
 using android::mdfpp::Keymaster;
-using android::mdfpp::KeymasterOperation;
 
 struct Direction {
   km::KeyPurpose purpose;
-  const char* starting;
-  const char* sending;
-  const char* finalizing;
+  tavikm::OperationMessages messages;
   const char* first_allocation;
   const char* allocation;
 };
 
 const Direction kEncryption = {
     km::KeyPurpose::ENCRYPT,
-    "Error starting keymaster encryption transaction: ",
-    "Error sending data to keymaster encryption transaction: ",
-    "Error finalizing keymaster encryption transaction: ",
+    {"Error starting keymaster encryption transaction: ",
+     "Error sending data to keymaster encryption transaction: ",
+     "Error finalizing keymaster encryption transaction: "},
     "Error allocation buffer for keymaster encryption",
     "Error allocation buffer for keymaster encryption",
 };
@@ -43,38 +41,19 @@ const Direction kEncryption = {
 // The first buffer's failure keeps the encryption wording on purpose.
 const Direction kDecryption = {
     km::KeyPurpose::DECRYPT,
-    "Error starting keymaster decryption transaction: ",
-    "Error sending data to keymaster decryption transaction: ",
-    "Error finalizing keymaster decryption transaction: ",
+    {"Error starting keymaster decryption transaction: ",
+     "Error sending data to keymaster decryption transaction: ",
+     "Error finalizing keymaster decryption transaction: "},
     "Error allocation buffer for keymaster encryption",
     "Error allocation buffer for keymaster decryption",
 };
 
-int32_t Code(const KeymasterOperation& op) { return static_cast<int32_t>(op.getErrorCode()); }
-
 // A copy of `bytes` in a fresh malloc()ed buffer; null when it cannot be had.
-unsigned char* Duplicate(const std::string& bytes) {
+unsigned char* Duplicate(const tavikm::SecretBytes& bytes) {
   auto* copy = static_cast<unsigned char*>(malloc(bytes.size() ? bytes.size() : 1));
   if (copy && !bytes.empty()) memcpy(copy, bytes.data(), bytes.size());
   return copy;
 }
-
-// Wipes the call's copies of the key, the object and the result on every way out: one of them
-// holds the plaintext.
-class WipeOnReturn {
- public:
-  WipeOnReturn(std::string* a, std::string* b, std::string* c) : strings_{a, b, c} {}
-  ~WipeOnReturn() {
-    for (std::string* s : strings_) {
-      if (!s->empty()) OPENSSL_cleanse(&(*s)[0], s->size());
-    }
-  }
-  WipeOnReturn(const WipeOnReturn&) = delete;
-  WipeOnReturn& operator=(const WipeOnReturn&) = delete;
-
- private:
-  std::string* strings_[3];
-};
 
 int RunObject(const Direction& direction, const unsigned char* key_blob,
               unsigned long key_blob_size, const unsigned char* nonce, unsigned long nonce_size,
@@ -85,17 +64,14 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
     tavikm::LogNoKeymasterSession();
     return -1;
   }
-  if (!key_blob || !object || !out || !out_size) {
+  // A nonce may be missing only when it is empty; the client's views hold at most 2^32 - 1
+  // bytes.
+  if (!key_blob || !object || !out || !out_size || (!nonce && nonce_size) ||
+      key_blob_size > UINT32_MAX || object_size > UINT32_MAX) {
     KM_LOG_INVALID_ARGUMENT();
     return -1;
   }
-  std::string key = tavikm::ByteString(key_blob, key_blob_size);
-  std::string input = tavikm::ByteString(object, object_size);
-  std::string nonce_bytes = tavikm::ByteString(nonce, nonce_size);
-  std::string output;
-  // Room for the result and its tag up front, so appending leaves no unwiped copy behind.
-  output.reserve(input.size() + 16);
-  WipeOnReturn wipe(&key, &input, &output);
+  const std::string nonce_bytes = tavikm::ByteString(nonce, nonce_size);
 
   // Same parameters both ways; only NONCE and MAC_LENGTH trade places.
   km::AuthorizationSetBuilder params;
@@ -111,24 +87,14 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
   }
   params.Padding({km::PaddingMode::NONE});
 
-  KeymasterOperation op =
-      tavikm::BeginWaitingOutRateLimit(dev, direction.purpose, key, params, ratelimit);
-  if (op.getErrorCode() == km::ErrorCode::KEY_REQUIRES_UPGRADE) {
-    KM_STREAM_LOG(ERROR) << "Keymaster key requires upgrade";
-    return -2;
-  }
-  if (op.getErrorCode() != km::ErrorCode::OK) {
-    KM_STREAM_LOG(ERROR) << direction.starting << Code(op);
-    return -1;
-  }
+  tavikm::OperationRunner operation(dev, direction.messages);
+  const int begun = operation.Begin(direction.purpose, key_blob, key_blob_size, params, ratelimit);
+  if (begun != 0) return begun;
 
-  if (!op.updateCompletely(input.data(), input.size(), [&output](const char* piece, size_t n) {
-        if (n) output.append(piece, n);
-      })) {
-    KM_STREAM_LOG(ERROR) << direction.sending << Code(op);
-    return -1;
-  }
-  OPENSSL_cleanse(&input[0], input.size());
+  // Room for the result and its tag up front, so the output is not moved while it grows.
+  tavikm::SecretBytes output;
+  output.Reserve(object_size + 16);
+  if (!operation.UpdateCompletely(object, object_size, &output)) return -1;
 
   const size_t update_length = output.size();
   unsigned char* first = Duplicate(output);
@@ -136,12 +102,17 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
     KM_STREAM_LOG(ERROR) << direction.first_allocation;
     return -1;
   }
-  OPENSSL_cleanse(&output[0], output.size());
+  tavikm::ScopedWipedBuffer owned_first(first, update_length);
+  // On the two failures below `first` stays allocated: that is this service's settled
+  // behaviour, kept on purpose. It is wiped first, so what stays holds nothing.
+  auto leave_first_allocated = [&] {
+    OPENSSL_cleanse(first, update_length);
+    owned_first.release();
+  };
+  output.Wipe();
 
-  // On the two failures below `first` is neither wiped nor freed. That is this service's settled
-  // behaviour, kept on purpose; callers must not count on it being otherwise.
-  if (!op.finish(&output)) {
-    KM_STREAM_LOG(ERROR) << direction.finalizing << Code(op);
+  if (!operation.Finish(&output)) {
+    leave_first_allocated();
     return -1;
   }
   const size_t finish_length = output.size();
@@ -149,12 +120,12 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
   if (finish_length) {
     second = Duplicate(output);
     if (!second) {
+      leave_first_allocated();
       KM_STREAM_LOG(ERROR) << direction.allocation;
       return -1;
     }
-    OPENSSL_cleanse(&output[0], output.size());
+    output.Wipe();
   }
-  const tavikm::ScopedWipedBuffer owned_first(first, update_length);
   const tavikm::ScopedWipedBuffer owned_second(second, finish_length);
 
   // The result's length is a 32-bit count; a result that cannot be counted so cannot be handed
@@ -171,8 +142,22 @@ int RunObject(const Direction& direction, const unsigned char* key_blob,
   }
   if (update_length) memcpy(*out, first, update_length);
   if (finish_length) memcpy(*out + update_length, second, finish_length);
-  OPENSSL_cleanse(&key[0], key.size());
   return 0;
+}
+
+// The client and the allocator may run out of memory anywhere in an operation: that is a
+// failure of the call, never the end of the process.
+int RunObjectCatching(const Direction& direction, const unsigned char* key_blob,
+                      unsigned long key_blob_size, const unsigned char* nonce,
+                      unsigned long nonce_size, unsigned int ratelimit, const unsigned char* object,
+                      unsigned long object_size, unsigned char** out, unsigned int* out_size) {
+  try {
+    return RunObject(direction, key_blob, key_blob_size, nonce, nonce_size, ratelimit, object,
+                     object_size, out, out_size);
+  } catch (const std::bad_alloc&) {
+    KM_STREAM_LOG(ERROR) << direction.allocation;
+    return -1;
+  }
 }
 
 }  // namespace
@@ -185,8 +170,8 @@ int keymaster_encrypt_object_for_mdfpp(const unsigned char* key_blob, unsigned l
                                        unsigned char* /*upgraded_key_buffer*/,
                                        unsigned int /*upgraded_key_buffer_size*/,
                                        unsigned long* /*upgraded_key_size*/) {
-  return RunObject(kEncryption, key_blob, key_blob_size, nonce, nonce_size, ratelimit, object,
-                   object_size, out, out_size);
+  return RunObjectCatching(kEncryption, key_blob, key_blob_size, nonce, nonce_size, ratelimit,
+                           object, object_size, out, out_size);
 }
 
 int keymaster_decrypt_object_for_mdfpp(const unsigned char* key_blob, unsigned long key_blob_size,
@@ -197,6 +182,6 @@ int keymaster_decrypt_object_for_mdfpp(const unsigned char* key_blob, unsigned l
                                        unsigned char* /*upgraded_key_buffer*/,
                                        unsigned int /*upgraded_key_buffer_size*/,
                                        unsigned long* /*upgraded_key_size*/) {
-  return RunObject(kDecryption, key_blob, key_blob_size, nonce, nonce_size, ratelimit, object,
-                   object_size, out, out_size);
+  return RunObjectCatching(kDecryption, key_blob, key_blob_size, nonce, nonce_size, ratelimit,
+                           object, object_size, out, out_size);
 }

@@ -2,6 +2,7 @@
 // The RSA key that binds scrypt to the device: is the Keymaster secure, make the key, upgrade
 // its blob; and the upgrade of the AES key's blob. Blobs go out through the caller's buffer.
 #include <keymasterV4_0/authorization_set.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <string>
@@ -55,6 +56,13 @@ bool UpgradedBlobIsEmpty(const std::string& blob) {
   return true;
 }
 
+// A blob to upgrade must be there, and fit the client's views.
+bool HaveBlob(const unsigned char* key_blob, unsigned long key_blob_size) {
+  if (key_blob && key_blob_size <= UINT32_MAX) return true;
+  KM_LOG_INVALID_ARGUMENT();
+  return false;
+}
+
 }  // namespace
 
 int keymaster_compatibility_cryptfs_scrypt_mdfpp(void) {
@@ -94,6 +102,7 @@ int keymaster_upgrade_key_for_cryptfs_scrypt_mdfpp(
     tavikm::LogNoKeymasterSession();
     return -1;
   }
+  if (!HaveBlob(key_blob, key_blob_size)) return -1;
   // Copied first: the destination may be the very buffer the old blob is in.
   std::string old_key = tavikm::ByteString(key_blob, key_blob_size);
   std::string new_key;
@@ -112,6 +121,7 @@ int keymaster_upgrade_key_for_cryptfs_pbkdf2_mdfpp(const unsigned char* key_blob
                                                    unsigned char* key_buffer,
                                                    unsigned int key_buffer_size,
                                                    unsigned long* key_out_size) {
+  if (!HaveBlob(key_blob, key_blob_size)) return -1;
   // Copied first: the destination may be the very buffer the old blob is in.
   std::string old_key = tavikm::ByteString(key_blob, key_blob_size);
   // The encryption's begin parameters, with the old blob itself standing in the NONCE slot:

@@ -6,66 +6,73 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
 #include <string>
 
 #include "keymaster/Keymaster.h"
 #include "mdfpp/service.h"
 #include "tavikm_keymaster.h"
 
+namespace {
+
 namespace km = android::mdfpp::km;
 using android::mdfpp::Keymaster;
-using android::mdfpp::KeymasterOperation;
 
-int keymaster_sign_object_for_cryptfs_scrypt_mdfpp(
-    const unsigned char* key_blob, unsigned long key_blob_size, unsigned int ratelimit,
-    const unsigned char* object, unsigned long object_size, unsigned char** signature_buffer,
-    unsigned long* signature_buffer_size) {
+const tavikm::OperationMessages kSigning = {
+    "Error starting keymaster signature transaction: ",
+    "Error sending data to keymaster signature transaction: ",
+    "Error finalizing keymaster signature transaction: ",
+};
+
+int Sign(const unsigned char* key_blob, unsigned long key_blob_size, unsigned int ratelimit,
+         const unsigned char* object, unsigned long object_size, unsigned char** signature_buffer,
+         unsigned long* signature_buffer_size) {
   Keymaster dev;
   if (!dev) {
     tavikm::LogNoKeymasterSession();
     return -1;
   }
-  if (!key_blob || !object || !signature_buffer || !signature_buffer_size) {
+  // The client's views hold at most 2^32 - 1 bytes.
+  if (!key_blob || !object || !signature_buffer || !signature_buffer_size ||
+      key_blob_size > UINT32_MAX || object_size > UINT32_MAX) {
     KM_LOG_INVALID_ARGUMENT();
     return -1;
   }
-  // Unlike the object encryption, these copies are released unwiped.
-  // assign() rather than the pointer constructor keeps a standard library template out of the
-  // exported symbols.
-  std::string key, input;
-  key.assign(reinterpret_cast<const char*>(key_blob), key_blob_size);
-  input.assign(reinterpret_cast<const char*>(object), object_size);
   km::AuthorizationSetBuilder params;
   params.NoDigestOrPadding();
 
-  KeymasterOperation op =
-      tavikm::BeginWaitingOutRateLimit(dev, km::KeyPurpose::SIGN, key, params, ratelimit);
-  if (op.getErrorCode() == km::ErrorCode::KEY_REQUIRES_UPGRADE) {
-    KM_STREAM_LOG(ERROR) << "Keymaster key requires upgrade";
-    return -2;
-  }
-  const int32_t code = static_cast<int32_t>(op.getErrorCode());
-  if (op.getErrorCode() != km::ErrorCode::OK) {
-    KM_STREAM_LOG(ERROR) << "Error starting keymaster signature transaction: " << code;
-    return -1;
-  }
-  std::string output;
-  if (!op.updateCompletely(input.data(), input.size(), [&output](const char* piece, size_t n) {
-        if (n) output.append(piece, n);
-      })) {
-    KM_STREAM_LOG(ERROR) << "Error sending data to keymaster signature transaction: " << code;
-    return -1;
-  }
-  if (!op.finish(&output)) {
-    KM_STREAM_LOG(ERROR) << "Error finalizing keymaster signature transaction: " << code;
-    return -1;
-  }
-  *signature_buffer = static_cast<unsigned char*>(malloc(output.size() ? output.size() : 1));
+  // The object (the caller's intermediate key) is fed from the caller's buffer, and the
+  // signature (the next derivation's password) is held only where it is wiped.
+  tavikm::OperationRunner operation(dev, kSigning);
+  const int begun =
+      operation.Begin(km::KeyPurpose::SIGN, key_blob, key_blob_size, params, ratelimit);
+  if (begun != 0) return begun;
+  tavikm::SecretBytes signature;
+  if (!operation.UpdateCompletely(object, object_size, &signature)) return -1;
+  if (!operation.Finish(&signature)) return -1;
+
+  *signature_buffer = static_cast<unsigned char*>(malloc(signature.size() ? signature.size() : 1));
   if (!*signature_buffer) {
     KM_STREAM_LOG(ERROR) << "Error allocation buffer for keymaster signature";
     return -1;
   }
-  *signature_buffer_size = output.size();
-  if (!output.empty()) memcpy(*signature_buffer, output.data(), output.size());
+  *signature_buffer_size = signature.size();
+  if (!signature.empty()) memcpy(*signature_buffer, signature.data(), signature.size());
   return 0;
+}
+
+}  // namespace
+
+int keymaster_sign_object_for_cryptfs_scrypt_mdfpp(
+    const unsigned char* key_blob, unsigned long key_blob_size, unsigned int ratelimit,
+    const unsigned char* object, unsigned long object_size, unsigned char** signature_buffer,
+    unsigned long* signature_buffer_size) {
+  // Running out of memory anywhere in the operation fails the call; it never ends the process.
+  try {
+    return Sign(key_blob, key_blob_size, ratelimit, object, object_size, signature_buffer,
+                signature_buffer_size);
+  } catch (const std::bad_alloc&) {
+    KM_STREAM_LOG(ERROR) << "Error allocation buffer for keymaster signature";
+    return -1;
+  }
 }

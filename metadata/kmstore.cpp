@@ -16,6 +16,10 @@ kmstore_device* g_kmstore_device = nullptr;
 }  // namespace
 
 int kmstore_device_init(kmstore_device** out) {
+  if (!out) {
+    KM_LOGE("%s::Failed, out is NULL! \n", "kmstore_device_init");
+    return -1;
+  }
   if (g_kmstore_device) {
     *out = g_kmstore_device;
     return 0;

@@ -65,7 +65,7 @@ int PutKekByKeymaster4(km_meta* rec, const char* key_name, const uint8_t* kek, u
       });
   if (rc < 0) return rc;
   const tavikm::ScopedWipedBuffer ciphertext(out, out_len);
-  km_copy_into_record(rec, rec->xtkm_value, out, out_len);
+  if (!km_copy_into_record(rec, rec->xtkm_value, out, out_len, "km_put_kek_enc_by_rek")) return -1;
   rec->xtkm_value_size = out_len;  // the ciphertext's length, unlike every other writer
   rec->keysize = kek_len;
   return 0;
@@ -94,17 +94,44 @@ int PutKekByLegacyKeymaster(km_meta* rec, const char* key_name, const uint8_t* k
   return 0;
 }
 
-// Whether the upgraded `meta` may be written back over offset 0 of `key_loc`: always in secure
-// storage; in a metadata file only over this same record, since the caller may have read it
-// from another offset and offset 0 may hold another record.
-bool MayWriteBackAtZero(const char* key_loc, const km_meta* meta) {
-  if (km_place_is_secure_storage(key_loc)) return true;
-  km_meta at_zero;
-  bool same = km_peek_file_record(key_loc, 0, &at_zero) &&
-              memcmp(at_zero.salt, meta->salt, sizeof(meta->salt)) == 0 &&
-              memcmp(at_zero.master_key, meta->master_key, sizeof(meta->master_key)) == 0;
-  OPENSSL_cleanse(&at_zero, sizeof(at_zero));
-  return same;
+bool SameRecord(const km_meta* a, const km_meta* b) {
+  return memcmp(a->salt, b->salt, sizeof(a->salt)) == 0 &&
+         memcmp(a->master_key, b->master_key, sizeof(a->master_key)) == 0;
+}
+
+// Stores the record whose Keymaster key was just upgraded back where it was read: the place
+// the caller read or stored it, never one named by its own bytes, and only while that place
+// still holds this record. In a metadata file only at offset 0, where the record is always
+// created; one read from elsewhere is the caller's to store. Not storing is no failure: the
+// caller holds the upgraded record and stores it as it would any change.
+int StoreUpgradedRecord(const km_meta* meta) {
+  km_record_origin origin;
+  if (!km_find_origin(meta, &origin)) {
+    KM_LOGI("Upgraded key not stored: the record's place is unknown");
+    return 0;
+  }
+  km_meta there;
+  const bool same = origin.secure_storage ? km_peek_secure_storage_record(origin.key_loc, &there)
+                                          : km_peek_file_record(origin.key_loc, 0, &there);
+  const bool still_there = same && SameRecord(&there, meta);
+  OPENSSL_cleanse(&there, sizeof(there));
+  if (!origin.secure_storage && !still_there) {
+    KM_LOGI("Upgraded key of %s not stored: another record at offset 0", origin.key_loc);
+    return 0;
+  }
+  if (!origin.secure_storage && origin.offset != 0) {
+    KM_LOGI("Upgraded key of %s not stored: read from offset %llu", origin.key_loc,
+            static_cast<unsigned long long>(origin.offset));
+    return 0;
+  }
+  if (!still_there) {
+    KM_LOGI("Upgraded key of %s not stored: another record there", origin.key_loc);
+    return 0;
+  }
+  const int put = origin.secure_storage ? km_put_km_meta_to_secure_storage(origin.key_loc, meta)
+                                        : km_put_km_meta_to_file(origin.key_loc, 0, meta);
+  if (put >= 0) KM_LOGI("Write upgraded Key successfully");
+  return put;
 }
 
 }  // namespace
@@ -114,12 +141,18 @@ int km_init_km_meta_enc_by_rek(km_meta* meta, const char* key_loc, uint64_t keys
     KM_LOGE("%s::Failed, key_loc is NULL! \n", "km_init_km_meta_enc_by_rek");
     return -1;
   }
+  if (!meta) {
+    KM_LOGE("%s::Failed, km_meta is NULL! \n", "km_init_km_meta_enc_by_rek");
+    return -1;
+  }
   meta->keysize = keysize;
   meta->magic = KM_META_MAGIC;
   meta->major_version = KM_META_MAJOR_VERSION;
   meta->minor_version = KM_META_MINOR_VERSION;
-  km_copy_into_record(meta, meta->key_name, key_loc, strlen(key_loc));
-  return 0;
+  return km_copy_into_record(meta, meta->key_name, key_loc, strlen(key_loc),
+                             "km_init_km_meta_enc_by_rek")
+             ? 0
+             : -1;
 }
 
 int km_put_kek_enc_by_rek(const char* key_name, const uint8_t* kek, uint64_t kek_len) {
@@ -127,6 +160,18 @@ int km_put_kek_enc_by_rek(const char* key_name, const uint8_t* kek, uint64_t kek
   InitKekRecord(&rec);
   if (!key_name) {
     KM_LOGE("%s::Failed, key_name is NULL! \n", "km_put_kek_enc_by_rek");
+    return -1;
+  }
+  if (!kek) {
+    KM_LOGE("%s::Failed, kek is NULL! \n", "km_put_kek_enc_by_rek");
+    return -1;
+  }
+  // The get refuses a record whose name fills its field without a NUL: such a KEK would be
+  // stored and never come back.
+  const size_t name_length = strlen(key_name);
+  if (name_length >= sizeof(rec.key_name)) {
+    KM_LOGE("%s::Failed, key_name of %zu bytes is too long! \n", "km_put_kek_enc_by_rek",
+            name_length);
     return -1;
   }
   // A longer KEK would be stored and never come back whole: the GCM tag would run past
@@ -138,7 +183,7 @@ int km_put_kek_enc_by_rek(const char* key_name, const uint8_t* kek, uint64_t kek
     return -1;
   }
   rec.keysize = kek_len;
-  km_copy_into_record(&rec, rec.key_name, key_name, strlen(key_name));
+  memcpy(rec.key_name, key_name, name_length);
 
   if (km_ensure_aes_key(&rec) != 0) return -1;
   int rc = cbc_only ? PutKekByLegacyKeymaster(&rec, key_name, kek, kek_len)
@@ -159,6 +204,14 @@ int km_put_kek_enc_by_rek(const char* key_name, const uint8_t* kek, uint64_t kek
 int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_len_out) {
   if (!key_name) {
     KM_LOGE("%s::Failed, key_name is NULL! \n", "km_get_kek_enc_by_rek");
+    return -1;
+  }
+  if (!kek_out) {
+    KM_LOGE("%s::Failed, kek_out is NULL! \n", "km_get_kek_enc_by_rek");
+    return -1;
+  }
+  if (!kek_len_out) {
+    KM_LOGE("%s::Failed, kek_len_out is NULL! \n", "km_get_kek_enc_by_rek");
     return -1;
   }
   // One zero byte past the record ends any string read from it, whatever was stored.
@@ -208,11 +261,12 @@ int km_get_kek_enc_by_rek(const char* key_name, uint8_t* kek_out, uint64_t* kek_
       KM_LOGE("Failed to decrypt KEK by keymaster");
       if (rc != tavikm::kKeyRequiresUpgrade) return -1;
       // The key needs an upgrade: store the upgraded record and hand back an empty KEK, which
-      // tells the caller to ask again. These two failures leave the record allocated.
+      // tells the caller to ask again. These two failures leave the record allocated, wiped.
       // Back to the entry it was read from, whatever the MDFPP flag says.
       rc = km_upgrade_aes_key_and_store(
           rec, [&] { return km_put_km_meta_to_secure_storage(key_name, rec); });
       if (rc != 0) {
+        OPENSSL_cleanse(rec, sizeof(*rec));
         owned_rec.release();
         return rc;
       }
@@ -265,6 +319,14 @@ int km_delete_kek_enc_by_rek(const char* key_name) {
 
 int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsigned char* salt,
                   unsigned char* ikey, void* params) {
+  if (!password || !salt || !ikey || !params) {
+    KM_LOGE("%s::Failed, %s is NULL! \n", "km_pbkdf2_rek",
+            !password ? "passwd"
+            : !salt   ? "salt"
+            : !ikey   ? "ikey"
+                      : "km_meta");
+    return -1;
+  }
   auto* meta = static_cast<km_meta*>(params);
   uint8_t derived[kKekBuffer] = {};
   uint8_t kek[kKekBuffer] = {};
@@ -275,19 +337,19 @@ int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsign
     KM_LOGE("Unsupported keysize %llu", static_cast<unsigned long long>(meta->keysize));
     return -1;
   }
-  // The key location, bounded to its field.
-  char key_loc[sizeof(meta->key_name) + 1] = {};
-  memcpy(key_loc, view.key_name(), static_cast<size_t>(view.key_name_length()));
+  // The record's name for messages, bounded to its field.
+  char name[sizeof(meta->key_name) + 1] = {};
+  memcpy(name, view.key_name(), static_cast<size_t>(view.key_name_length()));
   PKCS5_PBKDF2_HMAC(password, password_len, salt, kSaltLength, kPbkdf2Iterations, EVP_sha256(),
                     view.keysize(), derived);
 
   keymaster_key_blob_t key = km_legacy_key_blob(meta);
   if (km_flag_is_set(supportRekKek)) {
     if (km_verify_HMAC(meta) < 0) {
-      KM_LOGE("Failed to verify %s_mac by keymaster", key_loc);
+      KM_LOGE("Failed to verify %s_mac by keymaster", name);
       return -1;
     }
-    KM_LOGI("success to verify %s_mac by keymaster", key_loc);
+    KM_LOGI("success to verify %s_mac by keymaster", name);
     if (km_keymaster_decrypt_message(meta, &key, meta->xtkm_value, kek) < 0) {
       KM_LOGE("(%s)Failed to decrypt KEK by keymaster", "km_pbkdf2_rek");
       return -1;
@@ -326,15 +388,8 @@ int km_pbkdf2_rek(const char* password, unsigned long password_len, const unsign
       },
       [&] {
         KM_LOGI("NEED TO UPGRADE KEY\n");
-        const int stored = km_upgrade_aes_key_and_store(meta, [&] {
-          if (!MayWriteBackAtZero(key_loc, meta)) {
-            KM_LOGI("Upgraded key of %s not stored: another record at offset 0", key_loc);
-            return 0;
-          }
-          const int put = km_put_km_meta(key_loc, 0, meta);
-          if (put >= 0) KM_LOGI("Write upgraded Key successfully");
-          return put;
-        });
+        const int stored =
+            km_upgrade_aes_key_and_store(meta, [&] { return StoreUpgradedRecord(meta); });
         return stored == 0 ? 0 : -1;
       });
   if (rc != 0) return rc < 0 ? rc : 0;

@@ -125,6 +125,10 @@ int km_init_km_meta(km_meta* meta, const char* key_loc, uint64_t keysize, uint32
     KM_LOGE("%s::Failed, key_loc is NULL! \n", "km_init_km_meta");
     return -1;
   }
+  if (!meta) {
+    KM_LOGE("%s::Failed, km_meta is NULL! \n", "km_init_km_meta");
+    return -1;
+  }
   memset(meta, 0, sizeof(*meta));
 
   uint8_t type = static_cast<uint8_t>(kdf_type);
@@ -148,8 +152,11 @@ int km_init_km_meta(km_meta* meta, const char* key_loc, uint64_t keysize, uint32
   meta->magic = KM_META_MAGIC;
   meta->major_version = KM_META_MAJOR_VERSION;
   meta->minor_version = KM_META_MINOR_VERSION;
-  // Unbounded by the field: a long name runs into the following fields (never past the record).
-  km_copy_into_record(meta, meta->key_name, key_loc, strlen(key_loc));
+  // Unbounded by the field: a long name runs into the following fields, and one that would
+  // pass the record's end fails the call.
+  if (!km_copy_into_record(meta, meta->key_name, key_loc, strlen(key_loc), "km_init_km_meta")) {
+    return -1;
+  }
 
   if (type > KM_KDF_SCRYPT_KEYMASTER || type == 0 || type == KM_KDF_SCRYPT_KEYMASTER_OLD) {
     KM_LOGE("Unknown KDF type : %d", type);
@@ -180,6 +187,15 @@ int km_initial_setup(const char* key_loc, const char* password, size_t password_
   KM_LOGI("Key manager meta data initial setup start!!\n");
   if (!meta) {
     KM_LOGE("km_meta is Null!!\n");
+    return -1;
+  }
+  // Checked before any key is made or anything is stored.
+  if (!password) {
+    KM_LOGE("%s::Failed, passwd is NULL! \n", "km_initial_setup");
+    return -1;
+  }
+  if (!master_key) {
+    KM_LOGE("%s::Failed, master_key is NULL! \n", "km_initial_setup");
     return -1;
   }
   int rc = km_init_km_meta(meta, key_loc, keysize, kdf_type);

@@ -5,9 +5,12 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <stddef.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <mutex>
 
 #include "common/flags.h"
 #include "common/log.h"
@@ -121,16 +124,106 @@ int WriteToFile(const char* key_loc, int64_t offset, const void* image) {
   return 0;
 }
 
+// The places of the records last read or stored, newest by sequence. Locked: the KDFs of two
+// threads working on different records must not tear each other's place.
+struct RememberedOrigin {
+  bool used = false;
+  bool known = false;  // false: the place was too long to keep, so nothing may be written back
+  const km_meta* address = nullptr;
+  uint64_t sequence = 0;
+  uint8_t salt[sizeof(km_meta::salt)] = {};
+  uint8_t master_key[sizeof(km_meta::master_key)] = {};
+  km_record_origin origin = {};
+};
+constexpr size_t kRememberedOrigins = 8;
+std::mutex g_origins_mutex;
+RememberedOrigin g_origins[kRememberedOrigins];
+uint64_t g_origin_sequence = 0;
+
+bool SameRecord(const RememberedOrigin& entry, const km_meta* meta) {
+  return memcmp(entry.salt, meta->salt, sizeof(entry.salt)) == 0 &&
+         memcmp(entry.master_key, meta->master_key, sizeof(entry.master_key)) == 0;
+}
+
+bool SamePlace(const km_record_origin& origin, const char* key_loc, bool secure_storage,
+               uint64_t offset) {
+  return origin.secure_storage == secure_storage && strcmp(origin.key_loc, key_loc) == 0 &&
+         (secure_storage || origin.offset == offset);
+}
+
 }  // namespace
+
+void km_remember_origin(const char* key_loc, bool secure_storage, uint64_t offset,
+                        const km_meta* meta) {
+  const std::lock_guard<std::mutex> lock(g_origins_mutex);
+  const bool known = strlen(key_loc) < sizeof(km_record_origin::key_loc);
+  // The place holds this record now, and no other.
+  for (RememberedOrigin& entry : g_origins) {
+    if (entry.used && entry.known && SamePlace(entry.origin, key_loc, secure_storage, offset)) {
+      entry = RememberedOrigin();
+    }
+  }
+  RememberedOrigin* slot = &g_origins[0];
+  for (RememberedOrigin& entry : g_origins) {
+    if (!entry.used) {
+      slot = &entry;
+      break;
+    }
+    if (entry.sequence < slot->sequence) slot = &entry;
+  }
+  slot->used = true;
+  slot->known = known;
+  slot->address = meta;
+  slot->sequence = ++g_origin_sequence;
+  memcpy(slot->salt, meta->salt, sizeof(slot->salt));
+  memcpy(slot->master_key, meta->master_key, sizeof(slot->master_key));
+  slot->origin.secure_storage = secure_storage;
+  slot->origin.offset = offset;
+  slot->origin.key_loc[0] = '\0';
+  if (known) memcpy(slot->origin.key_loc, key_loc, strlen(key_loc) + 1);
+}
+
+void km_forget_origin(const char* key_loc, bool secure_storage, uint64_t offset) {
+  const std::lock_guard<std::mutex> lock(g_origins_mutex);
+  for (RememberedOrigin& entry : g_origins) {
+    if (entry.used && entry.known && SamePlace(entry.origin, key_loc, secure_storage, offset)) {
+      entry = RememberedOrigin();
+    }
+  }
+}
+
+bool km_find_origin(const km_meta* meta, km_record_origin* origin) {
+  const std::lock_guard<std::mutex> lock(g_origins_mutex);
+  // The newest place of this very buffer first, else the newest place of the same record.
+  const RememberedOrigin* found = nullptr;
+  for (bool same_address : {true, false}) {
+    for (const RememberedOrigin& entry : g_origins) {
+      if (!entry.used || !SameRecord(entry, meta)) continue;
+      if (same_address && entry.address != meta) continue;
+      if (!found || entry.sequence > found->sequence) found = &entry;
+    }
+    if (found) break;
+  }
+  if (!found || !found->known) return false;
+  *origin = found->origin;
+  return true;
+}
 
 int km_get_km_meta(const char* key_loc, uint64_t offset, km_meta* meta) {
   if (!key_loc) {
     KM_LOGE("%s::Failed, key_loc is NULL! \n", "km_get_km_meta");
     return -1;
   }
+  if (!meta) {
+    KM_LOGE("%s::Failed, km_meta is NULL! \n", "km_get_km_meta");
+    return -1;
+  }
   KM_LOGE("key_loc=%s, %llu\n", key_loc, static_cast<unsigned long long>(offset));
-  if (km_place_is_secure_storage(key_loc)) return GetFromSecureStorage(key_loc, meta);
-  return GetFromFile(key_loc, offset, meta);
+  const bool secure_storage = km_place_is_secure_storage(key_loc);
+  const int rc =
+      secure_storage ? GetFromSecureStorage(key_loc, meta) : GetFromFile(key_loc, offset, meta);
+  if (rc == 0) km_remember_origin(key_loc, secure_storage, offset, meta);
+  return rc;
 }
 
 int km_put_km_meta(const char* key_loc, int64_t offset, const km_meta* meta) {
@@ -138,8 +231,29 @@ int km_put_km_meta(const char* key_loc, int64_t offset, const km_meta* meta) {
     KM_LOGE("%s::Failed, key_loc is NULL! \n", "km_put_km_meta");
     return -1;
   }
-  if (!km_place_is_secure_storage(key_loc)) return WriteToFile(key_loc, offset, meta);
-  return km_put_km_meta_to_secure_storage(key_loc, meta);
+  if (!meta) {
+    KM_LOGE("%s::Failed, km_meta is NULL! \n", "km_put_km_meta");
+    return -1;
+  }
+  const bool secure_storage = km_place_is_secure_storage(key_loc);
+  const int rc = secure_storage ? km_put_km_meta_to_secure_storage(key_loc, meta)
+                                : WriteToFile(key_loc, offset, meta);
+  if (rc == 0) km_remember_origin(key_loc, secure_storage, static_cast<uint64_t>(offset), meta);
+  return rc;
+}
+
+int km_put_km_meta_to_file(const char* key_loc, int64_t offset, const km_meta* meta) {
+  return WriteToFile(key_loc, offset, meta);
+}
+
+bool km_peek_secure_storage_record(const char* key_loc, km_meta* meta) {
+  kmstore_device* device = nullptr;
+  if (kmstore_device_init(&device) < 0 || !device) return false;
+  memset(meta, 0, sizeof(*meta));
+  uint64_t length = KM_META_SIZE;
+  const int rc = device->read(key_loc, reinterpret_cast<uint8_t*>(meta), &length);
+  return rc >= 0 && !(rc == 1 && length == KM_META_SIZE) && length <= KM_META_SIZE &&
+         length >= offsetof(km_meta, km_key_blob);
 }
 
 bool km_place_is_secure_storage(const char* key_loc) {
@@ -172,7 +286,9 @@ int km_delete_meta(const char* key_loc, int64_t offset) {
   }
   if (!km_place_is_secure_storage(key_loc)) {
     static const uint8_t kZeros[KM_META_SIZE] = {};
-    return WriteToFile(key_loc, offset, kZeros);
+    const int rc = WriteToFile(key_loc, offset, kZeros);
+    if (rc == 0) km_forget_origin(key_loc, false, static_cast<uint64_t>(offset));
+    return rc;
   }
 
   kmstore_device* device = nullptr;
@@ -184,6 +300,7 @@ int km_delete_meta(const char* key_loc, int64_t offset) {
     KM_LOGE("Error::%s", strerror(errno));
     return -1;
   }
+  km_forget_origin(key_loc, true, 0);
   if (init_rc >= 2) KM_LOGE("Remove Meta:Unknown Error::%s", strerror(errno));
   return 0;
 }

@@ -21,6 +21,7 @@
 #include "common/scopers.h"
 #include "keymaster/legacy_keymaster.h"
 #include "metadata/keys.h"
+#include "metadata/store.h"
 #include "tavikm.h"
 
 namespace {
@@ -36,21 +37,31 @@ int WriteBack(const char* key_loc, const km_meta* meta) {
   return 0;
 }
 
-// "<key_name>_kek" in a 256-byte buffer. A name too long for it is a broken record that must
-// not be formatted past the buffer: the process aborts, as bounds-checked formatting would.
-void KekEntryName(const km_meta* meta, char (&name)[256]) {
+// "<key_name>_kek" in a 256-byte buffer. A name too long for it is a broken record: the read
+// fails with one line rather than format past the buffer.
+bool KekEntryName(const km_meta* meta, char (&name)[256]) {
   const tavikm::RecordView view(meta);
   const size_t length = static_cast<size_t>(view.key_name_length());
   if (!view.ok(tavikm::RecordView::kKeyName) || length + sizeof("_kek") > sizeof(name)) {
     KM_LOGE("key name of %zu bytes is too long for its kek entry", length);
-    abort();
+    return false;
   }
   memcpy(name, meta->key_name, length);
   memcpy(name + length, "_kek", sizeof("_kek"));
+  return true;
+}
+
+// Whether the record read from `key_loc` is the one its "_kek" entry belongs to. A copy of a
+// record under another name shares the entry with its original, which still needs it.
+bool OwnsKekEntry(const char* key_loc, const km_meta* meta) {
+  const tavikm::RecordView view(meta);
+  const size_t length = static_cast<size_t>(view.key_name_length());
+  return strlen(key_loc) == length && memcmp(key_loc, meta->key_name, length) == 0;
 }
 
 // Encrypts the KEK with Keymaster 4.0 object encryption into xtkm_value.
-int EncryptKekByKeymaster4(km_meta* meta, const uint8_t* kek, uint64_t kek_len) {
+int EncryptKekByKeymaster4(const char* key_loc, km_meta* meta, const uint8_t* kek,
+                           uint64_t kek_len) {
   unsigned char* out = nullptr;
   unsigned int out_len = 0;
   // Encrypt once more with the upgraded key: the first attempt produced nothing. Every failure
@@ -70,9 +81,10 @@ int EncryptKekByKeymaster4(km_meta* meta, const uint8_t* kek, uint64_t kek_len) 
         KM_LOGE("%s : Failed to upgrade key", "km_get_km_meta");
         return -1;
       },
+      // Back to the entry the record was read from, never to one its own name gives.
       [&] {
         return km_upgrade_aes_key_and_store(
-            meta, [&] { return km_put_km_meta(meta->key_name, 0, meta); });
+            meta, [&] { return km_put_km_meta_to_secure_storage(key_loc, meta); });
       });
   if (rc < 0) return rc;
   // The output is the KEK plus its 16-byte tag: copy what there is, at most the field.
@@ -123,7 +135,7 @@ int km_meta_upgrade_kek(const char* key_loc, km_meta* meta) {
   uint8_t kek[64] = {};
   uint64_t kek_len = 32;
   char entry[256];
-  KekEntryName(meta, entry);
+  if (!KekEntryName(meta, entry)) return -1;
   const tavikm::ScopedCleanse wipe_kek(kek, sizeof(kek));
 
   kmstore_device* device = nullptr;
@@ -140,7 +152,7 @@ int km_meta_upgrade_kek(const char* key_loc, km_meta* meta) {
   if (km_ensure_aes_key(meta) != 0) return -1;
 
   if (!km_flag_is_set(supportCBConly)) {
-    rc = EncryptKekByKeymaster4(meta, kek, kek_len);
+    rc = EncryptKekByKeymaster4(key_loc, meta, kek, kek_len);
     if (rc != 0) return rc;
   } else {
     keymaster_key_blob_t key = km_legacy_key_blob(meta);
@@ -161,6 +173,10 @@ int km_meta_upgrade_kek(const char* key_loc, km_meta* meta) {
 
   // Last: the record already holds the KEK. A failure here leaves a stale entry behind, and the
   // next read, finding a current record, does not try again.
+  if (!OwnsKekEntry(key_loc, meta)) {
+    KM_LOGI("%s kept: the record of %s was read from %s", entry, meta->key_name, key_loc);
+    return 0;
+  }
   if (device->remove(entry) < 0) {
     KM_LOGE("Failed to Remove Key file : %s", entry);
     KM_LOGE("Error::%s", strerror(errno));

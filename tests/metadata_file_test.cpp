@@ -200,18 +200,26 @@ TEST_F(MetadataFileTest, DevicesOtherThanRegularFilesHaveNoLengthCheck) {
 }
 
 // From key_name to the end of the record there are 440 bytes: a copy may run on into the fields
-// that follow, never past the end. The record sits inside a larger buffer, so an unchecked copy
-// would not fault by itself.
-TEST(RecordCopyTest, RunsIntoFollowingFieldsButAbortsBeforePassingTheRecord) {
+// that follow, never past the end; one that would is refused with one line and writes nothing.
+// The record sits inside a larger buffer, so an unchecked copy would not fault by itself.
+TEST(RecordCopyTest, RunsIntoFollowingFieldsButRefusesToPassTheRecord) {
+  LogCapture log;
   struct {
     km_meta meta;
     uint8_t after[16];
   } buffer = {};
   const std::vector<char> name(441, 'n');
-  km_copy_into_record(&buffer.meta, buffer.meta.key_name, name.data(), 440);
+  EXPECT_TRUE(km_copy_into_record(&buffer.meta, buffer.meta.key_name, name.data(), 440, "test"));
   EXPECT_EQ(buffer.meta.xtkm_value[0], 'n');
   EXPECT_EQ(reinterpret_cast<const uint8_t*>(&buffer.meta)[KM_META_SIZE - 1], 'n');
-  EXPECT_DEATH(km_copy_into_record(&buffer.meta, buffer.meta.key_name, name.data(), 441), "");
+  memset(&buffer, 0, sizeof(buffer));
+  log.Clear();
+  EXPECT_FALSE(km_copy_into_record(&buffer.meta, buffer.meta.key_name, name.data(), 441, "test"));
+  EXPECT_EQ(log.Lines(), std::vector<LogLine>{LogLine::Error(
+                             "test::Failed, 441 bytes at offset 2264 would pass the end of "
+                             "km_meta_t\n")});
+  EXPECT_EQ(buffer.meta.key_name[0], 0);
+  EXPECT_EQ(buffer.after[0], 0);
 }
 
 // Which place a key location names: the MDFPP flag counts only when it reads exactly "true",

@@ -399,6 +399,106 @@ TEST_F(RekStoreUpgradeTest, CorruptRecordsAreRefusedBeforeTheKeymaster) {
   }
 }
 
+// A KEK name the get would refuse (one that fills the record's field without a NUL) is refused
+// by the put too, with one line and nothing stored; even a name longer than the record.
+TEST_F(RekStoreUpgradeTest, PutRefusesNamesTheGetWouldRefuse) {
+  const std::vector<uint8_t> kek = Pattern(32, 0x11);
+  const std::string longest(255, 'n');
+  ASSERT_EQ(km_put_kek_enc_by_rek(longest.c_str(), kek.data(), kek.size()), 0);
+  uint8_t out[64];
+  uint64_t out_len = 0;
+  ASSERT_EQ(km_get_kek_enc_by_rek(longest.c_str(), out, &out_len), 0);
+  EXPECT_EQ(std::vector<uint8_t>(out, out + out_len), kek);
+  for (size_t length : {size_t{256}, size_t{440}, size_t{441}, size_t{4000}}) {
+    SCOPED_TRACE(length);
+    const std::string name(length, 'n');
+    const int keys_made = KeymasterCallCount(KeymasterCall::kGenerateKey);
+    log_.Clear();
+    EXPECT_EQ(km_put_kek_enc_by_rek(name.c_str(), kek.data(), kek.size()), -1);
+    EXPECT_EQ(log_.Lines(), std::vector<LogLine>{
+                                LogLine::Error("km_put_kek_enc_by_rek::Failed, key_name of " +
+                                               std::to_string(length) + " bytes is too long! \n")});
+    EXPECT_EQ(KeymasterCallCount(KeymasterCall::kGenerateKey), keys_made);
+    EXPECT_NE(access(EntryPath(name.substr(0, 200)).c_str(), F_OK), 0);
+  }
+}
+
+// A record is stored back where it was read, whatever name its bytes carry: a kdf 4 record
+// restored under another entry, or copied from a metadata file into secure storage, meets a key
+// upgrade during its unlock. The upgrade goes to the entry it was read from; the entry or file
+// its stored name gives stays as it was.
+TEST_F(RekStoreUpgradeTest, AnUpgradeDuringUnlockGoesWhereTheRecordWasRead) {
+  const std::string file = device_.Path("metadata");
+  struct Case {
+    const char* name;
+    std::string created_at;  // where setup stored the record (its key_name)
+  };
+  for (const Case& c :
+       {Case{"restored under another entry", "userdata"}, Case{"copied from a file", file}}) {
+    SCOPED_TRACE(c.name);
+    property_set("ro.product.tavi.support_mdfpp", "true");
+    property_set("ro.build.version.security_patch", "");
+    uint8_t master_key[32];
+    km_meta meta;
+    ASSERT_EQ(
+        km_initial_setup(c.created_at.c_str(), "pw", 2, master_key, 32, KM_KDF_PBKDF2_REK, &meta),
+        0);
+    const std::string original_path =
+        c.created_at[0] == '/' ? c.created_at : EntryPath(c.created_at);
+    const std::vector<uint8_t> original = ReadFile(original_path);
+    const std::vector<uint8_t> image(original.begin(), original.begin() + sizeof(km_meta));
+    WriteFile(EntryPath("userdata2"), image);
+    property_set("ro.build.version.security_patch", kNewerPatch);
+
+    const int upgrades = KeymasterCallCount(KeymasterCall::kUpgradeKey);
+    km_meta record;
+    ASSERT_EQ(km_get_km_meta("userdata2", 0, &record), 0);
+    uint8_t unwrapped[32];
+    ASSERT_EQ(km_decrypt_key("pw", 2, record.salt, record.master_key, unwrapped, &record), 0);
+    EXPECT_EQ(memcmp(unwrapped, master_key, sizeof(master_key)), 0);
+    ASSERT_EQ(KeymasterCallCount(KeymasterCall::kUpgradeKey), upgrades + 1);
+    EXPECT_EQ(ReadFile(original_path), original);
+    const std::vector<uint8_t> stored = ReadFile(EntryPath("userdata2"));
+    ASSERT_EQ(stored.size(), sizeof(km_meta));
+    km_meta stored_record;
+    memcpy(&stored_record, stored.data(), sizeof(stored_record));
+    EXPECT_EQ(stored_record.km_key_blob_size, record.km_key_blob_size);
+    EXPECT_EQ(memcmp(stored_record.km_key_blob, record.km_key_blob, sizeof(record.km_key_blob)), 0);
+
+    // Stored for good: the next unlock needs no upgrade.
+    ASSERT_EQ(km_get_km_meta("userdata2", 0, &record), 0);
+    ASSERT_EQ(km_decrypt_key("pw", 2, record.salt, record.master_key, unwrapped, &record), 0);
+    EXPECT_EQ(KeymasterCallCount(KeymasterCall::kUpgradeKey), upgrades + 1);
+    EXPECT_EQ(km_delete_meta("userdata2", 0), 0);
+  }
+}
+
+// A record whose place the library never saw (bytes the caller got elsewhere) is upgraded in
+// the caller's memory only: nothing is written, not even to the place its name gives.
+TEST_F(RekStoreUpgradeTest, AnUpgradeOfARecordFromNowhereIsLeftToTheCaller) {
+  property_set("ro.product.tavi.support_mdfpp", "true");
+  uint8_t master_key[32];
+  km_meta meta;
+  ASSERT_EQ(km_initial_setup("userdata", "pw", 2, master_key, 32, KM_KDF_PBKDF2_REK, &meta), 0);
+  const std::vector<uint8_t> original = ReadFile(EntryPath("userdata"));
+  km_meta record;
+  memcpy(&record, original.data(), sizeof(record));
+  // Another record now has the place the library last saw this one at.
+  uint8_t other_key[32];
+  ASSERT_EQ(km_initial_setup("userdata", "pw", 2, other_key, 32, KM_KDF_PBKDF2_REK, &meta), 0);
+  const std::vector<uint8_t> other = ReadFile(EntryPath("userdata"));
+  property_set("ro.build.version.security_patch", kNewerPatch);
+  log_.Clear();
+  uint8_t unwrapped[32];
+  ASSERT_EQ(km_decrypt_key("pw", 2, record.salt, record.master_key, unwrapped, &record), 0);
+  EXPECT_EQ(memcmp(unwrapped, master_key, sizeof(master_key)), 0);
+  EXPECT_EQ(ReadFile(EntryPath("userdata")), other);
+  const std::vector<std::string> texts = log_.Texts();
+  EXPECT_NE(std::find(texts.begin(), texts.end(),
+                      "Upgraded key not stored: the record's place is unknown"),
+            texts.end());
+}
+
 TEST_F(RekStoreUpgradeTest, InitForRekSetsTheHeaderWithoutClearing) {
   km_meta meta;
   memset(&meta, 0x5C, sizeof(meta));

@@ -138,7 +138,11 @@ TEST_F(InitMetaTest, ALongKeyLocationRunsIntoTheFollowingFieldsButNeverPastTheRe
   EXPECT_EQ(meta_.xtkm_value[300 - 256], 0);
 
   std::string too_long(441, 'k');
-  EXPECT_DEATH(km_init_km_meta(&meta_, too_long.c_str(), 32, KM_KDF_PBKDF2), "");
+  log_.Clear();
+  EXPECT_EQ(km_init_km_meta(&meta_, too_long.c_str(), 32, KM_KDF_PBKDF2), -1);
+  EXPECT_EQ(log_.Lines(), std::vector<LogLine>{LogLine::Error(
+                              "km_init_km_meta::Failed, 441 bytes at offset 2264 would pass the "
+                              "end of km_meta_t\n")});
 }
 
 class SetupTest : public DeviceTest {

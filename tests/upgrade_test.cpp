@@ -2,6 +2,7 @@
 // Records of older generations in secure storage, brought to the current one when read.
 #include <errno.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -246,6 +247,58 @@ TEST_F(UpgradeTest, AKeyNeedingAnUpgradeIsUpgradedDuringTheKekUpgrade) {
   EXPECT_NE(std::find(texts.begin(), texts.end(),
                       "km_get_km_meta : Failed to encrypt KEK by keymaster, rc=-2"),
             texts.end());
+}
+
+// A record restored under another entry carries the name of the record it was copied from,
+// maybe a path: the key upgrade during its KEK upgrade is stored where it was read, no entry or
+// file its name gives is made, and the "_kek" entry, which the original still needs, stays.
+TEST_F(UpgradeTest, AKeyUpgradeGoesToTheEntryTheRecordWasReadFrom) {
+  const std::string path = device_.Path("victim");
+  for (const std::string& name : {std::string(kName), path}) {
+    SCOPED_TRACE(name);
+    property_set("ro.build.version.security_patch", "");
+    km_meta record = old_;
+    record.major_version = 2;
+    memset(record.key_name, 0, sizeof(record.key_name));
+    strcpy(record.key_name, name.c_str());
+    ASSERT_EQ(km_ensure_aes_key(&record), 0);
+    StoreEntry("userdata2", &record, sizeof(record));
+    StoreEntry(name + "_kek", kek_, sizeof(kek_));
+    property_set("ro.build.version.security_patch", "2027-02-05");
+
+    km_meta read;
+    ASSERT_EQ(km_get_km_meta("userdata2", 0, &read), 0);
+    EXPECT_EQ(read.major_version, 3);
+    EXPECT_EQ(KekOf(&read, false), std::vector<uint8_t>(kek_, kek_ + 32));
+    std::vector<uint8_t> entry = Entry("userdata2");
+    ASSERT_EQ(entry.size(), size_t{KM_META_SIZE});
+    EXPECT_EQ(memcmp(entry.data(), &read, sizeof(read)), 0);
+    EXPECT_FALSE(HasEntry(name));
+    EXPECT_NE(access(path.c_str(), F_OK), 0) << "a file made from the record's name";
+    EXPECT_TRUE(HasEntry(name + "_kek"));
+    BuiltinKmstoreRemove("userdata2");
+    BuiltinKmstoreRemove((name + "_kek").c_str());
+  }
+}
+
+// A stored name too long for its "_kek" entry fails the read with one line; the process goes on.
+TEST_F(UpgradeTest, ANameTooLongForItsKekEntryFailsTheRead) {
+  for (size_t length : {size_t{252}, size_t{256}}) {
+    SCOPED_TRACE(length);
+    km_meta record = old_;
+    record.major_version = 2;
+    memset(record.key_name, 'n', sizeof(record.key_name));
+    if (length < sizeof(record.key_name)) record.key_name[length] = '\0';
+    StoreEntry(kName, &record, sizeof(record));
+    const std::vector<uint8_t> before = Entry(kName);
+    km_meta read;
+    log_.Clear();
+    EXPECT_EQ(km_get_km_meta(kName, 0, &read), -1);
+    EXPECT_EQ(Liblog(), (Lines{LogLine::Error("key_loc=userdata, 0\n"),
+                               LogLine::Error("key name of " + std::to_string(length) +
+                                              " bytes is too long for its kek entry")}));
+    EXPECT_EQ(Entry(kName), before);
+  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "common/log.h"
 #include "crypto/scrypt/backends.h"
 #include "tavikm.h"
 
@@ -85,6 +86,15 @@ int km_crypto_scrypt_with(const km_scrypt_backend* backend, const uint8_t* passw
   const uint64_t n_limit = r != 0 ? kMaxEntries / r : 0;
   if (r > r_limit || N > n_limit) {
     errno = ENOMEM;
+    return -1;
+  }
+  // A buffer may be missing only when it holds no bytes.
+  if ((!password && password_len) || (!salt && salt_len) || (!out && out_len)) {
+    KM_LOGE("%s::Failed, %s is NULL! \n", "crypto_scrypt",
+            (!password && password_len) ? "password"
+            : (!salt && salt_len)       ? "salt"
+                                        : "out");
+    errno = EINVAL;
     return -1;
   }
 
