@@ -569,7 +569,7 @@ TEST_F(ToolTest, AFieldNoPasswordCanOpenIsDamageNotAWrongPassword) {
     // --allow-cost: the damage is found without a cost limit in the way.
     for (const Args& args :
          {Args{"unlock", file, "--allow-cost", "--password-file", PasswordFile("pw")},
-          Passwd(file, "pw", "new")}) {
+          Join(Passwd(file, "pw", "new"), {"--allow-cost"})}) {
       ToolResult result = Tool(args);
       EXPECT_EQ(result.status, 4);
       EXPECT_EQ(result.err, "tavikm: the record is damaged: " + file + " at offset 0 has " + c.why +

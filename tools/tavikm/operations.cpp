@@ -210,8 +210,8 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
   } else {
     result.meta = FileRecord(place, raw);
   }
-  CheckOpenable(result.meta, place.Describe(), CbcOnly());
   CheckCost(result.meta, place.Describe());
+  CheckOpenable(result.meta, place.Describe(), CbcOnly());
   if (place.secure_storage) {
     RawRecord now = ReadRaw(place);
     if (now.stored_length != raw.stored_length ||
