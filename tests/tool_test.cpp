@@ -305,6 +305,15 @@ TEST_F(ToolTest, EveryCommandHasHelpAndHelpTouchesNoDevice) {
     ToolResult result = Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, command, "--help"});
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.out.rfind("usage: tavikm " + command, 0), 0u) << result.out;
+    // help COMMAND is the command's help, not the global one.
+    EXPECT_EQ(Exec({TAVIKM_TOOL_PATH, "--device-dir", fresh, "help", command}).out, result.out);
+  }
+  EXPECT_EQ(Exec({TAVIKM_TOOL_PATH, "help", "kek", "get"}).out,
+            Exec({TAVIKM_TOOL_PATH, "kek", "get", "--help"}).out);
+  // What a derivation command takes is in its usage line, not only in its option list.
+  for (std::string command : {"setup", "unlock", "passwd"}) {
+    std::string usage = Exec({TAVIKM_TOOL_PATH, command, "--help"}).out;
+    EXPECT_NE(usage.substr(0, usage.find('\n')).find("[--allow-cost]"), kNone) << usage;
   }
   EXPECT_FALSE(std::filesystem::exists(fresh));
   ToolResult result = Exec({TAVIKM_TOOL_PATH, "--help"});
@@ -516,6 +525,66 @@ TEST_F(ToolTest, EachExitStatusHasOneMeaningAndAFailedCommandChangesNothing) {
   ToolResult kek = Tool({"inspect", "--entry", "vold"});
   EXPECT_EQ(kek.status, 0);
   EXPECT_NE(kek.out.find("kdf_type           0 (none: a KEK)\n"), kNone) << kek.out;
+}
+
+// A field under which no password can open the record is damage, named as such, never a wrong
+// password; the record stays as it was, and the good password still gets through beside it.
+TEST_F(ToolTest, AFieldNoPasswordCanOpenIsDamageNotAWrongPassword) {
+  struct Case {
+    std::string kdf;
+    Args props;
+    std::function<void(km_meta*)> damage;
+    std::string why;  // after "<place> has "
+  };
+  const std::vector<Case> cases = {
+      {"2",
+       {},
+       [](km_meta* m) { m->keysize = 20; },
+       "keysize 20, which the wrapping cannot use (16, 24 or 32 bytes)"},
+      {"1",
+       {kCbcOnly},
+       [](km_meta* m) { m->keysize = 24; },
+       "keysize 24, which the wrapping cannot use (16 or 32 bytes)"},
+      {"5",
+       {},
+       [](km_meta* m) { m->km_key_blob_size = 0; },
+       "km_key_blob_size 0, not a Keymaster key (1 to 2048 bytes)"},
+      {"5",
+       {},
+       [](km_meta* m) { m->km_key_blob_size = 4096; },
+       "km_key_blob_size 4096, not a Keymaster key (1 to 2048 bytes)"},
+      {"1", {}, [](km_meta* m) { m->kdf_type = 9; }, "kdf_type 9, which is no KDF (1 to 5)"},
+      {"2",
+       {},
+       [](km_meta* m) { m->N_factor = 31; },
+       "N_factor 31, beyond scrypt's range (0 to 30)"},
+      {"2",
+       {},
+       [](km_meta* m) { m->r_factor = 15, m->p_factor = 15; },
+       "r_factor and p_factor 15 and 15, whose r*p reaches 2^30, beyond scrypt's range"},
+  };
+  const std::string file = MetadataFile();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    props_ = c.props;
+    ASSERT_EQ(Setup(file, "pw", {"--kdf", c.kdf, "--force"}).status, 0);
+    std::vector<uint8_t> bytes = ReadFile(file);
+    c.damage(reinterpret_cast<km_meta*>(bytes.data()));
+    WriteFile(file, bytes);
+    // --allow-cost: the damage is found without a cost limit in the way.
+    for (const Args& args :
+         {Args{"unlock", file, "--allow-cost", "--password-file", PasswordFile("pw")},
+          Join(Passwd(file, "pw", "new"), {"--allow-cost"})}) {
+      ToolResult result = Tool(args);
+      EXPECT_EQ(result.status, 4);
+      EXPECT_EQ(result.err, "tavikm: the record is damaged: " + file + " at offset 0 has " + c.why +
+                                "; no password can open it\n");
+      EXPECT_EQ(ReadFile(file), bytes);
+    }
+  }
+  props_ = {};
+  ASSERT_EQ(Setup(file, "pw", {"--kdf", "2", "--force"}).status, 0);
+  EXPECT_EQ(Unlock(file, "pw").status, 0);
 }
 
 // Runs `arrange` in a throwaway child: "" when it can set up what a case needs here, else why
@@ -806,6 +875,128 @@ TEST_F(ToolTest, ProgressAndPromptsShowOnlyOnATerminal) {
                  {{"New password", "one"}, {"Repeat", "two"}});
   EXPECT_EQ(mismatch.status, 1);
   EXPECT_NE(mismatch.out.find("tavikm: the two passwords do not match"), kNone) << mismatch.out;
+}
+
+// On a terminal, what destroys a record or a KEK says what is lost and waits for "yes"; anything
+// else changes nothing. --batch, or no terminal, never asks.
+TEST_F(ToolTest, ReplacingOrRemovingAsksOnATerminalUnlessBatch) {
+  props_ = {kMdfpp};
+  const std::string file = MetadataFile(), saved = Scratch("saved");
+  ASSERT_EQ(Setup(file, "pw").status, 0);
+  ASSERT_EQ(Tool({"backup", file, saved}).status, 0);
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  const std::vector<uint8_t> record = ReadFile(file), kek = Entry("vold");
+  const std::string question = "Type yes to go on: ";
+  struct Case {
+    Args args;
+    std::string loss;
+  };
+  const std::vector<Case> cases = {
+      {{"setup", file, "--force", "--password-file", PasswordFile("new")},
+       file + " at offset 0 is replaced by a new record: the master key stored there now is lost "
+              "for good."},
+      {{"restore", file, saved},
+       file + " at offset 0 is replaced by the backup: what it holds now "
+              "is lost."},
+      {{"kek", "put", "vold", "--random", "--force"},
+       "The KEK \"vold\" is replaced: what it protects cannot be opened without it."},
+      {{"kek", "delete", "vold"},
+       "The KEK \"vold\" is deleted: what it protects cannot be opened without it."},
+      {{"erase", file},
+       file + " at offset 0 is erased: its master key is lost unless a backup of it is restored."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.args));
+    for (std::string answer : {"no", "", "YES", "y"}) {
+      ToolResult refused = OnTerminal(c.args, {{question, answer}});
+      EXPECT_EQ(refused.status, 4);
+      EXPECT_EQ(refused.out, c.loss + "\r\n" + question + answer +
+                                 "\r\ntavikm: not confirmed; nothing was changed\r\n");
+      EXPECT_EQ(ReadFile(file), record);
+      EXPECT_EQ(Entry("vold"), kek);
+    }
+  }
+  // Confirmed, the command runs as without a terminal.
+  ToolResult yes = OnTerminal(cases[3].args, {{question, "yes"}});
+  EXPECT_EQ(yes.status, 0) << yes.out;
+  EXPECT_NE(yes.out.find("Deleted the KEK \"vold\""), kNone) << yes.out;
+  EXPECT_TRUE(Entry("vold").empty());
+  ToolResult batch = OnTerminal(Join({"--batch"}, cases[1].args));
+  EXPECT_EQ(batch.status, 0) << batch.out;
+  EXPECT_EQ(batch.out.find(question), kNone) << batch.out;
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  ToolResult quiet = OnTerminal({"-q", "kek", "delete", "vold"});
+  EXPECT_EQ(quiet.status, 0) << quiet.out;
+  EXPECT_EQ(quiet.out.find(question), kNone) << quiet.out;
+  // Off a terminal, scripts run as they always have, with or without --batch.
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  EXPECT_EQ(Tool({"kek", "put", "vold", "--random", "--force"}).status, 0);
+  ToolResult piped = Tool({"--batch", "kek", "delete", "vold"});
+  EXPECT_EQ(piped.status, 0);
+  EXPECT_EQ(piped.err, "");
+  // Nothing to lose, nothing asked.
+  ToolResult fresh =
+      OnTerminal({"setup", Path("other"), "--force", "--password-file", PasswordFile("pw")});
+  EXPECT_EQ(fresh.status, 0) << fresh.out;
+  EXPECT_EQ(fresh.out.find(question), kNone) << fresh.out;
+}
+
+// erase removes a record as the library deletes one; its backup brings it back, unless
+// --destroy-key also deleted the Keymaster key the record is bound to.
+TEST_F(ToolTest, AnErasedRecordComesBackFromItsBackupUnlessItsKeyWasDestroyed) {
+  props_ = {kMdfpp};
+  struct Case {
+    std::string loc;
+    Args offset;
+    std::string kdf;
+    bool bound;  // to a Keymaster key
+  };
+  const std::vector<Case> cases = {
+      {Path("bound"), {"--offset", "4096"}, "5", true},
+      {"userdata", {}, "5", true},
+      {"rek", {}, "4", true},
+      {"plain", {}, "2", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.loc);
+    const std::string saved = Scratch(c.kdf + "-" + std::to_string(c.loc.size()));
+    ToolResult made = Setup(c.loc, "pw", Join({"--kdf", c.kdf}, c.offset));
+    ASSERT_EQ(made.status, 0) << made.err;
+    ASSERT_EQ(Tool(Join({"backup", c.loc, saved}, c.offset)).status, 0);
+    std::vector<uint8_t> around = Stored(c.loc);
+    ToolResult erased = Tool(Join({"erase", c.loc}, c.offset));
+    EXPECT_EQ(erased.status, 0) << erased.err;
+    EXPECT_EQ(Unlock(c.loc, "pw", c.offset).status, 3);
+    if (c.loc[0] == '/') {
+      // Zeros where the record was, nothing else touched.
+      std::fill(around.begin() + 4096, around.begin() + 4096 + KM_META_SIZE, 0);
+      EXPECT_EQ(ReadFile(c.loc), around);
+    } else {
+      EXPECT_TRUE(Entry(c.loc).empty());
+    }
+    ASSERT_EQ(Tool(Join({"restore", c.loc, saved}, c.offset)).status, 0);
+    ToolResult back = Unlock(c.loc, "pw", c.offset);
+    EXPECT_EQ(back.status, 0) << back.err;
+    EXPECT_EQ(FingerprintIn(back.out), FingerprintIn(made.out));
+
+    ToolResult destroyed = Tool(Join({"erase", c.loc, "--destroy-key"}, c.offset));
+    EXPECT_EQ(destroyed.status, 0) << destroyed.err;
+    EXPECT_NE(destroyed.out.find(c.bound ? "Deleted its Keymaster key: no backup of it opens again."
+                                         : "It had no Keymaster key"),
+              kNone)
+        << destroyed.out;
+    ASSERT_EQ(Tool(Join({"restore", c.loc, saved}, c.offset)).status, 0);
+    EXPECT_EQ(Unlock(c.loc, "pw", c.offset).status, c.bound ? 4 : 0);
+  }
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  const std::vector<uint8_t> kek = Entry("vold");
+  ToolResult refused = Tool({"erase", "vold"});
+  EXPECT_EQ(refused.status, 4);
+  EXPECT_EQ(refused.err,
+            "tavikm: secure-storage entry \"vold\" holds a KEK, not the record of a master key "
+            "(tavikm kek delete vold removes it)\n");
+  EXPECT_EQ(Entry("vold"), kek);
+  EXPECT_EQ(Tool({"erase", "nosuch"}).status, 3);
 }
 
 TEST_F(ToolTest, AResultThatCannotBeWrittenIsAFailureThatSaysWhatStands) {

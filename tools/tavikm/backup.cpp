@@ -23,8 +23,10 @@
 #include "common/files.h"
 #include "common/le_codec.h"
 #include "common/scopers.h"
+#include "confirm.h"
 #include "guards.h"
 #include "input_files.h"
+#include "keymaster/Keymaster.h"
 #include "legacy_kek.h"
 #include "log_sink.h"
 #include "operations.h"
@@ -296,6 +298,9 @@ int RunRestore(const std::vector<std::string>& args) {
   if (!place.secure_storage && !offset) place.offset = backup.offset;
   CheckRoom(place);
   CheckFits(place);
+  if (Holds(place)) {
+    ConfirmLoss(place.Describe() + " is replaced by the backup: what it holds now is lost.");
+  }
   OpenedPlace opened(place);
   // Under the lock: the file as it is now, and no record beside it overwritten.
   CheckFits(place, opened.fd());
@@ -311,6 +316,83 @@ int RunRestore(const std::vector<std::string>& args) {
   printf("Restored %s from %s\n", TerminalText(Summary(place, backup.image)).c_str(),
          TerminalText(source).c_str());
   OPENSSL_cleanse(backup.image.data(), backup.image.size());
+  return kExitOk;
+}
+
+int RunErase(const std::vector<std::string>& args) {
+  ArgParser parser(
+      "usage: tavikm erase KEY_LOC [--offset N] [--destroy-key]",
+      std::string("Removes the record of KEY_LOC as the library deletes one: a secure-storage\n"
+                  "entry is removed, a record in a metadata file is overwritten with zeros. A\n"
+                  "backup of it can still be restored. A KEK is refused (tavikm kek delete).\n\n") +
+          kPlaceHelp +
+          "\n"
+          "  --offset N               where the record is in a metadata file (default 0)\n"
+          "  --destroy-key            also delete the record's Keymaster key, so that no backup\n"
+          "                           of a kdf 4 or 5 record opens again\n");
+  std::optional<std::string> offset;
+  bool destroy_key = false;
+  parser.Value("--offset", &offset);
+  parser.Flag("--destroy-key", &destroy_key);
+  if (!parser.Parse(args, 1, 1)) return kExitOk;
+  Place place = ResolvePlace(parser.positional()[0], offset);
+  CheckRoom(place);
+  auto check = [&](const RawRecord& raw) {
+    if (raw.Empty()) {
+      throw ToolError(kExitNotFound, place.secure_storage
+                                         ? "no record named \"" + place.loc + "\" in secure storage"
+                                         : "no record in " + place.Describe());
+    }
+    if (place.secure_storage) RefuseLegacyKek(place.loc, "erase");
+    if (raw.Kek()) {
+      throw ToolError(kExitFailure, place.Describe() +
+                                        " holds a KEK, not the record of a master key (tavikm "
+                                        "kek delete " +
+                                        place.loc + " removes it)");
+    }
+  };
+  check(ReadRaw(place));
+  ConfirmLoss(place.Describe() + " is erased: its master key is lost" +
+              (destroy_key ? ", and with its Keymaster key no backup of it opens again."
+                           : " unless a backup of it is restored."));
+  OpenedPlace opened(place);
+  RawRecord raw = ReadRaw(place);
+  check(raw);
+  // The key blob is taken before the record goes; only a size the field holds is trusted.
+  std::string key;
+  if (destroy_key && raw.meta.km_key_blob_size > 0 &&
+      raw.meta.km_key_blob_size <= KM_KEY_BLOB_CAPACITY) {
+    key.assign(reinterpret_cast<const char*>(raw.meta.km_key_blob),
+               static_cast<size_t>(raw.meta.km_key_blob_size));
+  }
+  OPENSSL_cleanse(&raw.meta, sizeof(raw.meta));
+  WriteGuard guard(opened, nullptr, 0);
+  guard.Run([&] {
+    if (place.secure_storage) {
+      ForgetSeen();
+      if (km_delete_meta(place.loc.c_str(), 0) != 0) {
+        throw ToolError(kExitFailure, "cannot erase " + place.Describe() + Why());
+      }
+    } else {
+      WriteImage(opened, std::vector<uint8_t>(KM_META_SIZE, 0));
+    }
+    return 0;
+  });
+  NoteChanged(place.Describe() + " was erased");
+  printf("Erased %s\n", TerminalText(place.Describe()).c_str());
+  if (destroy_key) {
+    if (key.empty()) {
+      printf("It had no Keymaster key: a backup of it still opens with its password.\n");
+      return kExitOk;
+    }
+    android::mdfpp::Keymaster keymaster;
+    if (!keymaster || !keymaster.deleteKey(key)) {
+      throw ToolError(kExitFailure,
+                      "the record is erased, but its Keymaster key could not be "
+                      "deleted: a backup of it still opens");
+    }
+    printf("Deleted its Keymaster key: no backup of it opens again.\n");
+  }
   return kExitOk;
 }
 

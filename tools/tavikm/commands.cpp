@@ -14,6 +14,7 @@
 
 #include "cli.h"
 #include "common/scopers.h"
+#include "confirm.h"
 #include "guards.h"
 #include "input_files.h"
 #include "legacy_kek.h"
@@ -151,7 +152,7 @@ void ApplyProps(const std::vector<std::string>& props) {
 int RunSetup(const std::vector<std::string>& args) {
   ArgParser parser(
       "usage: tavikm setup KEY_LOC [--kdf default|1|2|4|5] [--keysize 16|32] [--offset N] "
-      "[--password-file FILE] [--allow-empty-password] [--show-key] [--force]",
+      "[--password-file FILE] [--allow-empty-password] [--show-key] [--force] [--allow-cost]",
       std::string(
           "Creates a record for KEY_LOC with a new random master key wrapped under a new\n"
           "password, and prints where it is, its KDF and the master key's fingerprint.\n\n") +
@@ -187,6 +188,11 @@ int RunSetup(const std::vector<std::string>& args) {
   Place place = ResolvePlace(parser.positional()[0], offset);
   CheckRoom(place);
   CheckFits(place);
+  if (force && Holds(place)) {
+    ConfirmLoss(place.Describe() +
+                " is replaced by a new record: the master key stored there now "
+                "is lost for good.");
+  }
   Password password =
       ReadNewPassword(password_file, "New password for " + TerminalText(place.loc) + ": ");
   RefuseEmpty(password, allow_empty);
@@ -202,7 +208,8 @@ int RunSetup(const std::vector<std::string>& args) {
 
 int RunUnlock(const std::vector<std::string>& args) {
   ArgParser parser(
-      "usage: tavikm unlock KEY_LOC [--offset N] [--password-file FILE] [--show-key]",
+      "usage: tavikm unlock KEY_LOC [--offset N] [--password-file FILE] [--show-key] "
+      "[--allow-cost]",
       std::string(
           "Reads the record of KEY_LOC, unwraps its master key with the password and prints\n"
           "the key's fingerprint. A record the library upgrades on the way (an older\n"
@@ -250,7 +257,7 @@ int RunUnlock(const std::vector<std::string>& args) {
 int RunPasswd(const std::vector<std::string>& args) {
   ArgParser parser(
       "usage: tavikm passwd KEY_LOC [--offset N] [--password-file FILE] "
-      "[--new-password-file FILE] [--allow-empty-password]",
+      "[--new-password-file FILE] [--allow-empty-password] [--allow-cost]",
       std::string("Changes the password of KEY_LOC: unwraps the master key with the old password,\n"
                   "wraps the same key under the new one with a new salt, and stores the record\n"
                   "only when that succeeded; on any failure the old record stays as it was.\n\n") +
@@ -401,6 +408,10 @@ int RunKek(const std::vector<std::string>& args) {
       kek = KeyFromHex(ReadKeyFile(*key_file), *key_file);
     }
     const std::string& name = parser.positional()[0];
+    if (force && Holds(Place{true, name, 0})) {
+      ConfirmLoss("The KEK \"" + name +
+                  "\" is replaced: what it protects cannot be opened without it.");
+    }
     PutKek(name, kek, force);
     NoteChanged("the KEK \"" + name + "\" was stored");
     printf("Stored the KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
@@ -412,10 +423,8 @@ int RunKek(const std::vector<std::string>& args) {
         "usage: tavikm kek get NAME [--show-key]",
         store_help +
             "\nPrints the KEK's length and fingerprint. When the library answers that\n"
-            "the Keymaster key was upgraded on the way, it is asked once more. The\n"
-            "library stores the upgraded entry through the record store, which\n"
-            "reaches secure storage only in MDFPP mode; elsewhere it writes a file\n"
-            "named NAME in the current directory and the entry stays as it was.\n\n"
+            "the Keymaster key was upgraded on the way, it is asked once more; the\n"
+            "library has then stored the entry NAME again with the upgraded key.\n\n"
             "  --show-key               print the KEK itself too\n");
     bool show_key = false;
     parser.Flag("--show-key", &show_key);
@@ -435,6 +444,11 @@ int RunKek(const std::vector<std::string>& args) {
     ArgParser parser("usage: tavikm kek delete NAME", store_help);
     if (!parser.Parse(rest, 1, 1)) return kExitOk;
     const std::string& name = parser.positional()[0];
+    CheckKeyLocation(name);
+    if (Holds(Place{true, name, 0})) {
+      ConfirmLoss("The KEK \"" + name +
+                  "\" is deleted: what it protects cannot be opened without it.");
+    }
     DeleteKek(name);
     NoteChanged("the KEK \"" + name + "\" was deleted");
     printf("Deleted the KEK \"%s\"\n", TerminalText(name, true).c_str());

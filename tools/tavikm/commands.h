@@ -27,6 +27,7 @@ int RunKek(const std::vector<std::string>& args);
 int RunList(const std::vector<std::string>& args);
 int RunBackup(const std::vector<std::string>& args);
 int RunRestore(const std::vector<std::string>& args);
+int RunErase(const std::vector<std::string>& args);
 int RunBenchmark(const std::vector<std::string>& args);
 int RunDemo(const std::vector<std::string>& args, const Globals& globals);
 

@@ -11,6 +11,7 @@
 
 #include "cli.h"
 #include "commands.h"
+#include "confirm.h"
 #include "lock.h"
 #include "log_sink.h"
 #include "outcome.h"
@@ -25,7 +26,7 @@ namespace {
 using namespace tavikm_tool;
 
 const char kUsage[] =
-    "usage: tavikm [--device-dir DIR] [--prop KEY=VALUE]... [--wait SECONDS] [-v] COMMAND ...";
+    "usage: tavikm [--device-dir DIR] [--prop KEY=VALUE]... [--wait SECONDS] [-q] [-v] COMMAND ...";
 
 const char kHelp[] =
     "Key management for storage encryption, on the host platform's emulated device.\n"
@@ -38,11 +39,12 @@ const char kHelp[] =
     "  list [FILE]...           the entries of secure storage, the records in metadata files\n"
     "  backup KEY_LOC FILE|-    save a record to FILE (- standard output), with a SHA-256\n"
     "  restore KEY_LOC FILE|-   write a saved record back (- from standard input)\n"
+    "  erase KEY_LOC            remove a record (--destroy-key: and its Keymaster key)\n"
     "  kek put|get|delete NAME  the store of key-encryption keys\n"
     "  benchmark                KDF timings on this machine, and the scrypt cost for an\n"
     "                           unlock time here\n"
     "  demo                     a narrated tour in a throwaway device directory\n"
-    "  help                     this text\n"
+    "  help [COMMAND]           this text, or the command's own help\n"
     "  version                  the versions of the tool and of the library it loaded\n"
     "Each command explains itself with --help.\n"
     "\n"
@@ -58,6 +60,8 @@ const char kHelp[] =
     "                           long a FIFO given as password or key file may stay silent\n"
     "  -v                       library log lines to stderr, not to log.txt in the device\n"
     "                           directory\n"
+    "  -q, --batch              never ask before replacing or removing a record or a KEK\n"
+    "                           (off a terminal the tool never asks)\n"
     "  --version                the same as the version command\n"
     "\n"
     "Exit status: 0 success, 1 usage or unusable input, 2 wrong password, 3 no such record\n"
@@ -94,6 +98,8 @@ int Run(const std::vector<std::string>& args) {
       SetLockWait(seconds > 3600 ? 3600 : static_cast<unsigned>(seconds));
     } else if (TakeValue(args, &i, "--prop", &value)) {
       globals.props.push_back(value);
+    } else if (args[i] == "-q" || args[i] == "--batch") {
+      SetBatch(true);
     } else if (args[i] == "-v" || args[i] == "--verbose") {
       globals.verbose = true;
     } else if (args[i] == "--version") {
@@ -108,8 +114,14 @@ int Run(const std::vector<std::string>& args) {
     }
   }
   if (i == args.size()) throw UsageError("missing command");
-  const std::string command = args[i];
+  std::string command = args[i];
   std::vector<std::string> rest(args.begin() + static_cast<long>(i) + 1, args.end());
+  // help COMMAND [VERB] is COMMAND [VERB] --help.
+  if (command == "help" && !rest.empty() && rest[0] != "help") {
+    command = rest[0];
+    rest.erase(rest.begin());
+    rest.push_back("--help");
+  }
 
   InstallLogSink(globals.verbose);
   EnableProgress(!globals.verbose);
@@ -129,6 +141,7 @@ int Run(const std::vector<std::string>& args) {
   if (command == "list") return RunList(rest);
   if (command == "backup") return RunBackup(rest);
   if (command == "restore") return RunRestore(rest);
+  if (command == "erase") return RunErase(rest);
   if (command == "benchmark") return RunBenchmark(rest);
   if (command == "help") {
     printf("%s\n%s", kUsage, kHelp);

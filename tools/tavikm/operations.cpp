@@ -211,6 +211,7 @@ UnlockResult UnlockOpened(const OpenedPlace& opened, const Password& password) {
     result.meta = FileRecord(place, raw);
   }
   CheckCost(result.meta, place.Describe());
+  CheckOpenable(result.meta, place.Describe(), CbcOnly());
   if (place.secure_storage) {
     RawRecord now = ReadRaw(place);
     if (now.stored_length != raw.stored_length ||

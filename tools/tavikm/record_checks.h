@@ -21,6 +21,13 @@ bool CostAllowed(const km_meta& meta);
 // `where` names the record.
 void CheckCost(const km_meta& meta, const std::string& where);
 
+// Throws "the record is damaged" (exit 4), naming the field, when a field the derivation or the
+// unwrapping depends on holds a value under which no password can open the record: a keysize
+// the wrapping cannot use, an unknown kdf_type, scrypt factors beyond scrypt's range, a missing
+// or oversized Keymaster key, lengths beyond their fields. Otherwise the library's failure would
+// read as a wrong password. `cbc_only`: the wrapping is CBC with a password MAC.
+void CheckOpenable(const km_meta& meta, const std::string& where, bool cbc_only);
+
 // "N=2^15 r=2^3 p=2^1"
 std::string ScryptCost(const km_meta& meta);
 
