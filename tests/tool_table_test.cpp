@@ -5,7 +5,9 @@
 // against the same table by tool_docs_test and against --help by tool_completion_test).
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -92,13 +94,25 @@ TEST_F(ToolTableTest, EveryHelpAndUsageLineIsTheTables) {
       EXPECT_NE(help.find("\n  " + tavikm_tool::OptionLabel(*option) + " "), std::string::npos)
           << option->name;
     }
-    // A usage error names the cause, then shows this entry's usage line.
-    ToolResult wrong = Tool(Join(Words(path), {"--no-such-option"}));
+  }
+  // A usage error names the cause, then shows the usage line of the entry that refused it: a
+  // command, a verb, and a group that does not know the verb (every entry's line is checked
+  // through the parser below).
+  const std::vector<std::pair<Args, std::string>> errors = {
+      {{"setup", "--no-such-option"}, "unknown option --no-such-option"},
+      {{"kek", "get", "--no-such-option"}, "unknown option --no-such-option"},
+      {{"kek", "--no-such-option"}, "unknown kek command --no-such-option"},
+  };
+  for (const auto& [args, sentence] : errors) {
+    ToolResult wrong = Tool(args);
+    Args words = args;
+    words.pop_back();
+    std::vector<const Command*> path;
+    for (size_t i = 0; i < words.size(); ++i) {
+      path.push_back(tavikm_tool::FindCommand(Args(words.begin(), words.begin() + i + 1)));
+    }
     EXPECT_EQ(wrong.status, 1);
-    EXPECT_EQ(wrong.err,
-              path.back()->verbs.empty()
-                  ? "tavikm: unknown option --no-such-option\n" + usage + "\n"
-                  : "tavikm: unknown " + Name(path) + " command --no-such-option\n" + usage + "\n");
+    EXPECT_EQ(wrong.err, "tavikm: " + sentence + "\n" + tavikm_tool::UsageLine(path) + "\n");
   }
 }
 
@@ -127,6 +141,9 @@ TEST_F(ToolTableTest, ACommandTakesTheOptionsOfItsEntryAndNoOther) {
     }
     for (size_t i = 0; i < min; ++i) positional.push_back("p" + std::to_string(i));
     EXPECT_EQ(ParseError(path, positional), "");
+    EXPECT_EQ(ParseError(path, {"--no-such-option"}), "unknown option --no-such-option");
+    // What main prints after the sentence.
+    EXPECT_EQ(tavikm_tool::CurrentUsage(), tavikm_tool::UsageLine(path));
     if (min > 0) {
       EXPECT_EQ(ParseError(path, Args(positional.begin(), positional.end() - 1)),
                 "missing argument");
@@ -178,6 +195,9 @@ TEST_F(ToolTableTest, ACommandTakesTheOptionsOfItsEntryAndNoOther) {
 
 TEST_F(ToolTableTest, GlobalOptionsAreTheTables) {
   std::string usage = tavikm_tool::ToolUsageLine();
+  // Before the command every global option is taken, by each of its names, with its value given
+  // apart or after '='.
+  Args apart, joined;
   for (const Option* option : GlobalOptions()) {
     SCOPED_TRACE(option->name);
     // The usage line shows every option that does not run a command of its own, by its short
@@ -185,26 +205,49 @@ TEST_F(ToolTableTest, GlobalOptionsAreTheTables) {
     std::string shown =
         option->short_name && !option->TakesValue() ? option->short_name : option->name;
     EXPECT_EQ(usage.find("[" + shown) != std::string::npos, option->runs == nullptr);
-    // Before the command, either name is taken; a value is required where the table says so.
-    for (const char* name : {option->name, option->short_name}) {
-      if (!name) continue;
-      Args args = {name};
-      if (option->TakesValue()) args.push_back(option->name == std::string("--prop") ? "a=b" : "1");
-      ToolResult result = Tool(Join(args, {"version"}));
-      EXPECT_EQ(result.status, 0) << name << ": " << result.err;
+    if (option->runs) {
+      for (const char* name : {option->name, option->short_name}) {
+        if (name) {
+          EXPECT_EQ(Exec({TAVIKM_TOOL_PATH, name}).out, Exec({TAVIKM_TOOL_PATH, option->runs}).out);
+        }
+      }
+      continue;
     }
+    std::string value = option->name == std::string("--prop") ? "a=b" : "1";
     if (option->TakesValue()) {
-      ToolResult result = Exec({TAVIKM_TOOL_PATH, option->name});
-      EXPECT_EQ(result.err.rfind("tavikm: " + std::string(option->name) + " needs a value\n", 0),
-                0u)
-          << result.err;
+      apart.insert(apart.end(), {option->name, value});
+      joined.push_back(std::string(option->name) + "=" + value);
+      ToolResult missing = Exec({TAVIKM_TOOL_PATH, option->name});
+      EXPECT_EQ(missing.err,
+                "tavikm: " + std::string(option->name) + " needs a value\n" + usage + "\n");
+    } else {
+      apart.push_back(option->name);
+      if (option->short_name) joined.push_back(option->short_name);
     }
   }
-  // --version is the version command.
-  EXPECT_EQ(Exec({TAVIKM_TOOL_PATH, "--version"}).out, Exec({TAVIKM_TOOL_PATH, "version"}).out);
+  for (const Args& args : {apart, joined}) {
+    ToolResult result = Tool(Join(args, {"version"}));
+    EXPECT_EQ(result.status, 0) << ::testing::PrintToString(args) << ": " << result.err;
+  }
   EXPECT_EQ(Exec({TAVIKM_TOOL_PATH, "--version"}).out.rfind("tavikm ", 0), 0u);
-  ToolResult unknown = Exec({TAVIKM_TOOL_PATH, "--batch=1", "version"});
-  EXPECT_EQ(unknown.err, "tavikm: --batch takes no value\n" + usage + "\n");
+  ToolResult flag_value = Exec({TAVIKM_TOOL_PATH, "--batch=1", "version"});
+  EXPECT_EQ(flag_value.err, "tavikm: --batch takes no value\n" + usage + "\n");
+}
+
+// The README quotes usage lines as the tool prints them; each must be one the table makes.
+TEST_F(ToolTableTest, TheReadmesUsageLinesAreTheTools) {
+  std::set<std::string> lines = {tavikm_tool::ToolUsageLine()};
+  for (const EntryPath& path : Entries()) lines.insert(tavikm_tool::UsageLine(path));
+  std::ifstream readme(std::string(TAVIKM_SOURCE_DIR) + "/README.md");
+  ASSERT_TRUE(readme) << "no README.md in " << TAVIKM_SOURCE_DIR;
+  size_t quoted = 0;
+  for (std::string line; std::getline(readme, line);) {
+    if (line.rfind("usage: tavikm", 0) != 0) continue;
+    ++quoted;
+    EXPECT_EQ(lines.count(line), 1u) << "README.md quotes a usage line the tool does not print:\n"
+                                     << line;
+  }
+  EXPECT_GT(quoted, 0u);
 }
 
 }  // namespace
