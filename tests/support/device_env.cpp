@@ -40,7 +40,14 @@ TempDeviceDir::~TempDeviceDir() {
     setenv("TAVIKM_DEVICE_DIR", previous_.c_str(), 1);
   else
     unsetenv("TAVIKM_DEVICE_DIR");
+  // Tests lock folders against writing; their owner must still be able to empty them.
   std::error_code ec;
+  namespace fs = std::filesystem;
+  for (fs::recursive_directory_iterator it(path_, ec), end; !ec && it != end; it.increment(ec)) {
+    if (it->is_directory(ec) && !it->is_symlink(ec))
+      fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
+  }
+  fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ec);
   std::filesystem::remove_all(path_, ec);
 }
 
