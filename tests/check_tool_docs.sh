@@ -103,6 +103,9 @@ case $mode in
       done < <(subcommands "$c")
     done
     expect "delete get put " kek ""
+    # help takes a command, then a group's verb.
+    expect "$(echo "$commands" | sort -u | tr '\n' ' ')" help ""
+    expect "delete get put " help kek ""
     # A global option's value is not taken for the command.
     expect "--keysize " --device-dir /tmp setup --keys
     expect "FILE " --prop a=b unlock --password-file ""

@@ -344,9 +344,20 @@ std::string BashCompletion() {
       "  elif [[ $command == @(" +
       Words(command_commands, "|") +
       ") ]]; then\n"
-      "    COMPREPLY=($(compgen -W '" +
-      Words(commands) +
-      "' -- \"$cur\"))\n"
+      "    # A command name, then a verb of a group.\n"
+      "    case $prev in\n"
+      "      " +
+      Words(command_commands, " | ") + ") COMPREPLY=($(compgen -W '" + Words(commands) +
+      "' -- \"$cur\")) ;;\n";
+  for (const Command& command : Commands()) {
+    if (command.verbs.empty()) continue;
+    std::vector<std::string> verbs;
+    for (const Command& verb : command.verbs) verbs.push_back(verb.name);
+    out += "      " + std::string(command.name) + ") COMPREPLY=($(compgen -W '" + Words(verbs) +
+           "' -- \"$cur\")) ;;\n";
+  }
+  out +=
+      "    esac\n"
       "  fi\n"
       "} && complete -F _tavikm tavikm\n";
   return out;
