@@ -2,7 +2,7 @@
 // The tavikm tool's commands and options, declared once. The table drives the parsing of a
 // command line, the dispatch to each command, the usage line shown after a usage error, every
 // --help and `help COMMAND`, the tool's own help, and (through tavikm_docs) the bash completion
-// and the man page's synopsis and command entries, so none of them can disagree.
+// and the man page's synopsis, options and commands, so none of them can disagree.
 #ifndef TAVIKM_TOOLS_COMMAND_TABLE_H_
 #define TAVIKM_TOOLS_COMMAND_TABLE_H_
 
@@ -24,7 +24,7 @@ struct Option {
   const char* short_name;   // "-q", or nullptr
   const char* placeholder;  // "N" in the option list; nullptr for a flag
   const char* choices;      // "16|32": in the usage line instead of the placeholder, completed
-  bool repeatable;          // each occurrence counts, shown as [...]...
+  bool repeatable;          // each occurrence is kept; the usage line shows [...]...
   Completion completion;    // of the value
   // One line per '\n'; the option list indents the lines after the first under it.
   const char* help;
@@ -53,10 +53,11 @@ struct Command {
   const char* name;
   std::vector<Operand> operands;
   std::vector<const Option*> options;
-  const char* summary;      // in the tool's list of commands, one line per '\n'
-  const char* description;  // --help's text between the usage line and the options
-  const char* epilogue;     // --help's text after the options, or nullptr
-  Handler run;              // nullptr for a group of verbs
+  const char* summary;  // in the tool's list of commands, one line per '\n'
+  // --help's text between the usage line and the options; a group's also opens each verb's.
+  const char* description;
+  const char* epilogue;  // --help's text after the options, or nullptr
+  Handler run;           // nullptr for a group of verbs
   std::vector<Command> verbs;
   // demo makes its own device directory; help and version need none.
   bool needs_device = true;
