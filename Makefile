@@ -61,7 +61,7 @@ bench:
 	build/bench/bench/e2e_bench
 
 .PHONY: openssl-test fuzz fuzz-ci fuzz-seeds valgrind-test coverage format format-check check-layers \
-  android-bp faults
+  android-bp faults tool-docs
 
 # The library and its tests against the system OpenSSL 3 instead of BoringSSL.
 openssl-test:
@@ -129,6 +129,13 @@ faults:
 # Android.bp's srcs written anew from cmake/library_sources.txt (android_bp_test checks them).
 android-bp:
 	scripts/gen-android-bp
+
+# The bash completion and the man page's synopsis, options and commands written anew from the
+# tool's command table (tools/tavikm/command_table.cpp; tool_docs_test checks them).
+tool-docs:
+	cmake --preset default
+	cmake --build --preset default -j $(JOBS) --target tavikm_docs
+	build/default/tools/tavikm_docs .
 
 # The library's folders use only those below them (scripts/check-layers); run after a build.
 check-layers: build

@@ -20,8 +20,9 @@ fail() {
 
 commands=$("${tool[@]}" help | sed -n '/^Commands:/,/^$/p' | sed -n 's/^  \([a-z]\+\).*/\1/p')
 [ -n "$commands" ] || { echo "no commands in the tool's help"; exit 1; }
+# Both names of an option listed as "-q, --batch".
 global_options=$("${tool[@]}" help | sed -n '/^Options/,/^$/p' |
-  grep -o -E '^  (-[a-z]|--[a-z-]+)' | tr -d ' ' | sort -u)
+  grep -o -E '^  (-[a-z], )?--?[a-z-]+' | tr -d ' ' | tr ',' '\n' | sort -u)
 # The options of one command (or kek verb): those of its usage line and of its option list.
 options_of() {
   "${tool[@]}" "$@" --help | sed -n -e '1p' -e '/^  --/p' | grep -o -E -- '--[a-z][a-z-]*' |
@@ -40,10 +41,13 @@ case $mode in
     # The page's text as a reader sees it, with the hyphens unescaped.
     text=$(sed -e 's/\\-/-/g' -e 's/\\f[BIRP]//g' "$page")
     for c in $commands; do
-      # The command's own entry: from its tag line to the next paragraph or section.
+      # The command's own entry: from the tag line after a .TP to the next .TP or section at
+      # the same depth (a group's verbs are entries nested in it).
       entry=$(awk -v c="$c" '
-        /^\.(TP|SH)/ { if (inside) exit }
-        $0 ~ "^\\.(B|BI|BR) \"?" c "( |\"|$)" { inside = 1 }
+        inside && depth == 0 && /^\.(TP|SH)/ { exit }
+        /^\.RS/ { depth++ } /^\.RE/ { depth-- }
+        !inside && prev == ".TP" && $0 ~ "^" c "( |$)" { inside = 1; depth = 0 }
+        { prev = $0 }
         inside' <<<"$text")
       [ -n "$entry" ] || fail "the man page lacks the command $c"
       # help and version take no options (their --help is the tool's own).
@@ -55,8 +59,10 @@ case $mode in
         done
       done < <(subcommands "$c")
     done
+    # The tag lines of the OPTIONS section.
+    tags=$(sed -n '/^\.SH OPTIONS/,/^\.SH/p' <<<"$text" | sed -n '/^\.TP/{n;p}')
     for o in $global_options; do
-      grep -q -e "^\.B[IR]\? $o\b" <<<"$text" || fail "the man page lacks the global option $o"
+      grep -q -e "\(^\|, \)$o\b" <<<"$tags" || fail "the man page lacks the global option $o"
     done
     ;;
   completion)
@@ -97,6 +103,9 @@ case $mode in
       done < <(subcommands "$c")
     done
     expect "delete get put " kek ""
+    # help takes a command, then a group's verb.
+    expect "$(echo "$commands" | sort -u | tr '\n' ' ')" help ""
+    expect "delete get put " help kek ""
     # A global option's value is not taken for the command.
     expect "--keysize " --device-dir /tmp setup --keys
     expect "FILE " --prop a=b unlock --password-file ""

@@ -46,11 +46,6 @@ constexpr size_t kHeaderSize = 8 + 4 + 4 + 8 + 4 + 4;
 constexpr size_t kDigestSize = 32;
 constexpr size_t kMaxKeyLoc = 4096;
 
-const char kPlaceHelp[] =
-    "KEY_LOC is a secure-storage entry when ro.product.tavi.support_mdfpp is \"true\" and it does\n"
-    "not begin with '/'; otherwise it is the path of a metadata file, and the record lies at\n"
-    "--offset N in it.\n";
-
 struct Backup {
   bool secure_storage = false;
   uint64_t offset = 0;
@@ -207,21 +202,10 @@ std::string Summary(const Place& place, const std::vector<uint8_t>& image) {
 
 }  // namespace
 
-int RunBackup(const std::vector<std::string>& args) {
-  ArgParser parser(
-      "usage: tavikm backup KEY_LOC FILE|- [--offset N]",
-      std::string("Copies the stored record of KEY_LOC into a new FILE, with a "
-                  "header and a SHA-256\nthat restore checks; - writes it to standard "
-                  "output (not to a terminal). The\nrecord holds the wrapped master key: keep "
-                  "FILE as safe as the disk.\n\n") +
-          kPlaceHelp +
-          "\n"
-          "  --offset N               where the record lies in a metadata file (default 0)\n");
-  std::optional<std::string> offset;
-  parser.Value("--offset", &offset);
-  if (!parser.Parse(args, 2, 2)) return kExitOk;
-  Place place = ResolvePlace(parser.positional()[0], offset);
-  const std::string& file = parser.positional()[1];
+int RunBackup(const Invocation& in) {
+  std::optional<std::string> offset = in.Value("--offset");
+  Place place = ResolvePlace(in.positional()[0], offset);
+  const std::string& file = in.positional()[1];
   if (Standard(file) && isatty(STDOUT_FILENO)) {
     throw UsageError("a backup is not written to a terminal: redirect standard output");
   }
@@ -260,24 +244,11 @@ int RunBackup(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
-int RunRestore(const std::vector<std::string>& args) {
-  ArgParser parser(
-      "usage: tavikm restore KEY_LOC FILE|- [--offset N] [--force]",
-      std::string("Writes the record saved in FILE by tavikm backup back to KEY_LOC, replacing\n"
-                  "what is stored there; - reads it from standard input (not from a terminal).\n"
-                  "A FILE whose SHA-256 does not match is refused and nothing is written.\n\n") +
-          kPlaceHelp +
-          "\n"
-          "  --offset N               where to write it in a metadata file (default: where\n"
-          "                           it was taken)\n"
-          "  --force                  restore a backup taken of another key location\n");
-  std::optional<std::string> offset;
-  bool force = false;
-  parser.Value("--offset", &offset);
-  parser.Flag("--force", &force);
-  if (!parser.Parse(args, 2, 2)) return kExitOk;
-  Place place = ResolvePlace(parser.positional()[0], offset);
-  const std::string& file = parser.positional()[1];
+int RunRestore(const Invocation& in) {
+  std::optional<std::string> offset = in.Value("--offset");
+  bool force = in.Flag("--force");
+  Place place = ResolvePlace(in.positional()[0], offset);
+  const std::string& file = in.positional()[1];
   if (Standard(file) && isatty(STDIN_FILENO)) {
     throw UsageError("a backup is not read from a terminal: redirect standard input");
   }
@@ -319,23 +290,10 @@ int RunRestore(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
-int RunErase(const std::vector<std::string>& args) {
-  ArgParser parser(
-      "usage: tavikm erase KEY_LOC [--offset N] [--destroy-key]",
-      std::string("Removes the record of KEY_LOC as the library deletes one: a secure-storage\n"
-                  "entry is removed, a record in a metadata file is overwritten with zeros. A\n"
-                  "backup of it can still be restored. A KEK is refused (tavikm kek delete).\n\n") +
-          kPlaceHelp +
-          "\n"
-          "  --offset N               where the record is in a metadata file (default 0)\n"
-          "  --destroy-key            also delete the record's Keymaster key, so that no backup\n"
-          "                           of a kdf 4 or 5 record opens again\n");
-  std::optional<std::string> offset;
-  bool destroy_key = false;
-  parser.Value("--offset", &offset);
-  parser.Flag("--destroy-key", &destroy_key);
-  if (!parser.Parse(args, 1, 1)) return kExitOk;
-  Place place = ResolvePlace(parser.positional()[0], offset);
+int RunErase(const Invocation& in) {
+  std::optional<std::string> offset = in.Value("--offset");
+  bool destroy_key = in.Flag("--destroy-key");
+  Place place = ResolvePlace(in.positional()[0], offset);
   CheckRoom(place);
   auto check = [&](const RawRecord& raw) {
     if (raw.Empty()) {

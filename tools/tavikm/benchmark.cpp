@@ -62,21 +62,8 @@ std::string MiB(uint64_t bytes) {
 
 }  // namespace
 
-int RunBenchmark(const std::vector<std::string>& args) {
-  ArgParser parser(
-      "usage: tavikm benchmark [--unlock-ms N]",
-      "Times PBKDF2 (kdf 1 and 4) and scrypt (kdf 2 and 5) on this machine, and prints the\n"
-      "ro.crypto.scrypt_params value whose scrypt takes the longest here within --unlock-ms.\n"
-      "The figures and the proposal are this machine's, not a device's: a phone's CPU and\n"
-      "memory give other times, so run the benchmark where the property is to be set. scrypt\n"
-      "is timed with the default r and p (r=8, p=2) at growing N until one run takes an eighth\n"
-      "of the unlock time; larger N are estimated (scrypt's time grows with N), so the run\n"
-      "itself stays short. The scrypt line names the Salsa20/8 implementation that ran. kdf 5\n"
-      "adds one Keymaster signature to each unlock.\n\n"
-      "  --unlock-ms N            the time an unlock may take, 10 to 60000 ms (default 1000)\n");
-  std::optional<std::string> unlock_ms;
-  parser.Value("--unlock-ms", &unlock_ms);
-  if (!parser.Parse(args, 0, 0)) return kExitOk;
+int RunBenchmark(const Invocation& in) {
+  std::optional<std::string> unlock_ms = in.Value("--unlock-ms");
   uint64_t target = unlock_ms ? ParseUnsigned(*unlock_ms, "--unlock-ms") : 1000;
   if (target < 10 || target > 60000) throw UsageError("--unlock-ms must be from 10 to 60000");
 

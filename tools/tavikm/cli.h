@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Command-line plumbing of the tavikm tool: exit codes, the error that carries one, and a small
-// option parser shared by every command.
+// Command-line plumbing of the tavikm tool: exit codes, the error that carries one, the usage line
+// shown with a usage error, and number and hex texts.
 #ifndef TAVIKM_TOOLS_CLI_H_
 #define TAVIKM_TOOLS_CLI_H_
 
 #include <stdint.h>
 
-#include <functional>
-#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -43,39 +41,6 @@ inline ToolError UsageError(const std::string& sentence) {
 // Input the command cannot use (a missing or empty password file, passwords that differ): exit
 // status 1 like a usage error, without the usage line, which would not help.
 inline ToolError InputError(const std::string& sentence) { return ToolError(kExitUsage, sentence); }
-
-// Options of one command. Options may come before, between or after the positional arguments;
-// "--name value" and "--name=value" are both accepted, "--" ends the options.
-class ArgParser {
- public:
-  // `usage` is the command's one-line synopsis, `help` the text after it for --help.
-  ArgParser(std::string usage, std::string help);
-
-  void Flag(const std::string& name, bool* out);
-  void Value(const std::string& name, std::optional<std::string>* out);
-  // A repeatable option; each occurrence is appended.
-  void Repeated(const std::string& name, std::vector<std::string>* out);
-
-  // Parses `args`; returns false when --help was asked (the help is already printed). Throws a
-  // usage ToolError for unknown options, missing values and a wrong count of positionals.
-  bool Parse(const std::vector<std::string>& args, size_t min_positional, size_t max_positional);
-
-  const std::vector<std::string>& positional() const { return positional_; }
-  const std::string& usage() const { return usage_; }
-
- private:
-  struct Option {
-    std::string name;
-    bool takes_value;
-    std::function<void(const std::string&)> set;
-  };
-  const Option* Find(const std::string& name) const;
-
-  std::string usage_;
-  std::string help_;
-  std::vector<Option> options_;
-  std::vector<std::string> positional_;
-};
 
 // The usage line of the running command, printed after a usage error.
 void SetCurrentUsage(const std::string& usage);

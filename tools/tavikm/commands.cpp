@@ -31,24 +31,12 @@
 namespace tavikm_tool {
 namespace {
 
-const char kPasswordHelp[] =
-    "  --password-file FILE     read the password from the first line of FILE (- for\n"
-    "                           standard input) instead of asking on the terminal\n";
-
-const char kEmptyPasswordHelp[] =
-    "  --allow-empty-password   accept an empty new password (anyone can then unlock)\n";
-
 // An empty password protects nothing; it is taken only when asked for by name.
 void RefuseEmpty(const Password& password, bool allow_empty) {
   if (password.size() == 0 && !allow_empty) {
     throw InputError("an empty password is refused; --allow-empty-password accepts it");
   }
 }
-
-const char kPlaceHelp[] =
-    "KEY_LOC is a secure-storage entry when ro.product.tavi.support_mdfpp is \"true\" and it does\n"
-    "not begin with '/'; otherwise it is the path of a metadata file (16384 bytes), and the\n"
-    "record lies at --offset N (default 0) in it.\n";
 
 void PrintRow(const char* label, const std::string& value) {
   printf("  %-12s %s\n", label, TerminalText(value).c_str());
@@ -149,43 +137,16 @@ void ApplyProps(const std::vector<std::string>& props) {
   }
 }
 
-int RunSetup(const std::vector<std::string>& args) {
-  ArgParser parser(
-      "usage: tavikm setup KEY_LOC [--kdf default|1|2|4|5] [--keysize 16|32] [--offset N] "
-      "[--password-file FILE] [--allow-empty-password] [--show-key] [--force] [--allow-cost]",
-      std::string(
-          "Creates a record for KEY_LOC with a new random master key wrapped under a new\n"
-          "password, and prints where it is, its KDF and the master key's fingerprint.\n\n") +
-          kPlaceHelp +
-          "\n"
-          "  --kdf K                  1 PBKDF2, 2 scrypt, 4 PBKDF2 with REK, 5 scrypt bound to\n"
-          "                           Keymaster; default lets the library choose (4 in MDFPP\n"
-          "                           mode, else 5 or 2)\n"
-          "  --keysize B              master key length in bytes, 16 or 32 (default 32)\n"
-          "  --offset N               for a metadata file: where the record goes; no byte outside\n"
-          "                           it changes, and it may not overlap another record\n"
-          "  --show-key               also print the master key itself\n"
-          "  --force                  replace whatever the record's place holds (the old key is\n"
-          "                           lost)\n"
-          "  --allow-cost             derive even when the record asks for scrypt beyond\n"
-          "                           N·r·p·128 = 1 GiB\n" +
-          kPasswordHelp + kEmptyPasswordHelp);
-  std::optional<std::string> kdf, keysize, offset, password_file;
-  bool show_key = false, force = false, allow_empty = false;
-  parser.Value("--kdf", &kdf);
-  parser.Value("--keysize", &keysize);
-  parser.Value("--offset", &offset);
-  parser.Value("--password-file", &password_file);
-  parser.Flag("--show-key", &show_key);
-  parser.Flag("--force", &force);
-  bool allow_cost = false;
-  parser.Flag("--allow-cost", &allow_cost);
-  parser.Flag("--allow-empty-password", &allow_empty);
-  if (!parser.Parse(args, 1, 1)) return kExitOk;
+int RunSetup(const Invocation& in) {
+  std::optional<std::string> kdf = in.Value("--kdf"), keysize = in.Value("--keysize"),
+                             offset = in.Value("--offset"),
+                             password_file = in.Value("--password-file");
+  bool show_key = in.Flag("--show-key"), force = in.Flag("--force"),
+       allow_empty = in.Flag("--allow-empty-password"), allow_cost = in.Flag("--allow-cost");
   AllowAnyCost(allow_cost);
   uint32_t kdf_type = ParseKdf(kdf);
   uint64_t size = ParseKeysize(keysize);
-  Place place = ResolvePlace(parser.positional()[0], offset);
+  Place place = ResolvePlace(in.positional()[0], offset);
   CheckRoom(place);
   CheckFits(place);
   if (force && Holds(place)) {
@@ -206,33 +167,12 @@ int RunSetup(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
-int RunUnlock(const std::vector<std::string>& args) {
-  ArgParser parser(
-      "usage: tavikm unlock KEY_LOC [--offset N] [--password-file FILE] [--show-key] "
-      "[--allow-cost]",
-      std::string(
-          "Reads the record of KEY_LOC, unwraps its master key with the password and prints\n"
-          "the key's fingerprint. A record the library upgrades on the way (an older\n"
-          "generation, a Keymaster key bound to an older patch level) is stored again.\n\n") +
-          kPlaceHelp +
-          "\n"
-          "  --offset N               where the record lies in a metadata file (default 0)\n"
-          "  --show-key               also print the master key itself\n"
-          "  --allow-cost             derive even when the record asks for scrypt beyond\n"
-          "                           N·r·p·128 = 1 GiB\n" +
-          kPasswordHelp +
-          "\nExit status 2 means a wrong password. A key that opens only under the all-zero key\n"
-          "(whatever the password) is reported with a warning and exit status 4.\n");
-  std::optional<std::string> offset, password_file;
-  bool show_key = false;
-  parser.Value("--offset", &offset);
-  parser.Value("--password-file", &password_file);
-  parser.Flag("--show-key", &show_key);
-  bool allow_cost = false;
-  parser.Flag("--allow-cost", &allow_cost);
-  if (!parser.Parse(args, 1, 1)) return kExitOk;
+int RunUnlock(const Invocation& in) {
+  std::optional<std::string> offset = in.Value("--offset"),
+                             password_file = in.Value("--password-file");
+  bool show_key = in.Flag("--show-key"), allow_cost = in.Flag("--allow-cost");
   AllowAnyCost(allow_cost);
-  Place place = ResolvePlace(parser.positional()[0], offset);
+  Place place = ResolvePlace(in.positional()[0], offset);
   RequireRecord(place);
   Password password = ReadPassword(password_file, "Password for " + TerminalText(place.loc) + ": ");
   UnlockResult result = Unlock(place, password);
@@ -254,33 +194,13 @@ int RunUnlock(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
-int RunPasswd(const std::vector<std::string>& args) {
-  ArgParser parser(
-      "usage: tavikm passwd KEY_LOC [--offset N] [--password-file FILE] "
-      "[--new-password-file FILE] [--allow-empty-password] [--allow-cost]",
-      std::string("Changes the password of KEY_LOC: unwraps the master key with the old password,\n"
-                  "wraps the same key under the new one with a new salt, and stores the record\n"
-                  "only when that succeeded; on any failure the old record stays as it was.\n\n") +
-          kPlaceHelp +
-          "\n"
-          "  --offset N               where the record lies in a metadata file (default 0)\n"
-          "  --allow-cost             derive even when the record asks for scrypt beyond\n"
-          "                           N·r·p·128 = 1 GiB\n" +
-          kPasswordHelp +
-          "  --new-password-file FILE read the new password from FILE (- for standard input: the\n"
-          "                           line after the old password when both are -)\n" +
-          kEmptyPasswordHelp);
-  std::optional<std::string> offset, password_file, new_password_file;
-  parser.Value("--offset", &offset);
-  parser.Value("--password-file", &password_file);
-  parser.Value("--new-password-file", &new_password_file);
-  bool allow_cost = false;
-  parser.Flag("--allow-cost", &allow_cost);
-  bool allow_empty = false;
-  parser.Flag("--allow-empty-password", &allow_empty);
-  if (!parser.Parse(args, 1, 1)) return kExitOk;
+int RunPasswd(const Invocation& in) {
+  std::optional<std::string> offset = in.Value("--offset"),
+                             password_file = in.Value("--password-file"),
+                             new_password_file = in.Value("--new-password-file");
+  bool allow_cost = in.Flag("--allow-cost"), allow_empty = in.Flag("--allow-empty-password");
   AllowAnyCost(allow_cost);
-  Place place = ResolvePlace(parser.positional()[0], offset);
+  Place place = ResolvePlace(in.positional()[0], offset);
   CheckRoom(place);
   RequireRecord(place);
   Password old_password =
@@ -298,30 +218,11 @@ int RunPasswd(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
-int RunInspect(const std::vector<std::string>& args) {
-  ArgParser parser(
-      "usage: tavikm inspect KEY_LOC|--entry NAME|--file PATH [--offset N] [--json]",
-      std::string(
-          "Decodes every field of a stored record or KEK without a password and without the\n"
-          "library's checks: a secure-storage entry is read as stored (an older generation\n"
-          "shows its real length and is not upgraded), a file's 2704 bytes at the offset\n"
-          "are shown whatever they hold. An all-zero slot is reported as empty (exit status "
-          "3).\n\n") +
-          kPlaceHelp +
-          "\n"
-          "  --entry NAME             read the secure-storage entry NAME, whatever the MDFPP flag\n"
-          "                           says\n"
-          "  --file PATH              read PATH as a metadata file, whatever the MDFPP flag says\n"
-          "  --offset N               where the record lies in the file (default 0)\n"
-          "  --json                   print one JSON object instead of text\n");
-  std::optional<std::string> entry, file, offset;
-  bool json = false;
-  parser.Value("--entry", &entry);
-  parser.Value("--file", &file);
-  parser.Value("--offset", &offset);
-  parser.Flag("--json", &json);
-  if (!parser.Parse(args, 0, 1)) return kExitOk;
-  if (entry.has_value() + file.has_value() + !parser.positional().empty() != 1) {
+int RunInspect(const Invocation& in) {
+  std::optional<std::string> entry = in.Value("--entry"), file = in.Value("--file"),
+                             offset = in.Value("--offset");
+  bool json = in.Flag("--json");
+  if (entry.has_value() + file.has_value() + !in.positional().empty() != 1) {
     throw UsageError("give one of KEY_LOC, --entry NAME and --file PATH");
   }
   Place place;
@@ -330,7 +231,7 @@ int RunInspect(const std::vector<std::string>& args) {
     if (entry->empty()) throw UsageError("the entry name is empty");
     place = Place{true, *entry, 0};
   } else {
-    place = ResolvePlace(file ? *file : parser.positional()[0], offset, file.has_value());
+    place = ResolvePlace(file ? *file : in.positional()[0], offset, file.has_value());
   }
   OpenedPlace opened(place);  // shows the record as an interrupted change left it to stand
   RawRecord raw = ReadRaw(place);
@@ -353,108 +254,61 @@ int RunInspect(const std::vector<std::string>& args) {
   return kExitOk;
 }
 
-int RunKek(const std::vector<std::string>& args) {
-  const std::string usage = "usage: tavikm kek put|get|delete NAME [options]";
-  SetCurrentUsage(usage);
-  if (args.empty()) throw UsageError("missing kek command");
-  const std::string& verb = args[0];
-  std::vector<std::string> rest(args.begin() + 1, args.end());
-  const std::string store_help =
-      "KEKs live in secure storage, encrypted by the Keymaster, under NAME (a record's key\n"
-      "location is a name in the same store).\n";
-  if (verb == "--help" || verb == "-h") {
-    printf(
-        "%s\n%s\n  put NAME                 store a KEK\n  get NAME                 print a KEK's "
-        "fingerprint\n"
-        "  delete NAME              remove a KEK\nSee tavikm kek put|get|delete --help.\n",
-        usage.c_str(), store_help.c_str());
-    return kExitOk;
+int RunKekPut(const Invocation& in) {
+  std::optional<std::string> hex = in.Value("--hex"), key_file = in.Value("--key-file"),
+                             keysize = in.Value("--keysize");
+  bool random = in.Flag("--random"), show_key = in.Flag("--show-key"), force = in.Flag("--force");
+  CheckKeyLocation(in.positional()[0]);
+  if (hex.has_value() + key_file.has_value() + random != 1) {
+    throw UsageError("give exactly one of --hex, --key-file and --random");
   }
-  if (verb == "put") {
-    ArgParser parser(
-        "usage: tavikm kek put NAME --hex HEX|--key-file FILE|--random [--keysize 16|32] "
-        "[--show-key] [--force]",
-        store_help +
-            "\n"
-            "  --hex HEX                the KEK as hexadecimal text (16 or 32 bytes; visible to\n"
-            "                           other users in the process list, prefer --key-file)\n"
-            "  --key-file FILE          read the KEK as hexadecimal text from FILE (- for "
-            "standard\n"
-            "                           input)\n"
-            "  --random                 a new random KEK of --keysize bytes (default 32)\n"
-            "  --show-key               print the KEK itself, not only its fingerprint\n"
-            "  --force                  replace an existing entry of that name\n");
-    std::optional<std::string> hex, key_file, keysize;
-    bool random = false, show_key = false, force = false;
-    parser.Value("--hex", &hex);
-    parser.Value("--key-file", &key_file);
-    parser.Flag("--random", &random);
-    parser.Value("--keysize", &keysize);
-    parser.Flag("--show-key", &show_key);
-    parser.Flag("--force", &force);
-    if (!parser.Parse(rest, 1, 1)) return kExitOk;
-    CheckKeyLocation(parser.positional()[0]);
-    if (hex.has_value() + key_file.has_value() + random != 1) {
-      throw UsageError("give exactly one of --hex, --key-file and --random");
-    }
-    if (keysize && !random) throw UsageError("--keysize goes with --random");
-    KeyBytes kek;
-    if (random) {
-      kek.set_size(static_cast<size_t>(ParseKeysize(keysize)));
-      km_generate_drbg_bytes(nullptr, kek.data(), kek.size());
-    } else if (hex) {
-      kek = KeyFromHex(*hex, "--hex");
-    } else {
-      kek = KeyFromHex(ReadKeyFile(*key_file), *key_file);
-    }
-    const std::string& name = parser.positional()[0];
-    if (force && Holds(Place{true, name, 0})) {
-      ConfirmLoss("The KEK \"" + name +
-                  "\" is replaced: what it protects cannot be opened without it.");
-    }
-    PutKek(name, kek, force);
-    NoteChanged("the KEK \"" + name + "\" was stored");
-    printf("Stored the KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
-    PrintKey("kek", kek, show_key);
-    return kExitOk;
+  if (keysize && !random) throw UsageError("--keysize goes with --random");
+  KeyBytes kek;
+  if (random) {
+    kek.set_size(static_cast<size_t>(ParseKeysize(keysize)));
+    km_generate_drbg_bytes(nullptr, kek.data(), kek.size());
+  } else if (hex) {
+    kek = KeyFromHex(*hex, "--hex");
+  } else {
+    kek = KeyFromHex(ReadKeyFile(*key_file), *key_file);
   }
-  if (verb == "get") {
-    ArgParser parser(
-        "usage: tavikm kek get NAME [--show-key]",
-        store_help +
-            "\nPrints the KEK's length and fingerprint. When the library answers that\n"
-            "the Keymaster key was upgraded on the way, it is asked once more; the\n"
-            "library has then stored the entry NAME again with the upgraded key.\n\n"
-            "  --show-key               print the KEK itself too\n");
-    bool show_key = false;
-    parser.Flag("--show-key", &show_key);
-    if (!parser.Parse(rest, 1, 1)) return kExitOk;
-    const std::string& name = parser.positional()[0];
-    bool asked_twice = false;
-    KeyBytes kek = GetKek(name, &asked_twice);
-    if (asked_twice) NoteChanged("the KEK \"" + name + "\" was stored again");
-    printf("KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
-    PrintKey("kek", kek, show_key);
-    if (asked_twice) {
-      printf("Note: its Keymaster key was upgraded on the way and the KEK asked for again.\n");
-    }
-    return kExitOk;
+  const std::string& name = in.positional()[0];
+  if (force && Holds(Place{true, name, 0})) {
+    ConfirmLoss("The KEK \"" + name +
+                "\" is replaced: what it protects cannot be opened without it.");
   }
-  if (verb == "delete") {
-    ArgParser parser("usage: tavikm kek delete NAME", store_help);
-    if (!parser.Parse(rest, 1, 1)) return kExitOk;
-    const std::string& name = parser.positional()[0];
-    CheckKeyLocation(name);
-    if (Holds(Place{true, name, 0})) {
-      ConfirmLoss("The KEK \"" + name +
-                  "\" is deleted: what it protects cannot be opened without it.");
-    }
-    DeleteKek(name);
-    NoteChanged("the KEK \"" + name + "\" was deleted");
-    printf("Deleted the KEK \"%s\"\n", TerminalText(name, true).c_str());
-    return kExitOk;
+  PutKek(name, kek, force);
+  NoteChanged("the KEK \"" + name + "\" was stored");
+  printf("Stored the KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
+  PrintKey("kek", kek, show_key);
+  return kExitOk;
+}
+
+int RunKekGet(const Invocation& in) {
+  bool show_key = in.Flag("--show-key");
+  const std::string& name = in.positional()[0];
+  bool asked_twice = false;
+  KeyBytes kek = GetKek(name, &asked_twice);
+  if (asked_twice) NoteChanged("the KEK \"" + name + "\" was stored again");
+  printf("KEK \"%s\" (%zu bytes)\n", TerminalText(name, true).c_str(), kek.size());
+  PrintKey("kek", kek, show_key);
+  if (asked_twice) {
+    printf("Note: its Keymaster key was upgraded on the way and the KEK asked for again.\n");
   }
-  throw UsageError("unknown kek command " + verb);
+  return kExitOk;
+}
+
+int RunKekDelete(const Invocation& in) {
+  const std::string& name = in.positional()[0];
+  CheckKeyLocation(name);
+  if (Holds(Place{true, name, 0})) {
+    ConfirmLoss("The KEK \"" + name +
+                "\" is deleted: what it protects cannot be opened without it.");
+  }
+  DeleteKek(name);
+  NoteChanged("the KEK \"" + name + "\" was deleted");
+  printf("Deleted the KEK \"%s\"\n", TerminalText(name, true).c_str());
+  return kExitOk;
 }
 
 }  // namespace tavikm_tool

@@ -237,17 +237,9 @@ class Tour {
 
 }  // namespace
 
-int RunDemo(const std::vector<std::string>& args, const Globals& globals) {
-  ArgParser parser("usage: tavikm demo [--keep]",
-                   "A narrated tour of the library: setup and unlock with every KDF, a wrong\n"
-                   "password, CBC-only mode, a password change, a Keymaster key upgrade, an old\n"
-                   "record upgraded, KEKs. It runs in a new device directory that is removed at\n"
-                   "the end (kept when a step fails). Global --prop settings apply on top of the\n"
-                   "demo's own (scrypt parameters 10:0:0).\n\n"
-                   "  --keep         keep the device directory\n");
-  bool keep = false;
-  parser.Flag("--keep", &keep);
-  if (!parser.Parse(args, 0, 0)) return kExitOk;
+int RunDemo(const Invocation& in) {
+  bool keep = in.Flag("--keep");
+  const Globals& globals = in.globals();
   if (globals.device_dir_given) {
     throw UsageError("demo makes its own device directory; --device-dir does not apply");
   }

@@ -306,22 +306,12 @@ std::string ItemJson(const std::string& key_member, const Item& item) {
 
 }  // namespace
 
-int RunList(const std::vector<std::string>& args) {
-  ArgParser parser(
-      "usage: tavikm list [FILE]... [--json]",
-      "Lists the entries of secure storage, records and KEKs, with their KDF (type, then the\n"
-      "scrypt factors N:r:p), their key size in bytes and their generation; and for each\n"
-      "metadata FILE (a regular file or a block device), the records at every byte offset\n"
-      "that holds one: the whole FILE is read, with a status line on a terminal while that\n"
-      "takes long. Names are shown with control characters as \\xNN. No password is needed.\n\n"
-      "  --json                   print one JSON object instead of tables\n");
-  bool json = false;
-  parser.Flag("--json", &json);
-  if (!parser.Parse(args, 0, SIZE_MAX)) return kExitOk;
+int RunList(const Invocation& in) {
+  bool json = in.Flag("--json");
   std::string dir = tavikm_host::DevicePath("kmstore");
   std::vector<Item> entries = SecureStorageItems(dir);
   std::vector<std::pair<std::string, std::vector<Item>>> files;
-  for (const std::string& path : parser.positional()) files.push_back({path, FileItems(path)});
+  for (const std::string& path : in.positional()) files.push_back({path, FileItems(path)});
 
   if (json) {
     std::string out =
