@@ -20,8 +20,9 @@ demo: deps
 	cmake --build --preset default -j $(JOBS) --target tavikm_tool
 	build/default/tools/tavikm demo
 
+# Then what this machine could not run, with the reasons (CTest shows only failures' output).
 test: build
-	ctest --preset default -j $(JOBS)
+	ctest --preset default -j $(JOBS); status=$$?; scripts/show-skips build/default; exit $$status
 
 asan-test: deps
 	cmake --preset asan
