@@ -175,11 +175,20 @@ std::string LibraryCause() {
     }
   }
   // Otherwise the library's own words: its first error line, less the trace of the record's
-  // place that km_get_km_meta logs as an error at every read.
+  // place that km_get_km_meta logs as an error at every read. A Keymaster that no longer knows
+  // the record's key (INVALID_KEY_BLOB) gets a plain sentence first.
   for (const Seen& seen : g_seen) {
     if (seen.priority < ANDROID_LOG_ERROR || seen.text.rfind("key_loc=", 0) == 0) continue;
     std::string text = Flatten(seen.text.c_str());
-    if (!text.empty()) return "the library says \"" + text + "\"";
+    if (text.empty()) continue;
+    const std::string invalid_blob = "code -33";
+    if (text.size() >= invalid_blob.size() &&
+        text.compare(text.size() - invalid_blob.size(), invalid_blob.size(), invalid_blob) == 0) {
+      return "the Keymaster no longer accepts the record's key (deleted, as erase --destroy-key "
+             "does, or not this device's); the library says \"" +
+             text + "\"";
+    }
+    return "the library says \"" + text + "\"";
   }
   return "";
 }
