@@ -5,7 +5,14 @@
 // against the same table by tool_docs_test and against --help by tool_completion_test).
 #include <gtest/gtest.h>
 
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <map>
+#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -232,6 +239,194 @@ TEST_F(ToolTableTest, GlobalOptionsAreTheTables) {
   EXPECT_EQ(Exec({TAVIKM_TOOL_PATH, "--version"}).out.rfind("tavikm ", 0), 0u);
   ToolResult flag_value = Exec({TAVIKM_TOOL_PATH, "--batch=1", "version"});
   EXPECT_EQ(flag_value.err, "tavikm: --batch takes no value\n" + usage + "\n");
+}
+
+// The hunt over command lines: random words from the table's own vocabulary (commands, verbs,
+// every option, values that are wrong in every way) against a device holding records and a KEK.
+// Whatever the line, the tool ends with a status of 0 to 4 and, on failure, one sentence (and
+// the usage line after a usage error); a line that fails changes no stored byte, and only the
+// commands that replace or remove may change any. TAVIKM_ARGS_SEED and TAVIKM_ARGS_RUNS set the
+// hunt.
+class CommandLineHuntTest : public ToolTableTest {
+ protected:
+  using Snapshot = std::map<std::string, std::vector<uint8_t>>;
+  // Every stored byte: the metadata file and each secure-storage file.
+  Snapshot Take() {
+    Snapshot snapshot;
+    snapshot[MetadataFile()] = ReadFile(MetadataFile());
+    for (const auto& file : std::filesystem::recursive_directory_iterator(Path("kmstore"))) {
+      if (file.is_regular_file()) snapshot[file.path().string()] = ReadFile(file.path().string());
+    }
+    return snapshot;
+  }
+  void Put(const Snapshot& snapshot) {
+    std::filesystem::remove_all(Path("kmstore"));
+    for (const auto& [path, bytes] : snapshot) {
+      std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+      WriteFile(path, bytes);
+    }
+  }
+};
+
+TEST_F(CommandLineHuntTest, AnyCommandLineEndsInOneSentenceAndLosesNothing) {
+  const char* seed_text = getenv("TAVIKM_ARGS_SEED");
+  const char* runs_text = getenv("TAVIKM_ARGS_RUNS");
+  const unsigned seed = seed_text ? static_cast<unsigned>(strtoul(seed_text, nullptr, 10)) : 25;
+  // Each run is a process; under an emulator (valgrind, qemu) a few cost what many do here.
+  const bool emulated = std::string(TAVIKM_TOOL_EMULATOR).size() > 0;
+  const size_t runs = runs_text ? strtoul(runs_text, nullptr, 10) : (emulated ? 20 : 600);
+  std::mt19937 random(seed);
+
+  props_ = {kMdfpp};
+  ASSERT_EQ(Setup("userdata", "pw", {"--kdf", "2"}).status, 0);
+  ASSERT_EQ(Tool({"kek", "put", "vold", "--random"}).status, 0);
+  props_ = {};
+  ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "1"}).status, 0);
+  ASSERT_EQ(Setup(MetadataFile(), "pw", {"--kdf", "2", "--offset", "2704"}).status, 0);
+  ASSERT_EQ(Tool({"backup", MetadataFile(), Scratch("meta.bak")}).status, 0);
+  const Snapshot before = Take();
+
+  // The vocabulary. demo and benchmark run for seconds and touch no record: left out.
+  Args commands, options;
+  std::vector<EntryPath> entries;
+  std::set<std::string> changing = {"setup", "passwd", "restore", "erase", "put", "delete"};
+  for (const EntryPath& path : Entries()) {
+    const std::string name = path.back()->name;
+    if (name == "demo" || name == "benchmark") continue;
+    commands.push_back(name);
+    for (const Option* option : path.back()->options) options.push_back(option->name);
+    // The commands that write, where a slip loses a key, come up three times as often.
+    if (path.back()->verbs.empty())
+      entries.insert(entries.end(), changing.count(name) ? 3 : 1, path);
+  }
+  // Not --device-dir: a random one would be a folder outside the test's.
+  for (const Option* option : GlobalOptions()) {
+    if (option->name == std::string("--device-dir")) continue;
+    options.push_back(option->name);
+    if (option->short_name) options.push_back(option->short_name);
+  }
+  // A KEY_LOC that is no absolute path names a file in the current folder: a scratch one.
+  const std::string cwd = Scratch("cwd");
+  std::filesystem::create_directories(cwd);
+  in_child_ = [cwd] {
+    if (chdir(cwd.c_str()) != 0) _exit(125);
+  };
+  const Args values = {MetadataFile(),
+                       "userdata",
+                       "vold",
+                       Scratch("meta.bak"),
+                       Scratch("none"),
+                       PasswordFile("pw"),
+                       PasswordFile("wrong"),
+                       "-",
+                       "--",
+                       "",
+                       "0",
+                       "1",
+                       "2",
+                       "5",
+                       "16",
+                       "32",
+                       "2704",
+                       "16383",
+                       "-1",
+                       "18446744073709551616",
+                       "x=y",
+                       "ro.crypto.scrypt_params=10:0:0",
+                       "/",
+                       "a\x1b[2Jb",
+                       "\xff\xfe",
+                       std::string(300, 'k'),
+                       "--offset=2704",
+                       "--password-file=-"};
+  const Args places = {MetadataFile(), "userdata", "vold", "other", "meta", Scratch("new")};
+  const Args backups = {Scratch("meta.bak"), Scratch("out.bak"), "-", Scratch("none")};
+  const std::vector<std::pair<std::string, Args>> kinds_of = {
+      {"password-file", {PasswordFile("pw"), PasswordFile("wrong"), PasswordFile("new")}},
+      {"offset", {"0", "2704", "5408", "1", "13680"}},
+      {"kdf", {"1", "2", "4", "5", "default"}},
+      {"keysize", {"16", "32", "64"}},
+      {"key-file", {Scratch("meta.bak"), PasswordFile("pw")}},
+  };
+  auto pick = [&](const Args& from) { return from[random() % from.size()]; };
+
+  size_t failures = 0;
+  std::map<int, size_t> statuses;
+  for (size_t run = 0; run < runs && failures < 5; ++run) {
+    Args words;
+    if (random() % 2) {
+      // A line as a user would write it: an entry, a place, its own options with values.
+      const EntryPath& path = entries[random() % entries.size()];
+      words = Words(path);
+      for (const tavikm_tool::Operand& operand : path.back()->operands) {
+        const bool file = operand.text && std::string(operand.text).find("FILE") == 0;
+        for (size_t i = 0; i < std::max<size_t>(operand.min, random() % 2); ++i)
+          words.push_back(file ? pick(backups) : pick(places));
+      }
+      const std::vector<const Option*>& own = path.back()->options;
+      for (const Option* option : own) {
+        if (std::string(option->name) == "--password-file" && random() % 4) {
+          words.insert(words.end(), {"--password-file", PasswordFile(random() % 3 ? "pw" : "x")});
+        }
+      }
+      for (size_t n = own.empty() ? 0 : random() % 5; n > 0; --n) {
+        const Option* option = own[random() % own.size()];
+        words.push_back(option->name);
+        if (!option->TakesValue()) continue;
+        // Mostly a value of the option's own kind, so that lines get past the parser.
+        const std::string name = option->name;
+        const auto own_kind = std::find_if(kinds_of.begin(), kinds_of.end(), [&](const auto& kind) {
+          return name.find(kind.first) != std::string::npos;
+        });
+        words.push_back(own_kind != kinds_of.end() && random() % 4 ? pick(own_kind->second)
+                                                                   : pick(values));
+      }
+    } else {
+      // Any words at all.
+      const std::vector<const Args*> kinds = {&commands, &options, &values};
+      if (random() % 8 != 0) words.push_back(pick(commands));
+      for (size_t n = random() % 7; n > 0; --n) words.push_back(pick(*kinds[random() % 3]));
+    }
+    // Secure storage mostly where a line names an entry, metadata files mostly elsewhere.
+    const bool names_entry = std::any_of(words.begin(), words.end(), [](const std::string& w) {
+      return w == "userdata" || w == "vold" || w == "other";
+    });
+    props_ = random() % 4 < (names_entry ? 3u : 1u) ? Args{kMdfpp} : Args{};
+    hang_guard_seconds_ = 60;
+    ToolResult result = Tool(words);
+    ++statuses[result.status];
+    const Snapshot after = Take();
+    bool may_change = result.status == 0;
+    if (may_change) {
+      may_change = false;
+      for (const std::string& word : words) may_change = may_change || changing.count(word);
+    }
+    std::vector<std::string> lines;
+    std::stringstream err(result.err);
+    for (std::string line; std::getline(err, line);) lines.push_back(line);
+    bool held = result.status >= 0 && result.status <= 4 && (after == before || may_change);
+    if (result.status != 0) {
+      held = held && !lines.empty() && result.err.back() == '\n' &&
+             lines[0].rfind("tavikm: ", 0) == 0 &&
+             (lines.size() == 1 ||
+              (lines.size() == 2 && result.status == 1 && lines[1].rfind("usage: tavikm", 0) == 0));
+    }
+    if (!held) {
+      ++failures;
+      ADD_FAILURE() << "seed " << seed << ", run " << run << ": tavikm "
+                    << ::testing::PrintToString(words) << " (props "
+                    << ::testing::PrintToString(props_) << ") exited " << result.status
+                    << (after == before ? "" : ", stored bytes changed") << "\n"
+                    << result.err;
+    }
+    if (after != before) Put(before);
+  }
+  std::string tally;
+  for (const auto& [status, count] : statuses) {
+    tally +=
+        (tally.empty() ? "" : ", ") + std::to_string(count) + " exited " + std::to_string(status);
+  }
+  printf("command lines: %zu runs from seed %u: %s\n", runs, seed, tally.c_str());
 }
 
 // The README quotes usage lines as the tool prints them; each must be one the table makes.
